@@ -1,0 +1,69 @@
+# Mendaris K: `make demo`, `make test`, `make bench`.
+# Every target installs missing Debian packages first (as root), then builds
+# with CMake into build/<mode>.
+
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+CMAKE_FLAGS ?=
+CTEST = ctest --output-on-failure -j$(JOBS)
+
+.PHONY: all deps native win64 win32 native32 asan tsan windows test test-native test-asan test-tsan demo bench fuzz clean
+
+all: native
+
+deps:
+	@bash scripts/ensure-deps.sh
+
+native: deps
+	@cmake -S . -B build/native -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/native -j$(JOBS)
+
+win64: deps
+	@cmake -S . -B build/win64 -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-x86_64.cmake -DCMAKE_BUILD_TYPE=Release \
+	  -DMENDARIS_TESTS=OFF -DMENDARIS_CLI=OFF -DMENDARIS_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/win64 -j$(JOBS)
+
+win32: deps
+	@cmake -S . -B build/win32 -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-i686.cmake -DCMAKE_BUILD_TYPE=Release \
+	  -DMENDARIS_TESTS=OFF -DMENDARIS_CLI=OFF -DMENDARIS_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/win32 -j$(JOBS)
+
+# The whole engine and stand-in host as 32-bit x86 code, SSE2 arithmetic.
+native32: deps
+	@cmake -S . -B build/native32 -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 \
+	  -DMENDARIS_TESTS=OFF -DMENDARIS_CLI=OFF -DMENDARIS_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/native32 -j$(JOBS)
+
+asan: deps
+	@cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMENDARIS_SANITIZE=address \
+	  -DMENDARIS_CLI=OFF -DMENDARIS_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/asan -j$(JOBS)
+
+tsan: deps
+	@cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMENDARIS_SANITIZE=thread \
+	  -DMENDARIS_CLI=OFF -DMENDARIS_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/tsan -j$(JOBS) --target MendarisK $(shell ls tests/job_pool*_test.cpp 2>/dev/null | xargs -rn1 basename | sed 's/\.cpp$$//')
+
+windows: win64 win32
+
+test: native windows native32 asan tsan
+	@$(MAKE) --no-print-directory test-native test-asan test-tsan
+
+test-native:
+	cd build/native && $(CTEST)
+
+test-asan:
+	cd build/asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 $(CTEST) -E '^script\.'
+
+test-tsan:
+	@if ls tests/job_pool*_test.cpp >/dev/null 2>&1; then \
+	  cd build/tsan && TSAN_OPTIONS=halt_on_error=1 $(CTEST) -R '^JobPool'; \
+	else echo "no job-pool tests yet"; fi
+
+demo: native
+	@bash scripts/demo.sh
+
+bench: native
+	@bash scripts/bench.sh
+
+clean:
+	rm -rf build

@@ -1,0 +1,117 @@
+// POSIX threads, events and memory behind platform.h.
+#include <pthread.h>
+#include <sched.h>
+#include <stdlib.h>
+
+#include "platform/platform.h"
+
+// One lock and one condition serve every event of the process: waits are few
+// and long (a unit of work each), and a wait for any one of several events
+// needs a condition shared by all of them.
+struct PlatformEventRecord {
+  bool signalled;
+};
+
+namespace {
+
+pthread_mutex_t eventLock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t eventChanged = PTHREAD_COND_INITIALIZER;
+
+struct ThreadStart {
+  PlatformThreadEntry entry;
+  void* argument;
+};
+
+void* threadMain(void* raw) {
+  ThreadStart start = *static_cast<ThreadStart*>(raw);
+  free(raw);
+  start.entry(start.argument);
+  return nullptr;
+}
+
+}  // namespace
+
+bool platformStartThread(PlatformThreadEntry entry, void* argument, uint32_t stackBytes) {
+  ThreadStart* start = static_cast<ThreadStart*>(malloc(sizeof(ThreadStart)));
+  if (start == nullptr) return false;
+  start->entry = entry;
+  start->argument = argument;
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // The sanitizers' own frames need more room than the work does.
+  stackBytes *= 8;
+#endif
+  size_t size = size_t(stackBytes) < size_t(PTHREAD_STACK_MIN) ? size_t(PTHREAD_STACK_MIN) : size_t(stackBytes);
+  pthread_attr_setstacksize(&attributes, size);
+  pthread_t thread;
+  int failed = pthread_create(&thread, &attributes, threadMain, start);
+  pthread_attr_destroy(&attributes);
+  if (failed != 0) {
+    free(start);
+    return false;
+  }
+  return true;
+}
+
+PlatformEvent platformCreateEvent() {
+  PlatformEvent event = static_cast<PlatformEvent>(malloc(sizeof(PlatformEventRecord)));
+  if (event != nullptr) event->signalled = false;
+  return event;
+}
+
+void platformCloseEvent(PlatformEvent event) { free(event); }
+
+bool platformSetEvent(PlatformEvent event) {
+  if (event == nullptr) return false;
+  pthread_mutex_lock(&eventLock);
+  event->signalled = true;
+  pthread_cond_broadcast(&eventChanged);
+  pthread_mutex_unlock(&eventLock);
+  return true;
+}
+
+void platformResetEvent(PlatformEvent event) {
+  if (event == nullptr) return;
+  pthread_mutex_lock(&eventLock);
+  event->signalled = false;
+  pthread_mutex_unlock(&eventLock);
+}
+
+void platformWaitEvent(PlatformEvent event) { platformWaitAnyEvent(&event, 1); }
+
+int platformWaitAnyEvent(PlatformEvent* events, int count) {
+  pthread_mutex_lock(&eventLock);
+  for (;;) {
+    for (int i = 0; i < count; ++i) {
+      if (events[i] != nullptr && events[i]->signalled) {
+        events[i]->signalled = false;
+        pthread_mutex_unlock(&eventLock);
+        return i;
+      }
+    }
+    pthread_cond_wait(&eventChanged, &eventLock);
+  }
+}
+
+int platformProcessorCount() {
+#if defined(__linux__)
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  if (sched_getaffinity(0, sizeof(set), &set) == 0) {
+    int n = CPU_COUNT(&set);
+    if (n > 0) return n;
+  }
+#endif
+  return 1;
+}
+
+void* platformGlobalAlloc(size_t size) { return calloc(1, size == 0 ? 1 : size); }
+
+void platformGlobalFree(void* block) { free(block); }
+
+void* platformModuleHandle() {
+  static int anchor;
+  return &anchor;
+}

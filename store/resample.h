@@ -1,0 +1,75 @@
+// Five-tap resampling: a store read at a fractional position of one pyramid
+// level through the separable 5 x 5 filter of the store's kernel table, and
+// two adjacent levels blended for a fractional level. The only way colour is
+// read between pixel centres.
+//
+// Positions are floats in pixels of the level, a pixel's centre at its integer
+// coordinate. Results are in the store's own value range (about 0..255 for
+// 8 bits, 0..32768 for 16 bits, as stored for floats); the filter's negative
+// lobes can take them slightly outside, and nothing here clamps. The kernels
+// never test `tiles`: an empty store must not reach them.
+//
+// All functions are pure over read-only stores: any number of threads may run
+// them at once.
+#pragma once
+
+#include <stdint.h>
+
+#include "store/pixel_store.h"
+
+// The 5 x 5 filter at (x, y) of `level`. Specialised for kinds 3 (8-bit words),
+// 4 (16-bit) and 9 (float), each written out flat: integer kinds in 32-bit
+// integer arithmetic on the integer weight rows, floats in single precision.
+template <int32_t kKind>
+void filterPixel(const PixelStore* store, int32_t level, float x, float y, float* outR, float* outG, float* outB,
+                 float* outA);
+template <>
+void filterPixel<kKindRgba8>(const PixelStore* store, int32_t level, float x, float y, float* outR, float* outG,
+                             float* outB, float* outA);
+template <>
+void filterPixel<kKindRgba16>(const PixelStore* store, int32_t level, float x, float y, float* outR, float* outG,
+                              float* outB, float* outA);
+template <>
+void filterPixel<kKindRgbaFloat>(const PixelStore* store, int32_t level, float x, float y, float* outR,
+                                 float* outG, float* outB, float* outA);
+
+// The same filter on one-value kinds 0 (bytes), 1 (16-bit, the total scaled by
+// 2^-30 with no per-row division) and 5 (float).
+template <int32_t kKind>
+float filterScalar(const PixelStore* store, int32_t level, float x, float y);
+template <>
+float filterScalar<kKindGray8>(const PixelStore* store, int32_t level, float x, float y);
+template <>
+float filterScalar<kKindGray16>(const PixelStore* store, int32_t level, float x, float y);
+template <>
+float filterScalar<kKindFloat>(const PixelStore* store, int32_t level, float x, float y);
+
+// Unit coordinates (u, v) at level + frac, for kinds 3, 4 and 9. The level is
+// limited to 0..topLevel - 1, so that the level above always exists; with frac
+// exactly 0 one level is read, else the two are mixed as a + (b - a) * frac.
+template <int32_t kKind>
+void filterPixelBlend(const PixelStore* store, int32_t level, float frac, float u, float v, float* outR,
+                      float* outG, float* outB, float* outA);
+
+// The one-value forms for kinds 0, 1 and 5. Kind 5 does not mix: frac exactly
+// 0 reads the level, anything else the level above alone.
+template <int32_t kKind>
+float filterBlendScalar(const PixelStore* store, int32_t level, float frac, float u, float v);
+
+// Chooses by the store's kind: 3, 9, 4 through filterPixelBlend; 0 and 1 give
+// the one value three times with alpha 255 or 32768; 5 the value with alpha
+// 1.0; any other kind 0.5 in all four.
+void filterBlendDispatch(const PixelStore* store, int32_t level, float frac, float u, float v, float* outR,
+                         float* outG, float* outB, float* outA);
+
+// filterBlendDispatch with the four results times valueToUnit: r, g, b, a in unit range.
+void filterUnitPixel(const PixelStore* store, int32_t level, float frac, float u, float v, float out[4]);
+
+// filterUnitPixel at pixel (x, y) of `level`: u = (x + 0.5) * invInnerWidth[level],
+// v = (y + 0.5) * invInnerHeight[level].
+void filterUnitPixelAt(const PixelStore* store, int32_t level, float frac, float x, float y, float out[4]);
+
+// The four-neighbour variant: the pixels at (u, v), one pixel right, one down
+// and both, each read with readUnitPixel, mixed bilinearly on the fractions of
+// the first point. Unit range out.
+void bilinearUnitPixel(float u, float v, const PixelStore* store, int32_t level, float out[4]);

@@ -1,0 +1,639 @@
+// Pixel stores: the level chain and its tables, tile layout and memory, every
+// accessor's clamping and dropping, the kind packings and unit conversions,
+// and the tile-count helpers.
+#include <gtest/gtest.h>
+
+#include <math.h>
+#include <stdint.h>
+#include <string.h>
+
+#include "store/memory_blocks.h"
+#include "store/pixel_store.h"
+
+namespace {
+
+// Owns a heap store for the length of a test.
+struct OwnedStore {
+  PixelStore* store;
+  OwnedStore(int32_t w, int32_t h, int32_t kind, bool bordered = false)
+      : store(pixelStoreCreate(w, h, kind, 0, bordered)) {}
+  ~OwnedStore() { pixelStoreDestroy(&store); }
+  PixelStore* operator->() const { return store; }
+};
+
+void expectLevel(const PixelStore* s, int level, int w, int h) {
+  EXPECT_EQ(s->levelWidth[level], w) << "level " << level;
+  EXPECT_EQ(s->levelHeight[level], h) << "level " << level;
+}
+
+// ---- kinds ------------------------------------------------------------------------------------------
+
+TEST(PixelKinds, TableGivesSizesPlanesAndScales) {
+  struct Row {
+    int32_t kind, bytes, planes, planeBytes;
+    float toUnit, toValue;
+  };
+  const Row rows[] = {
+      {0, 1, 1, 1, 1.0f / 255.0f, 255.0f},      {1, 2, 1, 2, 1.0f / 32768.0f, 32768.0f},
+      {2, 2, 1, 2, 1.0f, 1.0f},                 {3, 4, 4, 1, 1.0f / 255.0f, 255.0f},
+      {4, 8, 4, 2, 1.0f / 32768.0f, 32768.0f},  {5, 4, 1, 4, 1.0f, 1.0f},
+      {7, 6, 3, 2, 1.0f, 1.0f},                 {9, 16, 4, 4, 1.0f, 1.0f},
+  };
+  for (const Row& r : rows) {
+    PixelKindInfo info = pixelKindInfo(r.kind);
+    EXPECT_EQ(info.pixelBytes, r.bytes) << r.kind;
+    EXPECT_EQ(info.planes, r.planes) << r.kind;
+    EXPECT_EQ(info.planeBytes, r.planeBytes) << r.kind;
+    EXPECT_EQ(info.valueToUnit, r.toUnit) << r.kind;
+    EXPECT_EQ(info.unitToValue, r.toValue) << r.kind;
+  }
+  for (int32_t kind : {6, 8, 10, -1, 1000}) {
+    PixelKindInfo info = pixelKindInfo(kind);
+    EXPECT_EQ(info.pixelBytes, 0);
+    EXPECT_EQ(info.planes, 1);
+    EXPECT_EQ(info.planeBytes, 0);
+  }
+}
+
+TEST(PixelKinds, UnknownKindIsRefused) {
+  // A zero-byte pixel gets no tile memory, so the build fails rather than giving tiles of nothing.
+  EXPECT_EQ(pixelStoreCreate(10, 10, 6, 0, false), nullptr);
+}
+
+// ---- level chain ----------------------------------------------------------------------------------
+
+TEST(LevelChain, OneByOneHasTwoLevels) {
+  int32_t w, h;
+  levelSize(1, 1, 1, &w, &h);
+  EXPECT_EQ(w, 1);
+  EXPECT_EQ(h, 1);
+  levelSize(1, 1, 2, &w, &h);
+  EXPECT_EQ(w, 0);
+  EXPECT_EQ(h, 0);
+  EXPECT_EQ(lastLevel(1, 1), 1);
+  OwnedStore s(1, 1, kKindRgba8);
+  ASSERT_NE(s.store, nullptr);
+  EXPECT_EQ(s->topLevel, 1);
+  expectLevel(s.store, 0, 1, 1);
+  expectLevel(s.store, 1, 1, 1);
+  expectLevel(s.store, 2, 0, 0);
+  EXPECT_EQ(s->tileCount, 2);
+}
+
+TEST(LevelChain, ThreeByOne) {
+  OwnedStore s(3, 1, kKindRgba8);
+  ASSERT_NE(s.store, nullptr);
+  EXPECT_EQ(s->topLevel, 2);
+  expectLevel(s.store, 1, 2, 1);
+  expectLevel(s.store, 2, 1, 1);
+  expectLevel(s.store, 3, 0, 0);
+}
+
+TEST(LevelChain, ThousandBySixHundredRoundsOddSizesUp) {
+  const int32_t expected[][2] = {{1000, 600}, {500, 300}, {250, 150}, {126, 76}, {64, 38}, {32, 20},
+                                 {16, 10},    {8, 6},     {4, 4},     {2, 2},    {1, 1}};
+  for (int level = 0; level < 11; ++level) {
+    int32_t w, h;
+    levelSize(1000, 600, level, &w, &h);
+    EXPECT_EQ(w, expected[level][0]) << "level " << level;
+    EXPECT_EQ(h, expected[level][1]) << "level " << level;
+  }
+  int32_t w, h;
+  levelSize(1000, 600, 11, &w, &h);
+  EXPECT_EQ(w, 0);
+  EXPECT_EQ(h, 0);
+  EXPECT_EQ(lastLevel(1000, 600), 10);
+
+  OwnedStore s(1000, 600, kKindRgba16);
+  ASSERT_NE(s.store, nullptr);
+  EXPECT_EQ(s->topLevel, 10);
+  EXPECT_EQ(s->coarseLevel, 7);
+  for (int level = 0; level < 11; ++level) expectLevel(s.store, level, expected[level][0], expected[level][1]);
+}
+
+TEST(LevelChain, SizesAboveTwoAreEvenAndCoverTheLevelBelow) {
+  for (int32_t n = 1; n <= 3000; n += 7) {
+    for (int level = 1; level < kStoreLevels; ++level) {
+      int32_t below, belowH, here, hereH;
+      levelSize(n, 5, level - 1, &below, &belowH);
+      levelSize(n, 5, level, &here, &hereH);
+      if (here == 0) break;
+      if (here > 2) {
+        EXPECT_EQ(here % 2, 0) << n << " level " << level;
+      }
+      EXPECT_GE(2 * here, below) << n << " level " << level;  // never loses a column
+    }
+  }
+}
+
+TEST(LevelChain, LongThinImageStopsAtTwentyLevels) {
+  EXPECT_EQ(lastLevel(1 << 22, 1), kStoreLevels - 1);
+  EXPECT_EQ(lastLevel(0, 5), 0);
+}
+
+TEST(LevelTables, ScaleIsBaseWidthOverPowerOfTwo) {
+  OwnedStore s(1000, 600, kKindRgba8);
+  ASSERT_NE(s.store, nullptr);
+  EXPECT_EQ(s->levelScaleX[3], 125.0f);  // though level 3 is 126 wide
+  EXPECT_EQ(s->levelWidth[3], 126);
+  EXPECT_EQ(s->levelScaleY[3], 75.0f);
+  EXPECT_EQ(s->levelScaleX[10], 1000.0f / 1024.0f);
+  // Odd and awkward widths too: the scale is exact whatever rounding enlarged a level.
+  for (int32_t w : {1, 3, 7, 999, 1001, 4097, 12345}) {
+    OwnedStore t(w, 3, kKindGray8);
+    ASSERT_NE(t.store, nullptr);
+    for (int level = 0; level <= t->topLevel; ++level) {
+      EXPECT_EQ(t->levelScaleX[level], ldexpf(float(w), -level)) << w << " level " << level;
+    }
+  }
+}
+
+TEST(LevelTables, FieldsOfAPlainStore) {
+  OwnedStore s(300, 200, kKindRgba8);
+  ASSERT_NE(s.store, nullptr);
+  const PixelStore& p = *s.store;
+  EXPECT_EQ(p.levelMaxX[0], 299);
+  EXPECT_EQ(p.levelMaxY[0], 199);
+  EXPECT_EQ(p.levelSpanX[1], 149.0f);
+  EXPECT_EQ(p.refWidth[2], p.levelWidth[2]);
+  EXPECT_EQ(p.innerWidthF[0], 300.0f);
+  EXPECT_EQ(p.invInnerHeight[0], 1.0f / 200.0f);
+  EXPECT_EQ(p.aspectBaseWidth, 300);
+  EXPECT_EQ(p.aspectX, 1.5f);
+  EXPECT_EQ(p.aspectY, 1.0f);
+  EXPECT_EQ(p.heightOverWidth, 200.0f / 300.0f);
+  EXPECT_EQ(p.halfPixelU, 0.5f / 300.0f);
+  EXPECT_EQ(p.pixelBytes, 4);
+  EXPECT_EQ(p.planes, 4);
+  EXPECT_EQ(p.planeBytes, 1);
+  EXPECT_EQ(p.coordMode, 3);
+  EXPECT_EQ(p.edgeMode, 0);
+  EXPECT_EQ(p.lastSample, -1.0f);
+  EXPECT_EQ(p.loadState, 0);
+  EXPECT_EQ(p.initMark, -99);
+  EXPECT_TRUE(p.ownsItself);
+  EXPECT_FALSE(p.bordered);
+  // 300x200, 150x100, 76x50, 38x26, 20x14, 10x8, 6x4, 4x2, 2x1, 1x1
+  EXPECT_EQ(p.topLevel, 9);
+  int64_t area = 0;
+  for (int level = 0; level <= p.topLevel; ++level) area += int64_t(p.levelWidth[level]) * p.levelHeight[level];
+  EXPECT_EQ(p.totalBytes, area * 4);
+}
+
+TEST(LevelTables, BorderedStoreAddsOnePixelEachSide) {
+  // The distance field's store: the image plus its margin, as float with a border.
+  OwnedStore s(118, 68, kKindFloat, true);
+  ASSERT_NE(s.store, nullptr);
+  EXPECT_TRUE(s->bordered);
+  expectLevel(s.store, 0, 120, 70);
+  expectLevel(s.store, 1, 62, 36);  // inner 60 x 34: 59 is odd
+  EXPECT_EQ(s->innerWidthF[0], 118.0f);
+  EXPECT_EQ(s->innerWidthF[1], 60.0f);
+  EXPECT_EQ(s->invInnerWidth[0], 1.0f / 118.0f);
+  EXPECT_EQ(s->levelMaxX[0], 119);
+  EXPECT_EQ(s->pixelBytes, 4);
+  EXPECT_EQ(s->levelScaleX[1], 60.0f);  // half the stored base width
+  EXPECT_EQ(s->topLevel, lastLevel(118, 68));
+}
+
+// ---- tiles ----------------------------------------------------------------------------------------
+
+TEST(StoreTiles, Width513HasTwoTileColumnsBothFullWidth) {
+  OwnedStore s(513, 10, kKindRgba8);
+  ASSERT_NE(s.store, nullptr);
+  EXPECT_EQ(s->tilesAcross[0], 2);
+  VRect r = tileRect(s.store, 1);
+  EXPECT_EQ(r.left, 512);
+  EXPECT_EQ(r.right, 1024);  // a full tile of memory though only one column is image
+  EXPECT_EQ(r.top, 0);
+  EXPECT_EQ(r.bottom, 10);
+  // The last column of the second tile is addressable.
+  const int32_t channels[4] = {1, 2, 3, 4};
+  writeU8x4(512, 9, s.store, 0, channels);
+  uint32_t word;
+  memcpy(&word, s->tiles[1].pixels + (9 * 512 + 0) * 4, 4);
+  EXPECT_EQ(word, 0x01020304u);
+}
+
+TEST(StoreTiles, HeightOf512IsOneTileRowAnd513IsTwo) {
+  OwnedStore a(20, 512, kKindGray8);
+  ASSERT_NE(a.store, nullptr);
+  EXPECT_EQ(a->tilesAcross[0], 1);
+  EXPECT_EQ(a->firstTile[0], 0);
+  EXPECT_EQ(a->lastTile[0], 0);
+  EXPECT_EQ(a->tiles[0].rows, 512);
+
+  OwnedStore b(20, 513, kKindGray8);
+  ASSERT_NE(b.store, nullptr);
+  EXPECT_EQ(b->lastTile[0], 1);
+  EXPECT_EQ(b->tiles[0].rows, 512);
+  EXPECT_EQ(b->tiles[1].rows, 1);
+  EXPECT_EQ(b->tiles[1].top, 512);
+  VRect r = tileRect(b.store, 1);
+  EXPECT_EQ(r.top, 512);
+  EXPECT_EQ(r.bottom, 513);
+}
+
+TEST(StoreTiles, TableRunsLevelAfterLevelWithoutGaps) {
+  OwnedStore s(1500, 1100, kKindRgba16);
+  ASSERT_NE(s.store, nullptr);
+  int32_t expected = 0;
+  for (int level = 0; level <= s->topLevel; ++level) {
+    EXPECT_EQ(s->firstTile[level], expected) << level;
+    const int32_t across = (s->levelWidth[level] + 511) / 512;
+    const int32_t down = (s->levelHeight[level] + 511) / 512;
+    EXPECT_EQ(s->tilesAcross[level], across);
+    expected += across * down;
+    EXPECT_EQ(s->lastTile[level], expected - 1) << level;
+    for (int32_t t = s->firstTile[level]; t <= s->lastTile[level]; ++t) {
+      const StoreTile& tile = s->tiles[t];
+      const int32_t r = (t - s->firstTile[level]) / across;
+      const int32_t c = (t - s->firstTile[level]) % across;
+      EXPECT_EQ(tile.top, r * 512);
+      EXPECT_EQ(tile.left, c * 512);
+      EXPECT_EQ(tile.rows, r == down - 1 ? s->levelHeight[level] - r * 512 : 512);
+      EXPECT_EQ(tile.bufferId, -1);
+    }
+  }
+  EXPECT_EQ(s->tileCount, expected);
+  EXPECT_EQ(s->tileTableId, -1);
+  EXPECT_EQ(s->tilesReleased, 0);
+}
+
+TEST(StoreTiles, MemoryIsZeroWithFourSpareRows) {
+  // Under the sanitizer build a tile allocated any shorter makes this read fail.
+  for (int32_t kind : {kKindGray8, kKindRgba8, kKindRgba16, kKindFloat, kKindRgbaFloat}) {
+    OwnedStore s(600, 3, kind);
+    ASSERT_NE(s.store, nullptr);
+    const int32_t bytes = pixelKindInfo(kind).pixelBytes;
+    for (int32_t t = 0; t < s->tileCount; ++t) {
+      const StoreTile& tile = s->tiles[t];
+      const size_t size = size_t(tile.rows + kTileSpareRows) * 512 * size_t(bytes);
+      size_t nonZero = 0;
+      for (size_t i = 0; i < size; ++i) nonZero += tile.pixels[i] != 0;
+      EXPECT_EQ(nonZero, 0u) << "kind " << kind << " tile " << t;
+    }
+  }
+}
+
+// ---- creation, release, destruction -----------------------------------------------------------------
+
+TEST(StoreLifecycle, NonPositiveSizesAreRefused) {
+  EXPECT_EQ(pixelStoreCreate(0, 10, kKindRgba8, 0, false), nullptr);
+  EXPECT_EQ(pixelStoreCreate(10, 0, kKindRgba8, 0, false), nullptr);
+  EXPECT_EQ(pixelStoreCreate(-3, 10, kKindRgba8, 0, false), nullptr);
+  EXPECT_FALSE(pixelStoreBuild(nullptr, 10, 10, kKindRgba8, 0, false));
+}
+
+TEST(StoreLifecycle, ReleaseKeepsTheObjectAndEmptiesIt) {
+  OwnedStore s(700, 20, kKindRgba8);
+  ASSERT_NE(s.store, nullptr);
+  pixelStoreRelease(s.store);
+  EXPECT_EQ(s->tiles, nullptr);
+  EXPECT_EQ(s->tileCount, 0);
+  EXPECT_EQ(s->tilesReleased, 1);
+  EXPECT_EQ(s->tileTableId, -1);
+  pixelStoreRelease(s.store);  // twice is harmless
+  EXPECT_EQ(s->tiles, nullptr);
+  // An empty store reads 0 from the checked readers and ignores the checked writers.
+  EXPECT_EQ(readU8(3, 3, s.store, 0), 0);
+  EXPECT_EQ(readU16(3, 3, s.store, 0), 0);
+  EXPECT_EQ(readRaw32(3, 3, s.store, 0), 0u);
+  writeU8(3, 3, s.store, 0, 7);
+  writeU16(3, 3, s.store, 0, 7);
+  writeFloat(3, 3, s.store, 0, 7.0f);
+  writeRaw32(3, 3, s.store, 0, 7);
+  // And it can be built again.
+  ASSERT_TRUE(pixelStoreBuild(s.store, 40, 30, kKindRgbaFloat, 0, false));
+  EXPECT_EQ(s->levelWidth[0], 40);
+  EXPECT_EQ(s->kind, kKindRgbaFloat);
+  EXPECT_FALSE(s->ownsItself);  // the build clears it; only creation sets it
+  s->ownsItself = true;
+}
+
+TEST(StoreLifecycle, DestroyTwiceOrNullIsHarmless) {
+  PixelStore* s = pixelStoreCreate(10, 10, kKindGray8, 0, false);
+  ASSERT_NE(s, nullptr);
+  pixelStoreDestroy(&s);
+  EXPECT_EQ(s, nullptr);
+  pixelStoreDestroy(&s);
+  pixelStoreDestroy(nullptr);
+}
+
+TEST(StoreLifecycle, EmbeddedStoreIsReleasedNotFreed) {
+  PixelStore embedded;
+  memset(&embedded, 0, sizeof embedded);
+  pixelStoreInit(&embedded);
+  EXPECT_EQ(embedded.initMark, -99);
+  EXPECT_EQ(embedded.tiles, nullptr);
+  EXPECT_EQ(embedded.tileCount, 0);
+  ASSERT_TRUE(pixelStoreBuild(&embedded, 100, 50, kKindRgba16, 0, false));
+  // Built again without a release in between: the old tiles go first (the leak
+  // checker of the sanitizer build would see them otherwise).
+  ASSERT_TRUE(pixelStoreBuild(&embedded, 64, 64, kKindRgba16, 0, false));
+  PixelStore* pointer = &embedded;
+  pixelStoreDestroy(&pointer);
+  EXPECT_EQ(pointer, nullptr);
+  EXPECT_EQ(embedded.tiles, nullptr);  // the object itself lives on
+  EXPECT_EQ(embedded.tilesReleased, 1);
+}
+
+TEST(StoreLifecycle, InitFillsTheKernelTable) {
+  PixelStore s;
+  memset(&s, 0, sizeof s);
+  pixelStoreInit(&s);
+  EXPECT_EQ(s.kernelTable.weights2048[2][0], 1217);
+  EXPECT_EQ(s.kernelTable.weights32768[1][64], 3815);
+}
+
+// ---- geometry helpers -----------------------------------------------------------------------------
+
+TEST(StoreGeometry, LevelRectAndPointOutside) {
+  OwnedStore s(100, 60, kKindGray8);
+  ASSERT_NE(s.store, nullptr);
+  VRect r = levelRect(s.store, 1);
+  EXPECT_EQ(r.top, 0);
+  EXPECT_EQ(r.left, 0);
+  EXPECT_EQ(r.bottom, 30);
+  EXPECT_EQ(r.right, 50);
+  VRect empty = levelRect(s.store, s->topLevel + 1);
+  EXPECT_EQ(empty.bottom, 0);
+  EXPECT_EQ(empty.right, 0);
+  empty = levelRect(nullptr, 0);
+  EXPECT_EQ(empty.bottom, 0);
+  EXPECT_EQ(empty.right, 0);
+
+  EXPECT_FALSE(pointOutside(0, 0, s.store, 0));
+  EXPECT_FALSE(pointOutside(99, 59, s.store, 0));
+  EXPECT_TRUE(pointOutside(100, 0, s.store, 0));
+  EXPECT_TRUE(pointOutside(0, 60, s.store, 0));
+  EXPECT_TRUE(pointOutside(-1, 5, s.store, 0));
+  EXPECT_TRUE(pointOutside(5, -1, s.store, 0));
+  EXPECT_TRUE(pointOutside(50, 0, s.store, 1));
+}
+
+// ---- accessors --------------------------------------------------------------------------------------
+
+TEST(StoreAccess, ReadsClampAndOutsideWritesAreDropped) {
+  OwnedStore s(100, 100, kKindGray8);
+  ASSERT_NE(s.store, nullptr);
+  for (int y = 0; y < 100; ++y)
+    for (int x = 0; x < 100; ++x) writeU8(x, y, s.store, 0, (x * 7 + y * 3) & 0xff);
+  EXPECT_EQ(readU8(-5, 700, s.store, 0), readU8(0, 99, s.store, 0));
+  EXPECT_EQ(readU8(-5, 700, s.store, 0), (0 * 7 + 99 * 3) & 0xff);
+  EXPECT_EQ(readU8(1000, -1000, s.store, 0), (99 * 7) & 0xff);
+
+  // Writes at (-5, 700), one past each edge and at huge coordinates change nothing.
+  writeU8(-5, 700, s.store, 0, 1);
+  writeU8(100, 0, s.store, 0, 1);
+  writeU8(0, 100, s.store, 0, 1);
+  writeU8(INT32_MIN, INT32_MAX, s.store, 0, 1);
+  for (int y = 0; y < 100; ++y)
+    for (int x = 0; x < 100; ++x) ASSERT_EQ(readU8(x, y, s.store, 0), (x * 7 + y * 3) & 0xff) << x << "," << y;
+  // Writes only the low byte.
+  writeU8(4, 4, s.store, 0, 0x1ff);
+  EXPECT_EQ(readU8(4, 4, s.store, 0), 0xff);
+}
+
+TEST(StoreAccess, EveryWriterDropsOutsideTheLevel) {
+  OwnedStore f(10, 10, kKindFloat);
+  OwnedStore w(10, 10, kKindRgba8);
+  OwnedStore q(10, 10, kKindRgba16);
+  OwnedStore r(10, 10, kKindRgbaFloat);
+  OwnedStore t(10, 10, kKindSigned16x3);
+  OwnedStore g(10, 10, kKindGray16);
+  const int32_t v[4] = {9, 9, 9, 9};
+  const uint32_t words[4] = {9, 9, 9, 9};
+  const int32_t outside[][2] = {{-1, 0}, {0, -1}, {10, 0}, {0, 10}, {5, 5}};  // the last one is in level 1 only
+  for (const auto& p : outside) {
+    writeFloat(p[0], p[1], f.store, 1, 5.0f);
+    writeFloatNoCheck(p[0], p[1], f.store, 1, 5.0f);
+    writeRaw32(p[0], p[1], f.store, 1, 5);
+    writeU8x4(p[0], p[1], w.store, 1, v);
+    writeU16x4(p[0], p[1], q.store, 1, v);
+    writeWord4(p[0], p[1], r.store, 1, words);
+    writeI16x3(p[0], p[1], t.store, 1, v);
+    writeU16(p[0], p[1], g.store, 1, 5);
+  }
+  for (int y = 0; y < 5; ++y) {
+    for (int x = 0; x < 5; ++x) {
+      int32_t c[4];
+      uint32_t cw[4];
+      EXPECT_EQ(readFloat(x, y, f.store, 1), 0.0f);
+      readU8x4(x, y, w.store, 1, c);
+      EXPECT_EQ(c[0] | c[1] | c[2] | c[3], 0);
+      readU16x4(x, y, q.store, 1, c);
+      EXPECT_EQ(c[0] | c[1] | c[2] | c[3], 0);
+      readWord4(x, y, r.store, 1, cw);
+      EXPECT_EQ(cw[0] | cw[1] | cw[2] | cw[3], 0u);
+      readI16x3(x, y, t.store, 1, c);
+      EXPECT_EQ(c[0] | c[1] | c[2], 0);
+      EXPECT_EQ(readU16(x, y, g.store, 1), 0);
+    }
+  }
+}
+
+TEST(StoreAccess, Kind3PacksChannelZeroInTheTopByte) {
+  OwnedStore s(10, 10, kKindRgba8);
+  ASSERT_NE(s.store, nullptr);
+  const int32_t in[4] = {1, 2, 3, 4};
+  writeU8x4(3, 4, s.store, 0, in);
+  EXPECT_EQ(readRaw32(3, 4, s.store, 0), 0x01020304u);
+  int32_t out[4];
+  readU8x4(3, 4, s.store, 0, out);
+  EXPECT_EQ(out[0], 1);
+  EXPECT_EQ(out[1], 2);
+  EXPECT_EQ(out[2], 3);
+  EXPECT_EQ(out[3], 4);
+  // Only the low 8 bits of each channel reach the word.
+  const int32_t wide[4] = {0x1ab, 0x1ff, 0x102, -1};
+  writeU8x4(3, 4, s.store, 0, wide);
+  EXPECT_EQ(readRaw32(3, 4, s.store, 0), 0xabff02ffu);
+  // The dispatching pair takes the same road.
+  writeChannels(5, 5, s.store, 0, in);
+  readChannels(5, 5, s.store, 0, out);
+  EXPECT_EQ(out[3], 4);
+}
+
+TEST(StoreAccess, SixteenBitAndFloatKindsRoundTrip) {
+  OwnedStore q(10, 10, kKindRgba16);
+  const int32_t in[4] = {0, 1, 32768, 65535 + 7};
+  writeU16x4(2, 2, q.store, 0, in);
+  int32_t out[4];
+  readU16x4(2, 2, q.store, 0, out);
+  EXPECT_EQ(out[0], 0);
+  EXPECT_EQ(out[1], 1);
+  EXPECT_EQ(out[2], 32768);
+  EXPECT_EQ(out[3], 6);  // low 16 bits
+
+  OwnedStore r(10, 10, kKindRgbaFloat);
+  const float rgba[4] = {-1.5f, 70000.0f, 0.25f, 1.0f};
+  writeUnitPixel(1, 1, r.store, 0, rgba);
+  float back[4];
+  readUnitPixel(1, 1, r.store, 0, back);
+  for (int c = 0; c < 4; ++c) EXPECT_EQ(back[c], rgba[c]);
+  uint32_t words[4];
+  readWord4(1, 1, r.store, 0, words);
+  EXPECT_EQ(words[2], floatBits(0.25f));
+
+  OwnedStore t(10, 10, kKindSigned16x3);
+  const int32_t signedIn[3] = {-5, 40000, 7};
+  writeI16x3(0, 9, t.store, 0, signedIn);
+  readI16x3(0, 9, t.store, 0, out);
+  EXPECT_EQ(out[0], -5);
+  EXPECT_EQ(out[1], 40000 - 65536);
+  EXPECT_EQ(out[2], 7);
+
+  OwnedStore g(10, 10, kKindGray16);
+  writeU16Again(9, 0, g.store, 0, 0x12345);
+  EXPECT_EQ(readU16Again(9, 0, g.store, 0), 0x2345);
+  EXPECT_EQ(readScalar(9, 0, g.store, 0), 0x2345u);
+  EXPECT_EQ(readUnitScalar(9, 0, g.store, 0), float(0x2345 / 32768.0));
+}
+
+TEST(StoreAccess, FloatKindReadsAndWrites) {
+  OwnedStore f(30, 20, kKindFloat);
+  ASSERT_NE(f.store, nullptr);
+  writeFloat(29, 19, f.store, 0, -2.75f);
+  EXPECT_EQ(readFloat(29, 19, f.store, 0), -2.75f);
+  EXPECT_EQ(readFloat(500, 500, f.store, 0), -2.75f);
+  EXPECT_EQ(readFloatUnclamped(29, 19, f.store, 0), -2.75f);
+  EXPECT_EQ(readRaw32(29, 19, f.store, 0), floatBits(-2.75f));
+  writeRaw32(0, 0, f.store, 0, floatBits(3.5f));
+  EXPECT_EQ(readFloat(-1, -1, f.store, 0), 3.5f);
+  writeFloatNoCheck(1, 0, f.store, 0, 8.0f);
+  EXPECT_EQ(readUnitScalar(1, 0, f.store, 0), 8.0f);
+  writeUnitScalar(2, 0, f.store, 0, -0.125f);
+  EXPECT_EQ(readFloat(2, 0, f.store, 0), -0.125f);
+}
+
+TEST(StoreAccess, UnitPixelOfOneValueKinds) {
+  OwnedStore f(4, 4, kKindFloat);
+  writeFloat(1, 1, f.store, 0, 12.5f);
+  float out[4];
+  readUnitPixel(1, 1, f.store, 0, out);
+  EXPECT_EQ(out[0], 12.5f);
+  EXPECT_EQ(out[1], 12.5f);
+  EXPECT_EQ(out[2], 12.5f);
+  EXPECT_EQ(out[3], 1.0f);
+
+  OwnedStore g(4, 4, kKindGray8);
+  writeU8(2, 3, g.store, 0, 255);
+  readUnitPixel(2, 3, g.store, 0, out);
+  EXPECT_EQ(out[0], 1.0f);
+  EXPECT_EQ(out[2], 1.0f);
+  EXPECT_EQ(out[3], 1.0f);
+  EXPECT_EQ(readUnitScalar(2, 3, g.store, 0), 1.0f);
+  writeUnitScalar(0, 0, g.store, 0, 0.5f);  // trunc(127.5)
+  EXPECT_EQ(readU8(0, 0, g.store, 0), 127);
+  writeUnitScalar(0, 0, g.store, 0, 1.0f);
+  EXPECT_EQ(readU8(0, 0, g.store, 0), 255);
+}
+
+TEST(StoreAccess, EveryEightBitValueSurvivesAUnitRoundTrip) {
+  OwnedStore s(256, 1, kKindRgba8);
+  for (int v = 0; v < 256; ++v) {
+    const int32_t in[4] = {v, 255 - v, v, v};
+    writeU8x4(v, 0, s.store, 0, in);
+  }
+  for (int v = 0; v < 256; ++v) {
+    float unit[4];
+    readUnitPixel(v, 0, s.store, 0, unit);
+    EXPECT_EQ(unit[0], float(v) * float(1.0 / 255.0));
+    writeUnitPixel(v, 0, s.store, 0, unit);
+    int32_t back[4];
+    readU8x4(v, 0, s.store, 0, back);
+    ASSERT_EQ(back[0], v);
+    ASSERT_EQ(back[1], 255 - v);
+  }
+  OwnedStore g(256, 1, kKindGray8);
+  for (int v = 0; v < 256; ++v) {
+    writeU8(v, 0, g.store, 0, v);
+    float unit = readUnitScalar(v, 0, g.store, 0);
+    writeUnitScalar(v, 0, g.store, 0, unit);
+    ASSERT_EQ(readU8(v, 0, g.store, 0), v);
+  }
+}
+
+TEST(StoreAccess, EverySixteenBitValueSurvivesAUnitRoundTrip) {
+  OwnedStore s(512, 65, kKindRgba16);
+  for (int v = 0; v <= 32768; ++v) {
+    const int32_t in[4] = {v, 32768 - v, v, v};
+    writeU16x4(v & 511, v >> 9, s.store, 0, in);
+  }
+  for (int v = 0; v <= 32768; ++v) {
+    float unit[4];
+    readUnitPixel(v & 511, v >> 9, s.store, 0, unit);
+    writeUnitPixel(v & 511, v >> 9, s.store, 0, unit);
+    int32_t back[4];
+    readU16x4(v & 511, v >> 9, s.store, 0, back);
+    ASSERT_EQ(back[0], v);
+    ASSERT_EQ(back[1], 32768 - v);
+  }
+}
+
+TEST(StoreAccess, UnitWritesTruncateAndWrap) {
+  OwnedStore s(2, 2, kKindRgba8);
+  const float over[4] = {1.004f, 0.9999f, -0.001f, 0.5f};
+  writeUnitPixel(0, 0, s.store, 0, over);
+  int32_t c[4];
+  readU8x4(0, 0, s.store, 0, c);
+  EXPECT_EQ(c[0], 0);    // trunc(256.02) = 256 wraps the byte
+  EXPECT_EQ(c[1], 254);  // truncated, not rounded
+  EXPECT_EQ(c[2], 0);    // trunc(-0.255) = 0
+  EXPECT_EQ(c[3], 127);
+}
+
+TEST(StoreAccess, ChannelDispatchOfOtherKinds) {
+  OwnedStore s(3, 3, kKindRaw16);
+  int32_t out[4] = {7, 7, 7, 7};
+  readChannels(0, 0, s.store, 0, out);  // kind 2 has no channel reader
+  EXPECT_EQ(out[0] | out[1] | out[2] | out[3], 0);
+  const int32_t in[4] = {1234, 0, 0, 0};
+  writeChannels(1, 1, s.store, 0, in);
+  EXPECT_EQ(readU16(1, 1, s.store, 0), 1234);
+  float unit[4];
+  readUnitPixel(1, 1, s.store, 0, unit);  // kind 2 is unscaled
+  EXPECT_EQ(unit[0], 1234.0f);
+  EXPECT_EQ(unit[3], 1.0f);
+
+  OwnedStore f(3, 3, kKindFloat);
+  const int32_t bits[4] = {int32_t(floatBits(-4.0f)), 0, 0, 0};
+  writeChannels(2, 2, f.store, 0, bits);
+  EXPECT_EQ(readFloat(2, 2, f.store, 0), -4.0f);
+}
+
+TEST(StoreAccess, BilinearReadOfTheFloatKind) {
+  OwnedStore s(4, 3, kKindFloat);
+  for (int y = 0; y < 3; ++y)
+    for (int x = 0; x < 4; ++x) writeFloat(x, y, s.store, 0, float(x + 10 * y));
+  EXPECT_EQ(readBilinear(1.25f, 1.5f, s.store, 0), 16.25f);
+  EXPECT_EQ(readBilinear(3.0f, 2.0f, s.store, 0), 23.0f);
+  // Past the edges every neighbour clamps: the corner pixels run on.
+  EXPECT_EQ(readBilinear(10.0f, 10.0f, s.store, 0), 23.0f);
+  EXPECT_EQ(readBilinear(-3.5f, 0.5f, s.store, 0), 5.0f);
+  // An exact negative integer is taken one below itself with fraction 1.0:
+  // -1 -> neighbours -2 and -1, both clamped to column 0.
+  EXPECT_EQ(readBilinear(-1.0f, 1.0f, s.store, 0), 10.0f);
+  // Just left of 0 mixes columns -1 and 0, both column 0.
+  EXPECT_EQ(readBilinear(-0.25f, 0.0f, s.store, 0), 0.0f);
+  EXPECT_EQ(readBilinear(2.5f, 0.0f, s.store, 0), 2.5f);
+}
+
+// ---- tile-count helpers -----------------------------------------------------------------------------
+
+TEST(TileCounts, CeilingDivisionAndLastTileExtent) {
+  EXPECT_EQ(tilesFor(1, 512), 1);
+  EXPECT_EQ(tilesFor(512, 512), 1);
+  EXPECT_EQ(tilesFor(513, 512), 2);
+  EXPECT_EQ(tilesFor(0, 512), 0);
+  EXPECT_EQ(tilesForArea(513, 1025, 512), 6);
+  EXPECT_EQ(tileExtent(0, 512, 512), 512);
+  EXPECT_EQ(tileExtent(1, 513, 512), 1);
+  EXPECT_EQ(tileExtent(0, 513, 512), 512);
+  EXPECT_EQ(tileExtent(5, 513, 512), 1);  // at or past the last: what remains
+  EXPECT_EQ(tileExtent(2, 300, 128), 44);
+  EXPECT_EQ(tileExtent(1, 300, 128), 128);
+}
+
+}  // namespace

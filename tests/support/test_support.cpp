@@ -1,0 +1,45 @@
+#include "tests/support/test_support.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "host/plugin_main.h"
+
+namespace testing_support {
+
+standin::Module& nativeModule() {
+  static standin::Module module;
+  if (module.pluginMain == nullptr && !standin::loadModule(module, MENDARIS_MODULE_PATH)) {
+    fprintf(stderr, "cannot load the module: %s\n", module.error.c_str());
+    abort();
+  }
+  return module;
+}
+
+standin::Module& linkedModule() {
+  static standin::Module module;
+  module.pluginMain = &PluginMain;
+  module.path = "(linked)";
+  return module;
+}
+
+ParamBlock* paramBlockOf(standin::Host& host) {
+  Handle h = host.record().parameters;
+  return h != nullptr ? reinterpret_cast<ParamBlock*>(*h) : nullptr;
+}
+
+InstanceBlock* instanceBlockOf(standin::Host& host) {
+  Handle h = reinterpret_cast<Handle>(host.dataWord());
+  return h != nullptr ? reinterpret_cast<InstanceBlock*>(*h) : nullptr;
+}
+
+int countCalls(const std::vector<standin::HostCall>& calls, const std::string& name) {
+  int n = 0;
+  for (const standin::HostCall& c : calls) n += c.name == name ? 1 : 0;
+  return n;
+}
+
+std::string sourcePath(const std::string& relative) { return std::string(MENDARIS_SOURCE_DIR) + "/" + relative; }
+std::string binaryPath(const std::string& relative) { return std::string(MENDARIS_BINARY_DIR) + "/" + relative; }
+
+}  // namespace testing_support

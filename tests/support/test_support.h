@@ -1,0 +1,29 @@
+// Shared helpers of the tests: the plug-in module loaded from disk, the same
+// entry point linked in (so that a test can also look at the engine's words),
+// and views of the blocks a host holds.
+#pragma once
+
+#include <string>
+
+#include "host/blocks.h"
+#include "plugin_host/scenarios.h"
+#include "plugin_host/stand_in_host.h"
+
+namespace testing_support {
+
+// The native module built beside the tests, loaded once per process.
+standin::Module& nativeModule();
+// A module whose PluginMain is the engine linked into the test itself.
+standin::Module& linkedModule();
+
+// The blocks behind the host's handles, read through the master pointers.
+ParamBlock* paramBlockOf(standin::Host& host);
+InstanceBlock* instanceBlockOf(standin::Host& host);
+
+// Counts of one host call in a log.
+int countCalls(const std::vector<standin::HostCall>& calls, const std::string& name);
+
+std::string sourcePath(const std::string& relative);
+std::string binaryPath(const std::string& relative);
+
+}  // namespace testing_support
