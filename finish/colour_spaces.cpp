@@ -133,7 +133,6 @@ void gridLookup(const int32_t in[3], int32_t out[3], const uint8_t* grid, float 
   // addressed; inside the range this changes nothing.
   const float top = float(lastNode) * spacing;
 
-  int32_t q[3];
   int32_t f[3];
   int32_t base = 0;
   int32_t step[3];
@@ -143,7 +142,6 @@ void gridLookup(const int32_t in[3], int32_t out[3], const uint8_t* grid, float 
     if (x > top) x = top;
     int32_t node = truncToInt32(x / spacing);
     if (node > lastNode) node = lastNode;
-    q[c] = node;
     f[c] = truncToInt32(x - float(node) * spacing);
     base += node * kStep[c];
     // On the last node a step would leave the grid; its weight is zero there

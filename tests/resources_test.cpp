@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -157,6 +158,9 @@ const ModuleCase kModules[] = {
     {"win64", MENDARIS_SOURCE_DIR "/build/win64/MendarisK.8bf", kPeMachineAmd64, true, "8664"},
     {"win32", MENDARIS_SOURCE_DIR "/build/win32/MendarisK.8bf", kPeMachineI386, false, "wx86"},
 };
+
+// Names the case in test listings (test names must not carry addresses).
+void PrintTo(const ModuleCase& c, std::ostream* out) { *out << c.label; }
 
 class WindowsModule : public ::testing::TestWithParam<ModuleCase> {
  protected:

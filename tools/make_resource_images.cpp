@@ -6,9 +6,9 @@
 //   mendaris_k.ico icon group 256: 16, 32 and 64 pixels, 32 bits with alpha
 //   warning.ico    icon group 148: 32 pixels at 4 and at 8 bits
 //
-// The output is a pure function of this file, so the committed files can be
-// checked by running it again and comparing. To redraw them, from the
-// repository root:
+// The committed files in resources/ are its output; nothing else draws them.
+// The output depends only on this file (and, in the odd last bit of a colour,
+// on the maths library). To redraw them, from the repository root:
 //
 //   g++ -std=c++17 -O2 -Wall -Wextra -o /tmp/make_resource_images tools/make_resource_images.cpp
 //   /tmp/make_resource_images resources

@@ -29,7 +29,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "cannot load %s (error %lu)\n", argv[1], GetLastError());
     return 2;
   }
-  PluginMainProc entry = reinterpret_cast<PluginMainProc>(reinterpret_cast<void*>(GetProcAddress(module, "PluginMain")));
+  FARPROC found = GetProcAddress(module, "PluginMain");
+  PluginMainProc entry = reinterpret_cast<PluginMainProc>(reinterpret_cast<void*>(found));
   if (!entry) {
     std::fprintf(stderr, "%s exports no PluginMain\n", argv[1]);
     return 2;
@@ -44,7 +45,7 @@ int main(int argc, char** argv) {
   AboutRecord about;
   std::memset(&about, 0, sizeof about);
   intptr_t data = 0;
-  int16_t result = -1;
+  int16_t result = noErr;  // hosts clear it; the module writes it only on a failure
   DWORD start = GetTickCount();
   entry(filterSelectorAbout, &about, &data, &result);
   DWORD elapsed = GetTickCount() - start;

@@ -1,0 +1,314 @@
+// The job pool on the engine itself: plans, thread counts, the collecting loop
+// with a host of our own, cancel and its latch. Every case runs in its own
+// process, which matters: the cancel latch is process-wide and never cleared.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <vector>
+
+#include "fill/line_smooth.h"
+#include "fill/reduce.h"
+#include "host/blocks.h"
+#include "host/plugin_main.h"
+#include "run/job_pool.h"
+#include "store/pixel_store.h"
+
+namespace {
+
+int abortPolls = 0;
+int abortFrom = 0;  // abortProc says stop from this poll on; 0 never
+int advanceCalls = 0;
+int advanceFailAt = 0;
+OSErr advanceFailure = noErr;
+std::vector<VRect> advancedRects;
+
+PIBoolean PI_CALL countingAbort() {
+  ++abortPolls;
+  return abortFrom != 0 && abortPolls >= abortFrom ? 1 : 0;
+}
+
+OSErr PI_CALL countingAdvance() {
+  ++advanceCalls;
+  advancedRects.push_back(getOutRect());
+  return advanceCalls == advanceFailAt ? advanceFailure : OSErr(noErr);
+}
+
+// A record, blocks and result word of our own: enough host for the pool.
+struct PoolFixture : ::testing::Test {
+  FilterRecord record;
+  ParamBlock params;
+  InstanceBlock* instance = nullptr;
+  int16_t result = 0;
+
+  void SetUp() override {
+    memset(&record, 0, sizeof(record));
+    memset(&params, 0, sizeof(params));
+    record.abortProc = countingAbort;
+    record.advanceState = countingAdvance;
+    record.planes = 4;
+    record.imageMode = plugInModeRGBColor;
+    record.depth = 8;
+    record.filterCase = filterCaseEditableTransparencyNoSelection;
+    params.sampleRate = 1;
+    params.progressDone = -1;
+    params.runStage = kRunStageWhole;
+    instance = static_cast<InstanceBlock*>(calloc(1, sizeof(InstanceBlock)));
+    hostContext.filterRecord = &record;
+    hostContext.paramBlock = &params;
+    hostContext.instanceBlock = instance;
+    hostContext.resultWord = &result;
+    abortPolls = advanceCalls = 0;
+    abortFrom = advanceFailAt = 0;
+    advancedRects.clear();
+  }
+  // The stores a render unit reads: a bare source and its fields.
+  void prepareStores(int32_t width, int32_t height) {
+    pixelStoreInit(&instance->sourceStore);
+    ASSERT_TRUE(pixelStoreBuild(&instance->sourceStore, width, height, kKindRgba8, 0, false));
+    params.opaqueStore = pixelStoreCreate(width, height, kKindGray8, 0, false);
+    params.distanceStore = pixelStoreCreate(width + 18, height + 18, kKindFloat, 0, true);
+    instance->wholeFilterRect = VRect{0, 0, height, width};
+    setRunRect(VRect{0, 0, height, width});
+  }
+
+  void TearDown() override {
+    pixelStoreDestroy(&params.opaqueStore);
+    pixelStoreDestroy(&params.distanceStore);
+    pixelStoreRelease(&instance->sourceStore);
+    hostContext.filterRecord = nullptr;
+    hostContext.paramBlock = nullptr;
+    hostContext.instanceBlock = nullptr;
+    hostContext.resultWord = nullptr;
+    free(instance);
+  }
+};
+
+void pinToCpus(int count) {
+  cpu_set_t all;
+  CPU_ZERO(&all);
+  ASSERT_EQ(sched_getaffinity(0, sizeof(all), &all), 0);
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  int taken = 0;
+  for (int cpu = 0; cpu < CPU_SETSIZE && taken < count; ++cpu) {
+    if (CPU_ISSET(cpu, &all)) {
+      CPU_SET(cpu, &set);
+      ++taken;
+    }
+  }
+  ASSERT_EQ(sched_setaffinity(0, sizeof(set), &set), 0);
+}
+
+int availableCpus() {
+  cpu_set_t all;
+  CPU_ZERO(&all);
+  sched_getaffinity(0, sizeof(all), &all);
+  return CPU_COUNT(&all);
+}
+
+VRect unitRectOf(TileCursor cursor, int32_t index) {
+  cursor.unitIndex = index;
+  nextUnitRect(&cursor);
+  return cursor.unitRect;
+}
+
+}  // namespace
+
+using JobPoolPlan = PoolFixture;
+using JobPoolRun = PoolFixture;
+
+TEST_F(JobPoolPlan, SquaresOf128WithNarrowerLastColumnAndRow) {
+  TileCursor c;
+  planTiles(&c, VRect{0, 0, 1000, 1000}, kTilingSquares);
+  EXPECT_EQ(c.unitsAcross, 8);
+  EXPECT_EQ(c.unitCount, 64);
+  VRect first = unitRectOf(c, 0);
+  EXPECT_EQ(first.right - first.left, 128);
+  VRect lastInRow = unitRectOf(c, 7);
+  EXPECT_EQ(lastInRow.left, 896);
+  EXPECT_EQ(lastInRow.right - lastInRow.left, 104);
+  EXPECT_EQ(lastInRow.bottom - lastInRow.top, 128);
+  VRect last = unitRectOf(c, 63);
+  EXPECT_EQ(last.top, 896);
+  EXPECT_EQ(last.bottom - last.top, 104);
+  EXPECT_EQ(last.right - last.left, 104);
+}
+
+TEST_F(JobPoolPlan, RowBandsOf64) {
+  TileCursor c;
+  planTiles(&c, VRect{10, 20, 74, 120}, kTilingRowBands);
+  EXPECT_EQ(c.unitCount, 1);
+  planTiles(&c, VRect{10, 20, 75, 120}, kTilingRowBands);
+  ASSERT_EQ(c.unitCount, 2);
+  // Unit rectangles are relative to the job's corner.
+  VRect second = unitRectOf(c, 1);
+  EXPECT_EQ(second.top, 64);
+  EXPECT_EQ(second.bottom, 65);
+  EXPECT_EQ(second.left, 0);
+  EXPECT_EQ(second.right, 100);
+}
+
+TEST_F(JobPoolPlan, ColumnBandsColumnsAndRows) {
+  TileCursor c;
+  planTiles(&c, VRect{0, 0, 50, 130}, kTilingColumnBands);
+  EXPECT_EQ(c.unitCount, 3);
+  VRect last = unitRectOf(c, 2);
+  EXPECT_EQ(last.left, 128);
+  EXPECT_EQ(last.right, 130);
+  EXPECT_EQ(last.bottom, 50);
+  planTiles(&c, VRect{0, 0, 50, 130}, kTilingColumns);
+  EXPECT_EQ(c.unitCount, 130);
+  EXPECT_EQ(unitRectOf(c, 5).left, 5);
+  planTiles(&c, VRect{0, 0, 50, 130}, kTilingRows);
+  EXPECT_EQ(c.unitCount, 50);
+  EXPECT_EQ(unitRectOf(c, 5).top, 5);
+  EXPECT_EQ(unitRectOf(c, 5).right, 130);
+}
+
+TEST_F(JobPoolPlan, ThreadCountFollowsProcessorsUnitsAndMode) {
+  pinToCpus(1);
+  prepareStores(1000, 1000);
+  runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+  EXPECT_EQ(currentThreadCount(), 1);
+  pinToCpus(availableCpus());
+  if (availableCpus() >= 2) {
+    runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+    EXPECT_EQ(currentThreadCount(), std::min(availableCpus(), 64));
+    // Fewer units than processors: one thread a unit.
+    setRunRect(VRect{0, 0, 1, 1});
+    runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+    EXPECT_EQ(currentThreadCount(), 1);
+  }
+}
+
+TEST_F(JobPoolRun, RenderJobShowsEveryTileToTheHostOnce) {
+  prepareStores(300, 200);
+  runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+  EXPECT_EQ(advanceCalls, 6);
+  EXPECT_EQ(cancelLatch, 0);
+  // Each tile once, whatever order the workers finished in.
+  std::vector<int> seen(6, 0);
+  for (const VRect& r : advancedRects) {
+    int index = (r.top / 128) * 3 + r.left / 128;
+    ASSERT_GE(index, 0);
+    ASSERT_LT(index, 6);
+    ++seen[size_t(index)];
+    EXPECT_LE(r.right - r.left, 128);
+  }
+  for (int n : seen) EXPECT_EQ(n, 1);
+  EXPECT_EQ(abortPolls, 6);
+}
+
+TEST_F(JobPoolRun, CancelStopsNewUnitsAndTheLatchHolds) {
+  pinToCpus(1);
+  prepareStores(512, 512);  // 16 units, one at a time
+  abortFrom = 3;
+  runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+  // Units 1 and 2 were written; the third poll cancelled and started nothing more.
+  EXPECT_EQ(advanceCalls, 2);
+  EXPECT_EQ(abortPolls, 3);
+  EXPECT_EQ(cancelLatch, 1);
+  EXPECT_EQ(result, userCanceledErr);
+  EXPECT_EQ(hostContext.lastErrorCode, kErrUserAbort);
+  // The next job, and any later run in this process, runs its first round and writes nothing.
+  abortFrom = 0;
+  result = 0;
+  runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+  EXPECT_EQ(advanceCalls, 2);
+  EXPECT_EQ(cancelLatch, 1);
+}
+
+TEST_F(JobPoolRun, CancelWithSeveralWorkersLetsRunningUnitsFinish) {
+  prepareStores(1024, 1024);  // 64 units
+  abortFrom = 5;
+  runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+  EXPECT_EQ(advanceCalls, 4);
+  // Every unit started was collected, the running ones included.
+  EXPECT_GE(abortPolls, 5);
+  EXPECT_LE(abortPolls, 4 + availableCpus());
+}
+
+TEST_F(JobPoolRun, MinusOneTwentyEightFromTheHostCancelsToo) {
+  pinToCpus(1);
+  prepareStores(512, 256);  // 8 units
+  advanceFailAt = 2;
+  advanceFailure = userCanceledErr;
+  runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+  // The second tile was still written (its answer is seen at the next unit).
+  EXPECT_EQ(advanceCalls, 2);
+  EXPECT_EQ(cancelLatch, 1);
+  EXPECT_EQ(result, userCanceledErr);
+}
+
+TEST_F(JobPoolRun, OtherHostErrorsDoNotStopTheJob) {
+  prepareStores(512, 256);
+  advanceFailAt = 2;
+  advanceFailure = memFullErr;
+  runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+  EXPECT_EQ(advanceCalls, 8);
+  EXPECT_EQ(cancelLatch, 0);
+}
+
+// A box pass over a float store: the same bytes whatever the number of processors.
+TEST_F(JobPoolRun, StoreJobsGiveTheSameBytesOnOneAndAllProcessors) {
+  auto smoothOnce = [](int cpus) {
+    pinToCpus(cpus);
+    PixelStore* store = pixelStoreCreate(333, 271, kKindFloat, 0, true);
+    EXPECT_NE(store, nullptr);
+    uint32_t seed = 12345;
+    for (int32_t y = 0; y < store->levelHeight[0]; ++y) {
+      for (int32_t x = 0; x < store->levelWidth[0]; ++x) {
+        seed = seed * 1103515245u + 12345u;
+        writeFloat(x, y, store, 0, float(seed >> 8) / 16777216.0f * 100.0f - 50.0f);
+      }
+    }
+    JobRequest rows = makeJobRequest(0);
+    rows.passStore = store;
+    rows.passLevel = 0;
+    rows.radiusA = 3;
+    rows.radiusB = 3;
+    rows.rect = VRect{0, 0, store->levelHeight[0], store->levelWidth[0]};
+    runJob(kJobBoxRows, kTilingRowBands, rows);
+    JobRequest columns = rows;
+    runJob(kJobBoxColumns, kTilingColumnBands, columns);
+    std::vector<float> out;
+    for (int32_t y = 0; y < store->levelHeight[0]; ++y)
+      for (int32_t x = 0; x < store->levelWidth[0]; ++x) out.push_back(readFloat(x, y, store, 0));
+    pixelStoreDestroy(&store);
+    return out;
+  };
+  std::vector<float> one = smoothOnce(1);
+  std::vector<float> all = smoothOnce(availableCpus());
+  ASSERT_EQ(one.size(), all.size());
+  EXPECT_EQ(memcmp(one.data(), all.data(), one.size() * sizeof(float)), 0);
+}
+
+TEST_F(JobPoolRun, ReducedLevelsAreTheSameOnOneAndAllProcessors) {
+  auto reduceOnce = [](int cpus) {
+    pinToCpus(cpus);
+    PixelStore* store = pixelStoreCreate(700, 300, kKindRgba8, 0, false);
+    EXPECT_NE(store, nullptr);
+    for (int32_t y = 0; y < 300; ++y)
+      for (int32_t x = 0; x < 700; ++x) {
+        int32_t c[4] = {(x * 7) & 255, (y * 3) & 255, (x ^ y) & 255, ((x + y) % 5) * 60};
+        writeU8x4(x, y, store, 0, c);
+      }
+    buildLevels(store, 0);
+    std::vector<int32_t> out;
+    for (int32_t level = 1; level <= store->topLevel; ++level)
+      for (int32_t y = 0; y < store->levelHeight[level]; ++y)
+        for (int32_t x = 0; x < store->levelWidth[level]; ++x) {
+          int32_t c[4];
+          readU8x4(x, y, store, level, c);
+          out.insert(out.end(), c, c + 4);
+        }
+    pixelStoreDestroy(&store);
+    return out;
+  };
+  std::vector<int32_t> one = reduceOnce(1);
+  std::vector<int32_t> all = reduceOnce(availableCpus());
+  EXPECT_FALSE(one.empty());
+  EXPECT_EQ(one, all);
+}

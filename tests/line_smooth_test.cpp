@@ -1,0 +1,392 @@
+// Box smoothing of lines: the float box with its running sum, the integer
+// boxes, moving lines in and out of stores, and whole passes over a store.
+#include <gtest/gtest.h>
+
+#include <string.h>
+
+#include <random>
+#include <vector>
+
+#include "fill/line_smooth.h"
+#include "store/pixel_store.h"
+
+namespace {
+
+struct StoreHolder {
+  PixelStore* store;
+  StoreHolder(int32_t w, int32_t h, int32_t kind, bool bordered = false)
+      : store(pixelStoreCreate(w, h, kind, 0, bordered)) {}
+  ~StoreHolder() { pixelStoreDestroy(&store); }
+  PixelStore* operator->() const { return store; }
+};
+
+struct ContextHolder {
+  PassContext context;
+  ContextHolder() { memset(&context, 0, sizeof context); }
+  ~ContextHolder() { freeLineBuffer(&context); }
+};
+
+float norm(int32_t cells) { return float(1.0 / double(cells)); }
+
+// ---- the float box ----------------------------------------------------------------------------------
+
+TEST(BoxLineFloat, ConstantLineKeepsItsValue) {
+  // Window (2, 3): six cells. 6 * 7.25 = 43.5 exactly, and the sum slides by
+  // taking 7.25 off and adding it again, exactly; only the norm rounds.
+  std::vector<float> in(40, 7.25f), out(40, -1.0f);
+  boxLineFloat(in.data(), out.data(), 0, 40, 2, 3);
+  for (float v : out) {
+    EXPECT_EQ(v, 43.5f * norm(6));
+    EXPECT_NEAR(v, 7.25f, 1e-5f);
+  }
+}
+
+TEST(BoxLineFloat, HandWorkedCentredWindow) {
+  // (1, 1) on 1 2 3 4 5, ends repeated: sums 1+1+2, 6, 9, 12, 4+5+5.
+  const float in[5] = {1, 2, 3, 4, 5};
+  float out[5];
+  boxLineFloat(in, out, 0, 5, 1, 1);
+  const float sums[5] = {4, 6, 9, 12, 14};
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(out[i], sums[i] * norm(3)) << i;
+}
+
+TEST(BoxLineFloat, WindowAheadOnly) {
+  // Back 0, forward 3: four cells from the current one on.
+  const float in[5] = {1, 2, 3, 4, 5};
+  float out[5];
+  boxLineFloat(in, out, 0, 5, 0, 3);
+  const float want[5] = {2.5f, 3.5f, 4.25f, 4.75f, 5.0f};  // 10, 14, 17, 19, 20 over 4
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(out[i], want[i]) << i;
+}
+
+TEST(BoxLineFloat, WindowBehindOnly) {
+  const float in[4] = {8, 0, 0, 4};
+  float out[4];
+  boxLineFloat(in, out, 0, 4, 1, 0);
+  const float want[4] = {8.0f, 4.0f, 0.0f, 2.0f};
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(out[i], want[i]) << i;
+}
+
+TEST(BoxLineFloat, LineOfOneCell) {
+  // The sum holds the one cell back + forward + 1 times.
+  const float in[1] = {3.0f};
+  float out[1] = {0.0f};
+  boxLineFloat(in, out, 0, 1, 2, 3);
+  EXPECT_EQ(out[0], 18.0f * norm(6));
+  boxLineFloat(in, out, 0, 1, 0, 1);
+  EXPECT_EQ(out[0], 3.0f);
+}
+
+TEST(BoxLineFloat, RunningSumKeepsItsDrift) {
+  // Far cells of a distance field hold millions; the sum slides through them
+  // and keeps what rounding did on the way. Window (1, 1):
+  //   start: 9e6 * 3 = 27e6
+  //   1: 27e6 - 9e6 + 0.5 = 18000000.5, rounds to 18e6 (the floats there are 2 apart)
+  //   2: 18e6 - 9e6 + 0.5 = 9000000.5, rounds to 9e6 (1 apart, ties to even)
+  //   3..5: 9e6 - 0.5 = 8999999.5 -> 9e6; + 0.5 -> 9e6 again.
+  // A sum made afresh would give 0.5 from cell 3 on; the kept one gives 3e6.
+  const float in[6] = {9e6f, 9e6f, 0.5f, 0.5f, 0.5f, 0.5f};
+  float out[6];
+  boxLineFloat(in, out, 0, 6, 1, 1);
+  EXPECT_EQ(out[0], 27e6f * norm(3));
+  EXPECT_EQ(out[1], 18e6f * norm(3));
+  for (int i = 2; i < 6; ++i) EXPECT_EQ(out[i], 9e6f * norm(3)) << i;
+}
+
+TEST(BoxLineFloat, NothingRunsWithoutAWindow) {
+  const float in[3] = {1, 2, 3};
+  float out[3] = {-7, -7, -7};
+  boxLineFloat(in, out, 0, 3, 0, 0);
+  boxLineFloat(in, out, 0, 3, -1, 2);
+  boxLineFloat(in, out, 0, 3, 2, -1);
+  boxLineFloat(nullptr, out, 0, 3, 1, 1);
+  boxLineFloat(in, out, 0, 0, 1, 1);
+  for (float v : out) EXPECT_EQ(v, -7.0f);
+}
+
+// ---- the integer boxes ----------------------------------------------------------------------------------
+
+TEST(BoxLineInteger, BytesTruncateTheMean) {
+  ContextHolder c;
+  const uint8_t in[3] = {0, 10, 20};
+  uint8_t out[3];
+  boxLineU8(&c.context, in, out, 3, 1, 1);
+  EXPECT_EQ(out[0], 3);   // 10 / 3
+  EXPECT_EQ(out[1], 10);  // 30 / 3
+  EXPECT_EQ(out[2], 16);  // 50 / 3
+}
+
+TEST(BoxLineInteger, ReciprocalDividesExactly) {
+  // Windows of many lengths over random bytes and 16-bit values: every output
+  // is the window's sum divided by its length, truncated.
+  ContextHolder c;
+  std::mt19937 rng(7);
+  std::vector<uint8_t> bytes(700);
+  std::vector<uint16_t> words(4 * 700);
+  for (auto& b : bytes) b = uint8_t(rng() & 255);
+  for (auto& w : words) w = uint16_t(rng() % 32769);
+  for (int32_t back = 0; back < 40; back += 3) {
+    for (int32_t forward = 0; forward < 300; forward += 37) {
+      if (back == 0 && forward == 0) continue;
+      const int32_t n = int32_t(bytes.size());
+      std::vector<uint8_t> out(bytes.size());
+      boxLineU8(&c.context, bytes.data(), out.data(), n, back, forward);
+      std::vector<uint16_t> out16(words.size());
+      boxLineU16x4(&c.context, words.data(), out16.data(), n, back, forward);
+      for (int32_t i = 0; i < n; ++i) {
+        uint32_t sum = 0;
+        uint32_t sums[3] = {0, 0, 0};
+        for (int32_t k = i - back; k <= i + forward; ++k) {
+          const int32_t j = k < 0 ? 0 : (k > n - 1 ? n - 1 : k);
+          sum += bytes[size_t(j)];
+          for (int ch = 0; ch < 3; ++ch) sums[ch] += words[size_t(4 * j + ch)];
+        }
+        const uint32_t cells = uint32_t(back + forward + 1);
+        ASSERT_EQ(out[size_t(i)], sum / cells) << back << "/" << forward << " at " << i;
+        for (int ch = 0; ch < 3; ++ch) ASSERT_EQ(out16[size_t(4 * i + ch)], sums[ch] / cells);
+        ASSERT_EQ(out16[size_t(4 * i + 3)], words[size_t(4 * i + 3)]);  // the fourth channel passes
+      }
+    }
+  }
+}
+
+TEST(BoxLineInteger, FourBytesSmoothThreeAndSetTheFourth) {
+  ContextHolder c;
+  const uint32_t in[4] = {0x10203000u, 0x10203011u, 0x40506022u, 0x40506033u};
+  uint32_t out[4];
+  boxLineU8x4(&c.context, in, out, 4, 0, 1);
+  // Channel 0: (16+16)/2, (16+64)/2, (64+64)/2, 64; channels 1, 2 likewise; channel 3 255.
+  EXPECT_EQ(out[0], 0x102030ffu);
+  EXPECT_EQ(out[1], 0x283848ffu);
+  EXPECT_EQ(out[2], 0x405060ffu);
+  EXPECT_EQ(out[3], 0x405060ffu);
+}
+
+TEST(BoxLineInteger, SixteenBitOneValue) {
+  const uint16_t in[3] = {32768, 0, 1};
+  uint16_t out[3];
+  boxLineU16(in, out, 3, 1, 1);
+  EXPECT_EQ(out[0], 21845);  // 65536 / 3
+  EXPECT_EQ(out[1], 10923);  // 32769 / 3
+  EXPECT_EQ(out[2], 0);      // 2 / 3
+}
+
+TEST(BoxLineInteger, ConstantLinesStay) {
+  ContextHolder c;
+  std::vector<uint8_t> in(100, 201), out(100);
+  boxLineU8(&c.context, in.data(), out.data(), 100, 2, 3);
+  for (uint8_t v : out) EXPECT_EQ(v, 201);
+}
+
+// ---- lines of a store ---------------------------------------------------------------------------------
+
+TEST(CopyLine, RowsAndColumnsAcrossTiles) {
+  StoreHolder s(600, 530, kKindFloat);
+  for (int32_t y = 0; y < 530; ++y)
+    for (int32_t x = 0; x < 600; ++x) writeFloat(x, y, s.store, 0, float(y * 1000 + x));
+  std::vector<float> line(700, -1.0f);
+  copyLine(s.store, 0, 520, 500, 530, line.data(), false, false);
+  for (int32_t i = 0; i < 30; ++i) EXPECT_EQ(line[size_t(i)], float(520 * 1000 + 500 + i));
+  EXPECT_EQ(line[30], -1.0f);
+
+  copyLine(s.store, 0, 513, -20, 900, line.data(), false, true);  // clipped to 0..530
+  for (int32_t i = 0; i < 530; ++i) ASSERT_EQ(line[size_t(i)], float(i * 1000 + 513));
+  EXPECT_EQ(line[530], -1.0f);
+
+  // Back into the store, in another column.
+  copyLine(s.store, 0, 2, 0, 530, line.data(), true, true);
+  for (int32_t y = 0; y < 530; ++y) ASSERT_EQ(readFloat(2, y, s.store, 0), float(y * 1000 + 513));
+  EXPECT_EQ(readFloat(3, 7, s.store, 0), float(7003));
+}
+
+TEST(CopyLine, NothingForEmptyRangesAndOtherKinds) {
+  StoreHolder s(10, 10, kKindFloat);
+  float line[16];
+  for (float& v : line) v = -1.0f;
+  copyLine(s.store, 0, 3, 5, 5, line, false, false);
+  copyLine(s.store, 0, 3, 8, 2, line, false, false);
+  copyLine(s.store, 0, 3, 12, 20, line, false, false);  // starts past the width
+  copyLine(s.store, 0, 10, 0, 10, line, false, false);  // no such row
+  for (float v : line) EXPECT_EQ(v, -1.0f);
+
+  StoreHolder wide(10, 10, kKindRgbaFloat);
+  writeWord4(0, 0, wide.store, 0, std::vector<uint32_t>{1, 2, 3, 4}.data());
+  copyLine(wide.store, 0, 0, 0, 10, line, false, false);
+  for (float v : line) EXPECT_EQ(v, -1.0f);
+
+  StoreHolder raw(10, 10, kKindRaw16);
+  writeU16(0, 0, raw.store, 0, 77);
+  copyLine(raw.store, 0, 0, 0, 10, line, false, false);
+  for (float v : line) EXPECT_EQ(v, -1.0f);
+}
+
+TEST(CopyLine, SmallKindsMoveWholePixels) {
+  StoreHolder s(700, 3, kKindRgba16);
+  for (int32_t x = 0; x < 700; ++x) {
+    const int32_t v[4] = {x, x + 1, x + 2, 9};
+    writeU16x4(x, 1, s.store, 0, v);
+  }
+  std::vector<uint16_t> line(4 * 700);
+  copyLine(s.store, 0, 1, 0, 700, line.data(), false, false);
+  for (int32_t x = 0; x < 700; ++x) {
+    ASSERT_EQ(line[size_t(4 * x)], x);
+    ASSERT_EQ(line[size_t(4 * x + 3)], 9);
+  }
+}
+
+TEST(LineBuffer, SizedForTheLongestSide) {
+  StoreHolder s(300, 700, kKindFloat, true);  // the distance field's shape: a margin of one
+  ContextHolder c;
+  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
+  EXPECT_NE(c.context.lineBuffer, nullptr);
+  EXPECT_EQ(c.context.lineBufferBytes, 2 * (702 + 1) * 4);
+  freeLineBuffer(&c.context);
+  EXPECT_EQ(c.context.lineBuffer, nullptr);
+  freeLineBuffer(&c.context);  // harmless twice
+}
+
+// A store of kind 5 with random values, and the same values in a plain array.
+struct FloatField {
+  int32_t w, h;
+  std::vector<float> cells;
+  FloatField(int32_t width, int32_t height, uint32_t seed) : w(width), h(height), cells(size_t(width * height)) {
+    std::mt19937 rng(seed);
+    for (float& v : cells) {
+      // Mostly small distances with some far cells, as in a distance field.
+      v = (rng() % 7 == 0) ? 9000000.0f : float(int32_t(rng() % 2001) - 1000) * 0.37f;
+    }
+  }
+  void toStore(PixelStore* s) const {
+    for (int32_t y = 0; y < h; ++y)
+      for (int32_t x = 0; x < w; ++x) writeFloat(x, y, s, 0, cells[size_t(y * w + x)]);
+  }
+  void rows(int32_t back, int32_t forward) {
+    std::vector<float> out(size_t(w));
+    for (int32_t y = 0; y < h; ++y) {
+      boxLineFloat(&cells[size_t(y * w)], out.data(), 0, w, back, forward);
+      memcpy(&cells[size_t(y * w)], out.data(), size_t(w) * sizeof(float));
+    }
+  }
+  void columns(int32_t back, int32_t forward) {
+    std::vector<float> in(size_t(h)), out(size_t(h));
+    for (int32_t x = 0; x < w; ++x) {
+      for (int32_t y = 0; y < h; ++y) in[size_t(y)] = cells[size_t(y * w + x)];
+      boxLineFloat(in.data(), out.data(), 0, h, back, forward);
+      for (int32_t y = 0; y < h; ++y) cells[size_t(y * w + x)] = out[size_t(y)];
+    }
+  }
+};
+
+void expectStoreEquals(const PixelStore* s, const FloatField& f) {
+  for (int32_t y = 0; y < f.h; ++y)
+    for (int32_t x = 0; x < f.w; ++x)
+      ASSERT_EQ(floatBits(readFloat(x, y, s, 0)), floatBits(f.cells[size_t(y * f.w + x)])) << x << "," << y;
+}
+
+TEST(SmoothPasses, RowsAndColumnsMatchTheLineKernel) {
+  // The three window placements of the distance field's blur, rows then
+  // columns, over a store crossing tile seams both ways. Bands are done in
+  // an order of their own: lines are disjoint, so the order does not matter.
+  const int32_t w = 530, h = 520;
+  StoreHolder s(w - 2, h - 2, kKindFloat, true);
+  ASSERT_EQ(s->levelWidth[0], w);
+  ASSERT_EQ(s->levelHeight[0], h);
+  FloatField field(w, h, 99);
+  field.toStore(s.store);
+  ContextHolder c;
+  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
+  const int32_t windows[3][2] = {{2, 3}, {3, 2}, {2, 3}};
+  for (const auto& win : windows) {
+    for (int32_t band = (h + 63) / 64 - 1; band >= 0; --band)
+      for (int32_t row = band * 64; row < h && row < band * 64 + 64; ++row)
+        filterRow(s.store, row, &c.context, 0, w, 0, win[0], win[1]);
+    field.rows(win[0], win[1]);
+    expectStoreEquals(s.store, field);
+    for (int32_t column = 0; column < w; ++column)
+      filterColumn(s.store, column, &c.context, 0, h, 0, win[0], win[1]);
+    field.columns(win[0], win[1]);
+    expectStoreEquals(s.store, field);
+  }
+}
+
+TEST(SmoothPasses, ABandTouchesOnlyItsOwnRows) {
+  const int32_t w = 100, h = 150;
+  StoreHolder s(w, h, kKindFloat);
+  FloatField field(w, h, 3);
+  field.toStore(s.store);
+  ContextHolder c;
+  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
+  for (int32_t row = 64; row < 128; ++row) filterRow(s.store, row, &c.context, 0, w, 0, 2, 3);
+  std::vector<float> out(size_t(w));
+  for (int32_t y = 0; y < h; ++y) {
+    const float* src = &field.cells[size_t(y * w)];
+    const bool inBand = y >= 64 && y < 128;
+    if (inBand) boxLineFloat(src, out.data(), 0, w, 2, 3);
+    for (int32_t x = 0; x < w; ++x)
+      ASSERT_EQ(floatBits(readFloat(x, y, s.store, 0)), floatBits(inBand ? out[size_t(x)] : src[x]))
+          << x << "," << y;
+  }
+}
+
+TEST(SmoothPasses, PartOfARowLeavesTheRestAlone) {
+  StoreHolder s(20, 2, kKindFloat);
+  for (int32_t x = 0; x < 20; ++x) writeFloat(x, 0, s.store, 0, float(x));
+  ContextHolder c;
+  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
+  filterRow(s.store, 0, &c.context, 5, 10, 0, 1, 1);
+  for (int32_t x = 0; x < 5; ++x) EXPECT_EQ(readFloat(x, 0, s.store, 0), float(x));
+  for (int32_t x = 10; x < 20; ++x) EXPECT_EQ(readFloat(x, 0, s.store, 0), float(x));
+  // Inside, the line is 5..9 alone, its ends repeated: (5+5+6)/3, ...
+  EXPECT_EQ(readFloat(5, 0, s.store, 0), 16.0f * norm(3));
+  EXPECT_EQ(readFloat(7, 0, s.store, 0), 21.0f * norm(3));
+  EXPECT_EQ(readFloat(9, 0, s.store, 0), 26.0f * norm(3));  // 8 + 9 + 9
+}
+
+TEST(SmoothPasses, NoWindowLeavesTheStoreAsItIs) {
+  StoreHolder s(8, 8, kKindFloat);
+  for (int32_t y = 0; y < 8; ++y)
+    for (int32_t x = 0; x < 8; ++x) writeFloat(x, y, s.store, 0, float(x * y));
+  ContextHolder c;
+  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
+  filterRow(s.store, 3, &c.context, 0, 8, 0, 0, 0);
+  filterColumn(s.store, 3, &c.context, 0, 8, 0, 0, 0);
+  smoothLine(s.store, 3, &c.context, 0, 8, 0, -1, 2, false);
+  // A context without a buffer leaves the lines alone.
+  ContextHolder empty;
+  filterRow(s.store, 4, &empty.context, 0, 8, 0, 2, 3);
+  for (int32_t y = 0; y < 8; ++y)
+    for (int32_t x = 0; x < 8; ++x) ASSERT_EQ(readFloat(x, y, s.store, 0), float(x * y));
+}
+
+TEST(SmoothPasses, IntegerKindsThroughTheStore) {
+  StoreHolder s(6, 4, kKindRgba8);
+  for (int32_t x = 0; x < 6; ++x) {
+    const int32_t v[4] = {30 * x, 60, 255 - 30 * x, 7};
+    writeU8x4(x, 2, s.store, 0, v);
+  }
+  ContextHolder c;
+  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
+  filterRow(s.store, 2, &c.context, 0, 6, 0, 1, 1);
+  int32_t v[4];
+  readU8x4(0, 2, s.store, 0, v);
+  EXPECT_EQ(v[0], 10);   // (0 + 0 + 30) / 3
+  EXPECT_EQ(v[1], 60);
+  EXPECT_EQ(v[2], 245);  // (255 + 255 + 225) / 3
+  EXPECT_EQ(v[3], 255);
+  readU8x4(5, 2, s.store, 0, v);
+  EXPECT_EQ(v[0], 140);  // (120 + 150 + 150) / 3
+  // Row 1 was not touched.
+  readU8x4(0, 1, s.store, 0, v);
+  EXPECT_EQ(v[3], 0);
+}
+
+TEST(SmoothPasses, ColumnOfAOneRowStore) {
+  StoreHolder s(3, 1, kKindFloat);
+  writeFloat(1, 0, s.store, 0, 5.0f);
+  ContextHolder c;
+  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
+  filterColumn(s.store, 1, &c.context, 0, 1, 0, 2, 3);
+  EXPECT_EQ(readFloat(1, 0, s.store, 0), 30.0f * norm(6));
+}
+
+}  // namespace

@@ -1,0 +1,518 @@
+// The level pass: flat images, hand-worked kernels, edges, clipping, and the
+// fast kernel against a tap-by-tap transcription of the kernel table.
+#include <gtest/gtest.h>
+
+#include <math.h>
+#include <string.h>
+
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "fill/reduce.h"
+#include "store/pixel_store.h"
+
+namespace {
+
+struct StoreHolder {
+  PixelStore* store;
+  StoreHolder(int32_t w, int32_t h, int32_t kind) : store(pixelStoreCreate(w, h, kind, 0, false)) {}
+  ~StoreHolder() { pixelStoreDestroy(&store); }
+  PixelStore* operator->() const { return store; }
+};
+
+VRect wholeLevel(const PixelStore* store, int32_t level) { return levelRect(store, level); }
+
+void fillU8x4(PixelStore* s, int32_t level, const std::function<void(int32_t, int32_t, int32_t*)>& f) {
+  for (int32_t y = 0; y < s->levelHeight[level]; ++y)
+    for (int32_t x = 0; x < s->levelWidth[level]; ++x) {
+      int32_t v[4];
+      f(x, y, v);
+      if (s->kind == kKindRgba8) {
+        writeU8x4(x, y, s, level, v);
+      } else {
+        writeU16x4(x, y, s, level, v);
+      }
+    }
+}
+
+void fillFloat4(PixelStore* s, int32_t level, const std::function<void(int32_t, int32_t, float*)>& f) {
+  for (int32_t y = 0; y < s->levelHeight[level]; ++y)
+    for (int32_t x = 0; x < s->levelWidth[level]; ++x) {
+      float v[4];
+      f(x, y, v);
+      uint32_t w[4];
+      memcpy(w, v, sizeof w);
+      writeWord4(x, y, s, level, w);
+    }
+}
+
+float floatChannel(const PixelStore* s, int32_t x, int32_t y, int32_t level, int32_t ch) {
+  uint32_t w[4];
+  readWord4(x, y, s, level, w);
+  return bitsToFloat(w[ch]);
+}
+
+// ---- the kernel read tap by tap, as its table stands ------------------------------------------
+
+const int32_t kWeights[6][6] = {
+    {0, 1, 4, 4, 1, 0},     {1, 16, 64, 64, 16, 1}, {4, 64, 256, 256, 64, 4},
+    {4, 64, 256, 256, 64, 4}, {1, 16, 64, 64, 16, 1}, {0, 1, 4, 4, 1, 0},
+};
+inline bool isCorner(int32_t i, int32_t j) { return (i == 0 || i == 5) && (j == 0 || j == 5); }
+
+// Expected value of one channel of destination (x, y) for the integer kinds.
+int32_t referenceInteger(const PixelStore* s, int32_t level, int32_t x, int32_t y, int32_t ch) {
+  int32_t sum = 0;
+  for (int32_t j = 0; j < 6; ++j)
+    for (int32_t i = 0; i < 6; ++i) {
+      if (isCorner(i, j)) continue;
+      int32_t v[4];
+      const int32_t sx = 2 * x + i - 2;
+      const int32_t sy = 2 * y + j - 2;
+      switch (s->kind) {
+        case kKindRgba8: readU8x4(sx, sy, s, level, v); break;
+        case kKindRgba16: readU16x4(sx, sy, s, level, v); break;
+        case kKindGray8: v[0] = readU8(sx, sy, s, level); break;
+        default: v[0] = readU16Again(sx, sy, s, level) & 0xffff; break;
+      }
+      sum += kWeights[j][i] * v[ch];
+    }
+  float v = float(sum) * 0.00061349693f;
+  if (s->kind == kKindGray16) {
+    int32_t t = int32_t(v);
+    return t < 0 ? 0 : (t > 32768 ? 32768 : t);
+  }
+  const float top = (s->kind == kKindRgba16) ? 32768.0f : 255.0f;
+  if (!(top > v)) v = top;
+  return int32_t(v);
+}
+
+float referenceFloat(const PixelStore* s, int32_t level, int32_t x, int32_t y, int32_t ch) {
+  float sum = 0.0f;
+  for (int32_t j = 0; j < 6; ++j)
+    for (int32_t i = 0; i < 6; ++i) {
+      if (isCorner(i, j)) continue;
+      const int32_t sx = 2 * x + i - 2;
+      const int32_t sy = 2 * y + j - 2;
+      const float value = s->kind == kKindFloat ? readFloat(sx, sy, s, level) : floatChannel(s, sx, sy, level, ch);
+      sum = sum + float(kWeights[j][i]) * value;
+    }
+  float v = sum * 0.0006097561f;
+  if (0.0f > v) {
+    v = 0.0f;
+  } else if (v > 65535.0f) {
+    v = 65535.0f;
+  }
+  return v;
+}
+
+// Every pixel of level + 1 against the reference, bit for bit.
+void expectMatchesReference(const PixelStore* s, int32_t level) {
+  const int32_t channels = (s->kind == kKindGray8 || s->kind == kKindGray16 || s->kind == kKindFloat) ? 1 : 4;
+  int32_t failures = 0;
+  for (int32_t y = 0; y < s->levelHeight[level + 1] && failures < 10; ++y)
+    for (int32_t x = 0; x < s->levelWidth[level + 1] && failures < 10; ++x)
+      for (int32_t ch = 0; ch < channels; ++ch) {
+        if (s->kind == kKindRgbaFloat || s->kind == kKindFloat) {
+          const float want = referenceFloat(s, level, x, y, ch);
+          const float got =
+              s->kind == kKindFloat ? readFloat(x, y, s, level + 1) : floatChannel(s, x, y, level + 1, ch);
+          if (floatBits(want) != floatBits(got)) {
+            ADD_FAILURE() << "kind " << s->kind << " (" << x << ", " << y << ") ch " << ch << ": " << got
+                          << " want " << want;
+            ++failures;
+          }
+        } else {
+          int32_t got[4];
+          switch (s->kind) {
+            case kKindRgba8: readU8x4(x, y, s, level + 1, got); break;
+            case kKindRgba16: readU16x4(x, y, s, level + 1, got); break;
+            case kKindGray8: got[0] = readU8(x, y, s, level + 1); break;
+            default: got[0] = readU16(x, y, s, level + 1); break;
+          }
+          const int32_t want = referenceInteger(s, level, x, y, ch);
+          if (got[ch] != want) {
+            ADD_FAILURE() << "kind " << s->kind << " (" << x << ", " << y << ") ch " << ch << ": " << got[ch]
+                          << " want " << want;
+            ++failures;
+          }
+        }
+      }
+}
+
+// Random content over all of level 0, wide ranges for the floats (negatives
+// and values past 65535 reach the clamp).
+void fillRandom(PixelStore* s, uint32_t seed) {
+  std::mt19937 rng(seed);
+  for (int32_t y = 0; y < s->levelHeight[0]; ++y)
+    for (int32_t x = 0; x < s->levelWidth[0]; ++x) {
+      switch (s->kind) {
+        case kKindRgba8: {
+          const int32_t v[4] = {int32_t(rng() & 255), int32_t(rng() & 255), int32_t(rng() & 255),
+                                int32_t(rng() & 255)};
+          writeU8x4(x, y, s, 0, v);
+          break;
+        }
+        case kKindRgba16: {
+          const int32_t v[4] = {int32_t(rng() % 32769), int32_t(rng() % 32769), int32_t(rng() % 32769),
+                                int32_t(rng() % 32769)};
+          writeU16x4(x, y, s, 0, v);
+          break;
+        }
+        case kKindGray8: writeU8(x, y, s, 0, int32_t(rng() & 255)); break;
+        case kKindGray16: writeU16(x, y, s, 0, int32_t(rng() % 32769)); break;
+        case kKindFloat: writeFloat(x, y, s, 0, float(int32_t(rng() % 200001) - 50000) * 0.731f); break;
+        case kKindRgbaFloat: {
+          float v[4];
+          for (float& c : v) c = float(int32_t(rng() % 200001) - 50000) * 0.731f + float(rng() % 1000) * 1e-4f;
+          uint32_t w[4];
+          memcpy(w, v, sizeof w);
+          writeWord4(x, y, s, 0, w);
+          break;
+        }
+        default: break;
+      }
+    }
+}
+
+// ---- flat images -----------------------------------------------------------------------------------
+
+TEST(ReduceFlat, EightBitTwoHundredComesOutOneBrighter) {
+  // 200 * 1640 = 328000 weighed, times 1/1630 rather than 1/1640: 201.2, truncated 201.
+  StoreHolder s(10, 6, kKindRgba8);
+  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 200; });
+  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
+  ASSERT_EQ(s->levelWidth[1], 6);  // 5 is odd, so 6
+  ASSERT_EQ(s->levelHeight[1], 4);  // 3 is odd, so 4
+  for (int32_t y = 0; y < 4; ++y)
+    for (int32_t x = 0; x < 6; ++x) {
+      int32_t v[4];
+      readU8x4(x, y, s.store, 1, v);
+      EXPECT_EQ(v[0], 201);
+      EXPECT_EQ(v[1], 201);
+      EXPECT_EQ(v[2], 201);
+      EXPECT_EQ(v[3], 201);
+    }
+}
+
+TEST(ReduceFlat, EightBitFullScaleStaysByTheClamp) {
+  StoreHolder s(7, 9, kKindRgba8);
+  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 255; });
+  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
+  int32_t v[4];
+  for (int32_t y = 0; y < s->levelHeight[1]; ++y)
+    for (int32_t x = 0; x < s->levelWidth[1]; ++x) {
+      readU8x4(x, y, s.store, 1, v);
+      ASSERT_EQ(v[0], 255);  // 256.6 unclamped would wrap the byte to 0
+      ASSERT_EQ(v[3], 255);
+    }
+}
+
+TEST(ReduceFlat, SixteenBit) {
+  StoreHolder s(12, 12, kKindRgba16);
+  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) {
+    v[0] = 32768;  // stays by the clamp
+    v[1] = 20000;  // 32800000 / 1630 = 20122.7
+    v[2] = 0;
+    v[3] = 1;  // 1640 / 1630: still 1
+  });
+  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
+  int32_t v[4];
+  readU16x4(3, 2, s.store, 1, v);
+  EXPECT_EQ(v[0], 32768);
+  EXPECT_EQ(v[1], 20122);
+  EXPECT_EQ(v[2], 0);
+  EXPECT_EQ(v[3], 1);
+}
+
+TEST(ReduceFlat, FloatHalfStaysHalfAndTheRangeIsClamped) {
+  StoreHolder s(8, 8, kKindRgbaFloat);
+  fillFloat4(s.store, 0, [](int32_t, int32_t, float* v) {
+    v[0] = 0.5f;
+    v[1] = 100000.0f;
+    v[2] = -3.0f;
+    v[3] = 65535.0f;
+  });
+  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
+  for (int32_t y = 0; y < 4; ++y)
+    for (int32_t x = 0; x < 4; ++x) {
+      // The sum of 0.5 times the weights is 820 exactly; only the scale rounds.
+      EXPECT_EQ(floatChannel(s.store, x, y, 1, 0), 820.0f * 0.0006097561f);
+      EXPECT_NEAR(floatChannel(s.store, x, y, 1, 0), 0.5f, 1e-6f);
+      EXPECT_EQ(floatChannel(s.store, x, y, 1, 1), 65535.0f);
+      EXPECT_EQ(floatChannel(s.store, x, y, 1, 2), 0.0f);
+      EXPECT_FALSE(signbit(floatChannel(s.store, x, y, 1, 2)));
+      EXPECT_LE(floatChannel(s.store, x, y, 1, 3), 65535.0f);
+    }
+}
+
+// ---- hand-worked kernels -----------------------------------------------------------------------------
+
+TEST(ReduceKernel, FourByFourByHand) {
+  // A 4 x 4 level gives 2 x 2. Folding the clamped taps of destination (0, 0)
+  // onto the 16 source pixels gives the weights
+  //   410 324 81 5 / 324 256 64 4 / 81 64 16 1 / 5 4 1 0
+  // (row 0 takes the rows -2, -1 and 0 of the kernel, column 0 its columns -2,
+  // -1 and 0); the other three pixels take the mirror images.
+  // Channel 0 holds 10, 20, ..., 160 row by row:
+  //   (0, 0): 13210 + 36360 + 15570 + 1360 = 66500, / 1630 = 40.8
+  //   (1, 0): 27790 + 47880 + 18450 + 1540 = 95660, / 1630 = 58.7
+  //   (0, 1): 160 + 9090 + 62280 + 111610 = 183140, / 1630 = 112.4
+  //   (1, 1): 340 + 11970 + 73800 + 126190 = 212300, / 1630 = 130.2
+  // Channel 1 is 255 minus channel 0: 418200 less those sums.
+  StoreHolder s(4, 4, kKindRgba8);
+  fillU8x4(s.store, 0, [](int32_t x, int32_t y, int32_t* v) {
+    v[0] = 10 * (4 * y + x + 1);
+    v[1] = 255 - v[0];
+    v[2] = 0;
+    v[3] = 255;
+  });
+  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
+  const int32_t want0[2][2] = {{40, 58}, {112, 130}};
+  const int32_t want1[2][2] = {{215, 197}, {144, 126}};  // 351700, 322540, 235060, 205900
+  for (int32_t y = 0; y < 2; ++y)
+    for (int32_t x = 0; x < 2; ++x) {
+      int32_t v[4];
+      readU8x4(x, y, s.store, 1, v);
+      EXPECT_EQ(v[0], want0[y][x]) << x << "," << y;
+      EXPECT_EQ(v[1], want1[y][x]) << x << "," << y;
+      EXPECT_EQ(v[2], 0);
+      EXPECT_EQ(v[3], 255);
+    }
+}
+
+TEST(ReduceKernel, TwoByTwoGoesToOnePixelWithAQuarterEach) {
+  // Every tap is a clamped read of the four pixels, each of which gathers 410.
+  StoreHolder s(2, 2, kKindRgba16);
+  ASSERT_EQ(s->topLevel, 1);
+  const int32_t values[2][2] = {{1000, 2000}, {3000, 4000}};
+  fillU8x4(s.store, 0, [&](int32_t x, int32_t y, int32_t* v) {
+    v[0] = values[y][x];
+    v[1] = x == 0 && y == 0 ? 1000 : 0;  // 410000 / 1630 = 251.5
+    v[2] = v[3] = 0;
+  });
+  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
+  int32_t v[4];
+  readU16x4(0, 0, s.store, 1, v);
+  EXPECT_EQ(v[0], 2515);  // 410 * 10000 = 4100000, / 1630 = 2515.3
+  EXPECT_EQ(v[1], 251);
+}
+
+TEST(ReduceKernel, FloatSumsKeepTheTableOrder) {
+  // One huge value among small ones: added in the table's order, the small
+  // terms before it survive, the ones after it are absorbed. Destination (0, 0)
+  // of a 4 x 4 level reads source (0, 0) first (tap (-1, -2)).
+  StoreHolder s(4, 4, kKindFloat);
+  for (int32_t y = 0; y < 4; ++y)
+    for (int32_t x = 0; x < 4; ++x) writeFloat(x, y, s.store, 0, 1.0f);
+  writeFloat(3, 3, s.store, 0, 3.0e7f);
+  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
+  // (1, 1) reads (3, 3) at taps (+1..+3, +1..+3), late in the order.
+  EXPECT_EQ(floatBits(readFloat(1, 1, s.store, 1)), floatBits(referenceFloat(s.store, 0, 1, 1, 0)));
+  // Destination (0, 0) reads (3, 3) once, with weight 0 (a corner): it stays 1640 * scale.
+  EXPECT_EQ(readFloat(0, 0, s.store, 1), 1640.0f * 0.0006097561f);
+}
+
+// ---- edges and clipping --------------------------------------------------------------------------------
+
+TEST(ReduceEdges, OddWidthRepeatsTheLastColumn) {
+  // 5 x 3 gives 4 x 2 (3 is odd, so 4): destination column 3 reads source
+  // columns 6..9, all clamped to column 4, so it reduces that column alone.
+  StoreHolder s(5, 3, kKindRgba8);
+  ASSERT_EQ(s->levelWidth[1], 4);
+  ASSERT_EQ(s->levelHeight[1], 2);
+  fillU8x4(s.store, 0, [](int32_t x, int32_t y, int32_t* v) {
+    v[0] = x == 4 ? 200 : 17 * x + 3 * y;
+    v[1] = x == 4 ? 10 * y : 0;
+    v[2] = v[3] = 0;
+  });
+  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
+  for (int32_t y = 0; y < 2; ++y) {
+    int32_t v[4];
+    readU8x4(3, y, s.store, 1, v);
+    EXPECT_EQ(v[0], 201);
+  }
+  // Channel 1 of column 3: the rows 0, 10, 20 under the column weights. Row
+  // 0 of the destination folds rows -2..0 onto source row 0 (weight 820), row
+  // 1 onto 1 (648), row 2 onto 2 (162) and row 3 onto 2 again (10):
+  // 6480 + 3440 = 9920, / 1630 = 6.09.
+  int32_t v[4];
+  readU8x4(3, 0, s.store, 1, v);
+  EXPECT_EQ(v[1], 6);
+  expectMatchesReference(s.store, 0);
+}
+
+TEST(ReduceEdges, EmptyRectWritesNothing) {
+  StoreHolder s(16, 16, kKindRgba8);
+  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 99; });
+  VRect empty = {3, 3, 3, 7};
+  reduceLevelUnit(s.store, 0, empty);
+  VRect inverted = {5, 6, 2, 1};
+  reduceLevelUnit(s.store, 0, inverted);
+  for (int32_t y = 0; y < 8; ++y)
+    for (int32_t x = 0; x < 8; ++x) {
+      int32_t v[4];
+      readU8x4(x, y, s.store, 1, v);
+      ASSERT_EQ(v[0], 0);
+    }
+}
+
+TEST(ReduceEdges, RectIsClippedToTheLevelAbove) {
+  // A rect far past the level: only the level's own pixels are written, and
+  // the tile memory past its width stays zero.
+  StoreHolder s(20, 10, kKindRgba8);
+  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 200; });
+  VRect wide = {-40, -40, 400, 400};
+  reduceLevelUnit(s.store, 0, wide);
+  for (int32_t y = 0; y < s->levelHeight[1]; ++y) {
+    for (int32_t x = 0; x < s->levelWidth[1]; ++x) {
+      int32_t v[4];
+      readU8x4(x, y, s.store, 1, v);
+      ASSERT_EQ(v[0], 201);
+    }
+    for (int32_t x = s->levelWidth[1]; x < kTileWidth; ++x) {
+      ASSERT_EQ(loadWord(storePixel<uint32_t>(s.store, 1, x, y)), 0u) << x << "," << y;
+    }
+  }
+  // The spare rows below the level stay zero as well.
+  for (int32_t x = 0; x < kTileWidth; ++x)
+    ASSERT_EQ(loadWord(storePixel<uint32_t>(s.store, 1, x, s->levelHeight[1])), 0u);
+}
+
+TEST(ReduceEdges, TopLevelHasNothingAbove) {
+  StoreHolder s(2, 2, kKindRgba8);
+  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 50; });
+  fillU8x4(s.store, 1, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 7; });
+  reduceLevelUnit(s.store, 1, wholeLevel(s.store, 1));  // level 2 does not exist
+  int32_t v[4];
+  readU8x4(0, 0, s.store, 1, v);
+  EXPECT_EQ(v[0], 7);
+}
+
+// ---- against the tap-by-tap kernel, and cut into units -------------------------------------------------
+
+class ReduceKinds : public ::testing::TestWithParam<int32_t> {};
+
+// Wide enough that the source spans three tile columns and the destination
+// two; the cut lines fall at odd places and across the tile seam.
+TEST_P(ReduceKinds, MatchesTheTableTapByTap) {
+  StoreHolder s(1100, 45, GetParam());
+  ASSERT_NE(s.store, nullptr);
+  fillRandom(s.store, 11);
+  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
+  expectMatchesReference(s.store, 0);
+  // And one level higher, from the reduced level.
+  reduceLevelUnit(s.store, 1, wholeLevel(s.store, 2));
+  expectMatchesReference(s.store, 1);
+}
+
+TEST_P(ReduceKinds, TallLevelsCrossTileRows) {
+  StoreHolder s(37, 1090, GetParam());
+  ASSERT_NE(s.store, nullptr);
+  fillRandom(s.store, 12);
+  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
+  expectMatchesReference(s.store, 0);
+}
+
+TEST_P(ReduceKinds, UnitsGiveTheSameLevelAsTheWhole) {
+  StoreHolder whole(1100, 70, GetParam());
+  StoreHolder parts(1100, 70, GetParam());
+  fillRandom(whole.store, 5);
+  fillRandom(parts.store, 5);
+  reduceLevelUnit(whole.store, 0, wholeLevel(whole.store, 1));
+  // Two halves split at an odd column, the right half again at an odd row,
+  // done in reverse order.
+  const int32_t w = whole->levelWidth[1];
+  const int32_t h = whole->levelHeight[1];
+  ASSERT_EQ(h, 36);  // 35 is odd, so 36
+  const VRect right1 = {0, 257, 17, w};
+  const VRect right2 = {17, 257, h, w};
+  const VRect left = {0, 0, h, 257};
+  reduceLevelUnit(parts.store, 0, right2);
+  reduceLevelUnit(parts.store, 0, right1);
+  reduceLevelUnit(parts.store, 0, left);
+  const int32_t bytes = pixelKindInfo(GetParam()).pixelBytes;
+  for (int32_t y = 0; y < whole->levelHeight[1]; ++y)
+    for (int32_t x = 0; x < whole->levelWidth[1]; ++x)
+      ASSERT_EQ(memcmp(storePixel<uint8_t>(whole.store, 1, x, y, bytes), storePixel<uint8_t>(parts.store, 1, x, y, bytes),
+                       size_t(bytes)),
+                0)
+          << x << "," << y;
+}
+
+INSTANTIATE_TEST_SUITE_P(AllKinds, ReduceKinds,
+                         ::testing::Values(kKindRgba8, kKindRgba16, kKindRgbaFloat, kKindGray8, kKindGray16,
+                                           kKindFloat));
+
+TEST(ReduceKinds, SignedThreeChannelBlockMean) {
+  StoreHolder s(4, 2, kKindSigned16x3);
+  const int32_t a[3] = {100, -100, 400};
+  const int32_t b[3] = {101, -103, 401};
+  writeI16x3(0, 0, s.store, 0, a);
+  writeI16x3(1, 0, s.store, 0, a);
+  writeI16x3(0, 1, s.store, 0, a);
+  writeI16x3(1, 1, s.store, 0, b);
+  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
+  int32_t v[3];
+  readI16x3(0, 0, s.store, 1, v);
+  EXPECT_EQ(v[0], 50);   // 401 / 4 = 100, halved
+  EXPECT_EQ(v[1], -50);  // -403 / 4 = -100 (toward zero), halved
+  EXPECT_EQ(v[2], 100);  // 1601 / 4 = 400, quartered
+}
+
+TEST(ReduceWeighted, ReducesWithTheFixedKernel) {
+  StoreHolder a(30, 20, kKindRgba8);
+  StoreHolder b(30, 20, kKindRgba8);
+  fillRandom(a.store, 3);
+  fillRandom(b.store, 3);
+  reduceLevelUnit(a.store, 0, wholeLevel(a.store, 1));
+  reduceLevelWeightedUnit(b.store, 0, wholeLevel(b.store, 1));
+  for (int32_t y = 0; y < a->levelHeight[1]; ++y)
+    for (int32_t x = 0; x < a->levelWidth[1]; ++x)
+      ASSERT_EQ(loadWord(storePixel<uint32_t>(a.store, 1, x, y)), loadWord(storePixel<uint32_t>(b.store, 1, x, y)));
+}
+
+// ---- the level pass through the pool ---------------------------------------------------------------------
+
+TEST(BuildLevels, EveryLevelFromTheOneBelow) {
+  StoreHolder pooled(300, 170, kKindRgba8);
+  StoreHolder direct(300, 170, kKindRgba8);
+  fillRandom(pooled.store, 21);
+  fillRandom(direct.store, 21);
+  pooled->loadState = 1;
+  buildLevels(pooled.store, 0);
+  EXPECT_EQ(pooled->loadState, 2);
+  for (int32_t level = 0; level < direct->topLevel; ++level)
+    reduceLevelUnit(direct.store, level, wholeLevel(direct.store, level + 1));
+  for (int32_t level = 1; level <= direct->topLevel; ++level)
+    for (int32_t y = 0; y < direct->levelHeight[level]; ++y)
+      for (int32_t x = 0; x < direct->levelWidth[level]; ++x)
+        ASSERT_EQ(loadWord(storePixel<uint32_t>(pooled.store, level, x, y)),
+                  loadWord(storePixel<uint32_t>(direct.store, level, x, y)))
+            << "level " << level << " (" << x << ", " << y << ")";
+}
+
+TEST(BuildLevels, FlatImageBrightensOneStepPerLevel) {
+  // 200 -> 201 -> 202 (201 * 1640 / 1630 = 202.2) -> 203 (203.2) ...
+  StoreHolder s(16, 16, kKindRgba8);
+  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 200; });
+  buildLevels(s.store, 0);
+  ASSERT_EQ(s->topLevel, 4);
+  for (int32_t level = 1; level <= 4; ++level) {
+    int32_t v[4];
+    readU8x4(0, 0, s.store, level, v);
+    EXPECT_EQ(v[0], 200 + level) << level;
+  }
+}
+
+TEST(BuildLevels, OneLevelStore) {
+  StoreHolder s(1, 1, kKindRgbaFloat);
+  ASSERT_EQ(s->topLevel, 1);
+  fillFloat4(s.store, 0, [](int32_t, int32_t, float* v) { v[0] = v[1] = v[2] = v[3] = 0.25f; });
+  buildLevels(s.store, 0);
+  EXPECT_EQ(s->loadState, 2);
+  EXPECT_EQ(floatChannel(s.store, 0, 0, 1, 0), 410.0f * 0.0006097561f);
+}
+
+}  // namespace

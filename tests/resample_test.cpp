@@ -1,0 +1,721 @@
+// The kernel table and the five-tap kernels: the table's sums and telling
+// rows, flat areas, the orientation of the taps, the one-tile road against
+// the clamped road and against a plain 25-read reference, tile borders,
+// blending between levels, the kind dispatch and small levels.
+#include <gtest/gtest.h>
+
+#include <math.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <functional>
+#include <vector>
+
+#include "store/pixel_store.h"
+#include "store/resample.h"
+#include "store/resample_table.h"
+
+namespace {
+
+struct OwnedStore {
+  PixelStore* store;
+  OwnedStore(int32_t w, int32_t h, int32_t kind, int32_t edgeMode = 0)
+      : store(pixelStoreCreate(w, h, kind, edgeMode, false)) {}
+  ~OwnedStore() { pixelStoreDestroy(&store); }
+  PixelStore* operator->() const { return store; }
+};
+
+uint32_t hashPoint(int32_t x, int32_t y, uint32_t salt) {
+  uint32_t h = uint32_t(x) * 0x9e3779b1u ^ (uint32_t(y) + salt) * 0x85ebca77u;
+  h ^= h >> 15;
+  h *= 0xc2b2ae3du;
+  h ^= h >> 13;
+  return h;
+}
+
+int32_t to8(double unit) { return int32_t(floor(unit * 255.0 + 0.5)); }
+int32_t to16(double unit) { return int32_t(floor(unit * 32768.0 + 0.5)); }
+
+// Writes channel values made from (x, y) through the kind's own writer.
+// `value(x, y, channel)` gives a number in 0..1, scaled to the kind's range.
+void fillLevel(PixelStore* s, int32_t level, const std::function<double(int32_t, int32_t, int)>& value) {
+  for (int32_t y = 0; y < s->levelHeight[level]; ++y) {
+    for (int32_t x = 0; x < s->levelWidth[level]; ++x) {
+      switch (s->kind) {
+        case kKindRgba8: {
+          const int32_t c[4] = {to8(value(x, y, 0)), to8(value(x, y, 1)), to8(value(x, y, 2)), to8(value(x, y, 3))};
+          writeU8x4(x, y, s, level, c);
+          break;
+        }
+        case kKindRgba16: {
+          const int32_t c[4] = {to16(value(x, y, 0)), to16(value(x, y, 1)), to16(value(x, y, 2)),
+                                to16(value(x, y, 3))};
+          writeU16x4(x, y, s, level, c);
+          break;
+        }
+        case kKindRgbaFloat: {
+          const float c[4] = {float(value(x, y, 0)), float(value(x, y, 1)), float(value(x, y, 2)),
+                              float(value(x, y, 3))};
+          writeUnitPixel(x, y, s, level, c);
+          break;
+        }
+        case kKindGray8: writeU8(x, y, s, level, to8(value(x, y, 0))); break;
+        case kKindGray16: writeU16(x, y, s, level, to16(value(x, y, 0))); break;
+        case kKindFloat: writeFloat(x, y, s, level, float(value(x, y, 0))); break;
+      }
+    }
+  }
+}
+
+void fillRandom(PixelStore* s, uint32_t salt) {
+  for (int32_t level = 0; level <= s->topLevel; ++level) {
+    fillLevel(s, level, [&](int32_t x, int32_t y, int c) {
+      return double(hashPoint(x, y, salt + uint32_t(level * 4 + c)) >> 8) / double(1 << 24);
+    });
+  }
+}
+
+void fillFlat(PixelStore* s, int32_t level, const double value[4]) {
+  fillLevel(s, level, [&](int32_t, int32_t, int c) { return value[c]; });
+}
+
+// ---- reference: the filter as defined, 25 reads through the clamping accessors ----------------
+
+struct Taps {
+  int32_t i, j, phaseX, phaseY;
+};
+
+Taps tapsAt(float x, float y) {
+  Taps t;
+  const float px = float(double(x) + 0.5);
+  const float py = float(double(y) + 0.5);
+  t.i = int32_t(px);
+  t.j = int32_t(py);
+  t.phaseX = int32_t(double(px - float(t.i)) * 128.0);
+  t.phaseY = int32_t(double(py - float(t.j)) * 128.0);
+  return t;
+}
+
+// Column c (0..4) of the block; wrapped like the latent wrap modes when asked.
+int32_t column(int32_t base, int32_t c, int32_t max, bool wrap) {
+  if (!wrap) return base - 2 + c;
+  const int32_t length = max + 1;
+  int32_t v = base % length - 2 + c;
+  if (v < 0) v += length;
+  else if (v > max) v -= length;
+  return v;
+}
+
+void referencePixel(const PixelStore* s, int32_t level, float x, float y, float out[4], bool wrapX = false,
+                    bool wrapY = false) {
+  const Taps t = tapsAt(x, y);
+  const ResampleKernelTable& k = s->kernelTable;
+  for (int ch = 0; ch < 4; ++ch) {
+    int64_t total = 0;
+    float totalF = 0.0f;
+    for (int r = 0; r < 5; ++r) {
+      const int32_t yy = column(t.j, r, s->levelMaxY[level], wrapY);
+      int64_t row = 0;
+      float rowF = 0.0f;
+      for (int c = 0; c < 5; ++c) {
+        const int32_t xx = column(t.i, c, s->levelMaxX[level], wrapX);
+        int32_t v[4];
+        float f[4];
+        if (s->kind == kKindRgba8) {
+          readU8x4(xx, yy, s, level, v);
+          row += int64_t(v[ch]) * k.weights2048[4 - c][t.phaseX];
+        } else if (s->kind == kKindRgba16) {
+          readU16x4(xx, yy, s, level, v);
+          row += int64_t(v[ch]) * k.weights32768[4 - c][t.phaseX];
+        } else {
+          readUnitPixel(xx, yy, s, level, f);
+          const float product = f[ch] * k.weightsFloat[4 - c][t.phaseX];
+          rowF = c == 0 ? product : rowF + product;
+        }
+      }
+      if (s->kind == kKindRgba8) {
+        total += row * k.weights2048[4 - r][t.phaseY];
+      } else if (s->kind == kKindRgba16) {
+        total += (row / 32768) * k.weights32768[4 - r][t.phaseY];  // C++ division truncates toward zero
+      } else {
+        const float product = rowF * k.weightsFloat[4 - r][t.phaseY];
+        totalF = r == 0 ? product : totalF + product;
+      }
+    }
+    if (s->kind == kKindRgba8) out[ch] = float(int32_t(total)) * 0x1p-22f;
+    else if (s->kind == kKindRgba16) out[ch] = float(int32_t(total)) * 0x1p-15f;
+    else out[ch] = totalF;
+  }
+}
+
+float referenceScalar(const PixelStore* s, int32_t level, float x, float y) {
+  const Taps t = tapsAt(x, y);
+  const ResampleKernelTable& k = s->kernelTable;
+  int64_t total8 = 0;
+  uint32_t total16 = 0;  // the 16-bit scalar wraps in 32 bits by design
+  float totalF = 0.0f;
+  for (int r = 0; r < 5; ++r) {
+    int64_t row8 = 0;
+    uint32_t row16 = 0;
+    float rowF = 0.0f;
+    for (int c = 0; c < 5; ++c) {
+      const int32_t xx = t.i - 2 + c;
+      const int32_t yy = t.j - 2 + r;
+      if (s->kind == kKindGray8) {
+        row8 += int64_t(readU8(xx, yy, s, level)) * k.weights2048[4 - c][t.phaseX];
+      } else if (s->kind == kKindGray16) {
+        row16 += uint32_t(readU16(xx, yy, s, level)) * uint32_t(k.weights32768[4 - c][t.phaseX]);
+      } else {
+        const float product = readFloat(xx, yy, s, level) * k.weightsFloat[4 - c][t.phaseX];
+        rowF = c == 0 ? product : rowF + product;
+      }
+    }
+    total8 += row8 * k.weights2048[4 - r][t.phaseY];
+    total16 += row16 * uint32_t(k.weights32768[4 - r][t.phaseY]);
+    const float product = rowF * k.weightsFloat[4 - r][t.phaseY];
+    totalF = r == 0 ? product : totalF + product;
+  }
+  if (s->kind == kKindGray8) return float(int32_t(total8)) * 0x1p-22f;
+  if (s->kind == kKindGray16) return float(int32_t(total16)) * 0x1p-30f;
+  return totalF;
+}
+
+void kernelPixel(const PixelStore* s, int32_t level, float x, float y, float out[4]) {
+  switch (s->kind) {
+    case kKindRgba8: filterPixel<kKindRgba8>(s, level, x, y, &out[0], &out[1], &out[2], &out[3]); break;
+    case kKindRgba16: filterPixel<kKindRgba16>(s, level, x, y, &out[0], &out[1], &out[2], &out[3]); break;
+    default: filterPixel<kKindRgbaFloat>(s, level, x, y, &out[0], &out[1], &out[2], &out[3]); break;
+  }
+}
+
+float kernelScalar(const PixelStore* s, int32_t level, float x, float y) {
+  switch (s->kind) {
+    case kKindGray8: return filterScalar<kKindGray8>(s, level, x, y);
+    case kKindGray16: return filterScalar<kKindGray16>(s, level, x, y);
+    default: return filterScalar<kKindFloat>(s, level, x, y);
+  }
+}
+
+// Positions from -0.5 (the left edge of the first pixel: a phase never goes
+// negative there) to two pixels past the right edge.
+float randomPosition(uint32_t* state, int32_t length) {
+  *state = *state * 1664525u + 1013904223u;
+  return -0.5f + float(*state >> 8) / float(1 << 24) * float(length + 2);
+}
+
+// ---- kernel table ------------------------------------------------------------------------------------
+
+class KernelTable : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { fillResampleKernelTable(&table); }
+  static ResampleKernelTable table;
+};
+ResampleKernelTable KernelTable::table;
+
+TEST_F(KernelTable, IntegerTapsSumToTheirScaleAtEveryPhase) {
+  for (int p = 0; p < kKernelPhases; ++p) {
+    int32_t s8 = 0;
+    int32_t s16 = 0;
+    for (int t = 0; t < kKernelTaps; ++t) {
+      s8 += table.weights2048[t][p];
+      s16 += table.weights32768[t][p];
+    }
+    EXPECT_EQ(s8, 2048) << "phase " << p;
+    EXPECT_EQ(s16, 32768) << "phase " << p;
+  }
+}
+
+TEST_F(KernelTable, TellingRowsMatch) {
+  struct Row {
+    int phase;
+    float w[5];
+    int32_t q8[5];
+    int32_t q16[5];
+  };
+  const Row rows[] = {
+      {0, {0, -0.046494f, 0.594386f, 0.497274f, -0.045166f}, {0, -95, 1217, 1018, -92}, {0, -1523, 19476, 16294, -1479}},
+      {32,
+       {-0.001998f, -0.00993f, 0.794354f, 0.243777f, -0.026203f},
+       {-4, -20, 1626, 499, -53},
+       {-65, -325, 26029, 7988, -859}},
+      {64,
+       {-0.013511f, 0.116435f, 0.848497f, 0.056232f, -0.007653f},
+       {-27, 238, 1737, 115, -15},
+       {-442, 3815, 27803, 1842, -250}},
+      {96,
+       {-0.034671f, 0.336326f, 0.731495f, -0.032616f, -0.000534f},
+       {-71, 688, 1498, -66, -1},
+       {-1136, 11020, 23969, -1068, -17}},
+      {127, {-0.046609f, 0.586659f, 0.505418f, -0.045469f, 0}, {-95, 1201, 1035, -93, 0}, {-1527, 19223, 16561, -1489, 0}},
+  };
+  for (const Row& r : rows) {
+    for (int t = 0; t < 5; ++t) {
+      EXPECT_NEAR(table.weights[t][r.phase], r.w[t], 5e-7) << "phase " << r.phase << " tap " << t;
+      EXPECT_EQ(table.weights2048[t][r.phase], r.q8[t]) << "phase " << r.phase << " tap " << t;
+      EXPECT_EQ(table.weights32768[t][r.phase], r.q16[t]) << "phase " << r.phase << " tap " << t;
+    }
+  }
+  // Every evaluation for tap 0 at phase 0 lies at x <= -2.
+  EXPECT_EQ(table.weights[0][0], 0.0f);
+}
+
+TEST_F(KernelTable, FloatFormsAgreeAndSumToOne) {
+  EXPECT_EQ(memcmp(table.weights, table.weightsFloat, sizeof table.weights), 0);
+  for (int p = 0; p < kKernelPhases; ++p) {
+    const float sum = table.weights[1][p] + table.weights[0][p] + table.weights[2][p] + table.weights[3][p];
+    EXPECT_EQ(table.weights[4][p], 1.0f - sum) << p;
+    double exact = 0;
+    for (int t = 0; t < 5; ++t) exact += table.weights[t][p];
+    EXPECT_NEAR(exact, 1.0, 1e-7) << p;
+    // The integer taps are the truncated float taps.
+    for (int t = 0; t < 4; ++t) EXPECT_EQ(table.weights2048[t][p], int32_t(table.weights[t][p] * 2048.0f));
+  }
+}
+
+TEST(Lanczos, BaseFunction) {
+  EXPECT_EQ(lanczos2(0.0), 1.0);
+  EXPECT_EQ(lanczos2(2.0), 0.0);
+  EXPECT_EQ(lanczos2(-2.0), 0.0);
+  EXPECT_EQ(lanczos2(-7.5), 0.0);
+  EXPECT_NEAR(lanczos2(0.5), (1.0 / (3.141592653 / 2)) * (sin(3.141592653 / 4) / (3.141592653 / 4)), 1e-15);
+  EXPECT_NEAR(lanczos2(1.0), 0.0, 1e-9);  // the truncated pi leaves a trace
+  EXPECT_NE(lanczos2(1.0), 0.0);
+  EXPECT_EQ(lanczos2(1.3), lanczos2(-1.3));
+}
+
+// ---- flat areas ----------------------------------------------------------------------------------------
+
+// Positions of phase 0 that take each road: inside one tile, across a tile
+// border, clamped at the left and top edge, clamped at the right and bottom
+// edge. A fraction added to them is the phase.
+std::vector<float> roadPositions(int32_t length) {
+  const float l = float(length);
+  return {19.5f, 508.5f, 509.5f, 511.5f, -0.5f, 0.5f, l - 3.5f, l - 1.5f, l - 0.5f, l + 0.5f};
+}
+
+TEST(FlatArea, IntegerKindsReturnTheValueExactlyEverywhere) {
+  OwnedStore s8(1030, 600, kKindRgba8);
+  OwnedStore s16(1030, 600, kKindRgba16);
+  OwnedStore g8(1030, 600, kKindGray8);
+  OwnedStore g16(1030, 600, kKindGray16);
+  const double v8[4] = {200.0 / 255, 17.0 / 255, 0.0, 1.0};
+  const double v16[4] = {1.0, 12345.0 / 32768, 0.0, 1.0 / 32768};
+  // The 16-bit scalar keeps whole row sums, so its total wraps above a value of 1.
+  const double one16[4] = {1.0 / 32768, 0, 0, 0};
+  fillFlat(s8.store, 0, v8);
+  fillFlat(s16.store, 0, v16);
+  fillFlat(g8.store, 0, v8);
+  fillFlat(g16.store, 0, one16);
+  for (float bx : roadPositions(1030)) {
+    for (float by : roadPositions(600)) {
+      for (int phase = 0; phase < 128; phase += 3) {
+        const float x = bx + float(phase) / 128.0f;
+        const float y = by + float(127 - phase) / 128.0f;
+        float out[4];
+        filterPixel<kKindRgba8>(s8.store, 0, x, y, &out[0], &out[1], &out[2], &out[3]);
+        ASSERT_EQ(out[0], 200.0f) << x << "," << y;
+        ASSERT_EQ(out[1], 17.0f);
+        ASSERT_EQ(out[2], 0.0f);
+        ASSERT_EQ(out[3], 255.0f);
+        filterPixel<kKindRgba16>(s16.store, 0, x, y, &out[0], &out[1], &out[2], &out[3]);
+        ASSERT_EQ(out[0], 32768.0f) << x << "," << y;
+        ASSERT_EQ(out[1], 12345.0f);
+        ASSERT_EQ(out[2], 0.0f);
+        ASSERT_EQ(out[3], 1.0f);
+        ASSERT_EQ(filterScalar<kKindGray8>(g8.store, 0, x, y), 200.0f);
+        ASSERT_EQ(filterScalar<kKindGray16>(g16.store, 0, x, y), 1.0f);
+      }
+    }
+  }
+}
+
+TEST(FlatArea, EveryPhasePairOfTheEightBitKernelGivesTwoHundred) {
+  OwnedStore s(64, 64, kKindRgba8);
+  const double v[4] = {200.0 / 255, 200.0 / 255, 200.0 / 255, 200.0 / 255};
+  fillFlat(s.store, 0, v);
+  for (int px = 0; px < 128; ++px) {
+    for (int py = 0; py < 128; ++py) {
+      float out[4];
+      filterPixel<kKindRgba8>(s.store, 0, 30.0f + px / 128.0f, 30.0f + py / 128.0f, &out[0], &out[1], &out[2],
+                              &out[3]);
+      ASSERT_EQ(out[0], 200.0f) << px << "," << py;
+    }
+  }
+}
+
+// Float weights sum to 1 only as closely as single precision allows, so a flat
+// float area comes back within a few units in the last place; but for a given
+// phase every road must give the same bits.
+TEST(FlatArea, FloatKindsAreTheSameOnEveryRoad) {
+  OwnedStore s(1030, 600, kKindRgbaFloat);
+  OwnedStore g(1030, 600, kKindFloat);
+  const double v[4] = {0.7, 3.0, 65535.0, 1.0};
+  fillFlat(s.store, 0, v);
+  fillFlat(g.store, 0, v);
+  for (int phase = 0; phase < 128; phase += 5) {
+    float first[4];
+    float firstScalar = 0.0f;
+    bool haveFirst = false;
+    for (float bx : roadPositions(1030)) {
+      for (float by : roadPositions(600)) {
+        const float x = bx + float(phase) / 128.0f;
+        const float y = by + float(phase) / 128.0f;
+        float out[4];
+        filterPixel<kKindRgbaFloat>(s.store, 0, x, y, &out[0], &out[1], &out[2], &out[3]);
+        const float scalar = filterScalar<kKindFloat>(g.store, 0, x, y);
+        if (!haveFirst) {
+          memcpy(first, out, sizeof out);
+          firstScalar = scalar;
+          haveFirst = true;
+          for (int c = 0; c < 4; ++c) EXPECT_NEAR(out[c], float(v[c]), 4 * ldexp(fabs(v[c]), -23)) << phase;
+        }
+        for (int c = 0; c < 4; ++c) ASSERT_EQ(floatBits(out[c]), floatBits(first[c])) << x << "," << y;
+        ASSERT_EQ(floatBits(scalar), floatBits(firstScalar)) << x << "," << y;
+        ASSERT_EQ(scalar, out[0]);
+      }
+    }
+  }
+}
+
+// ---- orientation of the taps ------------------------------------------------------------------------
+
+// At x = i - 0.5 the phase is 0 and the base pixel is i: pixel i + 1 takes
+// tap 1 and pixel i - 2 tap 4; the base row takes tap 2.
+TEST(TapOrientation, EightBit) {
+  OwnedStore s(20, 20, kKindRgba8);
+  const int32_t bright[4] = {255, 0, 0, 0};
+  writeU8x4(11, 10, s.store, 0, bright);
+  float out[4];
+  filterPixel<kKindRgba8>(s.store, 0, 9.5f, 9.5f, &out[0], &out[1], &out[2], &out[3]);
+  EXPECT_EQ(out[0], -29481825.0f * 0x1p-22f);  // 255 * -95 * 1217
+  EXPECT_EQ(out[1], 0.0f);
+  EXPECT_EQ(out[3], 0.0f);
+
+  // Column i - 2 takes tap 4, row j - 1 tap 3.
+  const int32_t alphaOnly[4] = {0, 0, 0, 255};
+  writeU8x4(8, 9, s.store, 0, alphaOnly);
+  filterPixel<kKindRgba8>(s.store, 0, 9.5f, 9.5f, &out[0], &out[1], &out[2], &out[3]);
+  EXPECT_EQ(out[3], -23882280.0f * 0x1p-22f);  // 255 * -92 * 1018
+  // Row j + 2 takes tap 0, which is 0 at phase 0.
+  writeU8x4(8, 12, s.store, 0, bright);
+  float again[4];
+  filterPixel<kKindRgba8>(s.store, 0, 9.5f, 9.5f, &again[0], &again[1], &again[2], &again[3]);
+  EXPECT_EQ(again[0], out[0]);
+}
+
+TEST(TapOrientation, SixteenBitRowSumsTruncateTowardZero) {
+  OwnedStore s(20, 20, kKindRgba16);
+  const int32_t value[4] = {1000, 0, 0, 0};
+  writeU16x4(11, 10, s.store, 0, value);
+  float out[4];
+  filterPixel<kKindRgba16>(s.store, 0, 9.5f, 9.5f, &out[0], &out[1], &out[2], &out[3]);
+  // Row: 1000 * -1523 = -1523000, / 32768 -> -46 (toward zero; floor would give -47).
+  // Column: -46 * 19476 = -895896, times 2^-15.
+  EXPECT_EQ(out[0], -895896.0f * 0x1p-15f);
+  EXPECT_EQ(out[1], 0.0f);
+}
+
+TEST(TapOrientation, Float) {
+  OwnedStore s(20, 20, kKindRgbaFloat);
+  const uint32_t one[4] = {floatBits(1.0f), 0, 0, 0};
+  writeWord4(11, 10, s.store, 0, one);
+  float out[4];
+  filterPixel<kKindRgbaFloat>(s.store, 0, 9.5f, 9.5f, &out[0], &out[1], &out[2], &out[3]);
+  const ResampleKernelTable& k = s->kernelTable;
+  EXPECT_EQ(out[0], k.weightsFloat[1][0] * k.weightsFloat[2][0]);
+}
+
+// ---- kernels against the reference ------------------------------------------------------------------
+
+// Random content and random positions over every level of at least 5 x 5: the
+// one-tile road, the tile-crossing road and the clamped road must all equal 25
+// plain clamped reads with the same arithmetic.
+TEST(KernelReference, FourChannelKindsMatchEverywhere) {
+  for (int32_t kind : {kKindRgba8, kKindRgba16, kKindRgbaFloat}) {
+    OwnedStore s(1100, 600, kind);
+    ASSERT_NE(s.store, nullptr);
+    fillRandom(s.store, 77);
+    uint32_t state = 12345;
+    for (int32_t level = 0; level <= s->topLevel; ++level) {
+      if (s->levelWidth[level] < 5 || s->levelHeight[level] < 5) continue;
+      const int samples = level == 0 ? 20000 : 3000;
+      for (int n = 0; n < samples; ++n) {
+        const float x = randomPosition(&state, s->levelWidth[level]);
+        const float y = randomPosition(&state, s->levelHeight[level]);
+        float got[4];
+        float want[4];
+        kernelPixel(s.store, level, x, y, got);
+        referencePixel(s.store, level, x, y, want);
+        for (int c = 0; c < 4; ++c) {
+          ASSERT_EQ(got[c], want[c]) << "kind " << kind << " level " << level << " at " << x << "," << y << " c" << c;
+        }
+      }
+    }
+  }
+}
+
+TEST(KernelReference, OneValueKindsMatchEverywhere) {
+  for (int32_t kind : {kKindGray8, kKindGray16, kKindFloat}) {
+    OwnedStore s(1100, 600, kind);
+    ASSERT_NE(s.store, nullptr);
+    fillRandom(s.store, 5);
+    uint32_t state = 999;
+    for (int32_t level = 0; level <= s->topLevel; ++level) {
+      if (s->levelWidth[level] < 5 || s->levelHeight[level] < 5) continue;
+      for (int n = 0; n < 5000; ++n) {
+        const float x = randomPosition(&state, s->levelWidth[level]);
+        const float y = randomPosition(&state, s->levelHeight[level]);
+        ASSERT_EQ(kernelScalar(s.store, level, x, y), referenceScalar(s.store, level, x, y))
+            << "kind " << kind << " level " << level << " at " << x << "," << y;
+      }
+    }
+  }
+}
+
+TEST(KernelReference, LeftOfColumnZeroRepeatsColumnZero) {
+  OwnedStore s(40, 40, kKindRgba8);
+  fillRandom(s.store, 3);
+  // x < 1.5 puts the block's first column left of 0: the general road, with
+  // columns -2 and -1 read as column 0. Make a copy whose columns are shifted
+  // right by two with column 0 written three times: the same sums.
+  OwnedStore t(42, 40, kKindRgba8);
+  for (int32_t y = 0; y < 40; ++y) {
+    for (int32_t x = 0; x < 42; ++x) {
+      int32_t c[4];
+      readU8x4(x < 2 ? 0 : x - 2, y, s.store, 0, c);
+      writeU8x4(x, y, t.store, 0, c);
+    }
+  }
+  for (float x : {-0.5f, -0.25f, 0.0f, 0.3f, 0.7f, 1.2f, 1.49f}) {
+    float a[4];
+    float b[4];
+    filterPixel<kKindRgba8>(s.store, 0, x, 20.3f, &a[0], &a[1], &a[2], &a[3]);
+    filterPixel<kKindRgba8>(t.store, 0, x + 2.0f, 20.3f, &b[0], &b[1], &b[2], &b[3]);
+    for (int c = 0; c < 4; ++c) EXPECT_EQ(a[c], b[c]) << x;
+  }
+}
+
+// The same content at two offsets: once with the 5 x 5 block inside a tile,
+// once across a vertical border, a horizontal border and a tile corner.
+TEST(TileBorder, CrossingBlockEqualsTheBlockInsideOneTile) {
+  for (int32_t kind : {kKindRgba8, kKindRgba16, kKindRgbaFloat}) {
+    const int32_t offsets[][2] = {{100, 100}, {490, 100}, {100, 490}, {490, 490}};
+    std::vector<PixelStore*> stores;
+    for (const auto& o : offsets) {
+      PixelStore* s = pixelStoreCreate(600, 600, kind, 0, false);
+      ASSERT_NE(s, nullptr);
+      fillLevel(s, 0, [&](int32_t x, int32_t y, int c) {
+        return double(hashPoint(x - o[0], y - o[1], uint32_t(c)) >> 8) / double(1 << 24);
+      });
+      stores.push_back(s);
+    }
+    for (int32_t cy = 14; cy <= 30; ++cy) {
+      for (int32_t cx = 14; cx <= 30; ++cx) {
+        const float fx = float((cx * 37) % 128) / 128.0f;
+        const float fy = float((cy * 53) % 128) / 128.0f;
+        float inside[4];
+        kernelPixel(stores[0], 0, float(offsets[0][0] + cx) + fx, float(offsets[0][1] + cy) + fy, inside);
+        for (size_t k = 1; k < stores.size(); ++k) {
+          float crossing[4];
+          kernelPixel(stores[k], 0, float(offsets[k][0] + cx) + fx, float(offsets[k][1] + cy) + fy, crossing);
+          for (int c = 0; c < 4; ++c) {
+            ASSERT_EQ(floatBits(crossing[c]), floatBits(inside[c])) << "kind " << kind << " offset " << k << " at "
+                                                                    << cx << "," << cy;
+          }
+        }
+      }
+    }
+    for (PixelStore* s : stores) pixelStoreDestroy(&s);
+  }
+}
+
+TEST(EdgeModes, WrapModesReadTheOtherSide) {
+  for (int32_t mode : {1, 2}) {
+    OwnedStore s(30, 20, kKindRgba8, mode);
+    ASSERT_NE(s.store, nullptr);
+    fillRandom(s.store, 11);
+    for (float x : {-0.5f, 0.2f, 1.0f, 27.6f, 28.9f, 29.4f}) {
+      for (float y : {-0.4f, 0.6f, 10.0f, 18.7f, 19.4f}) {
+        float got[4];
+        float want[4];
+        filterPixel<kKindRgba8>(s.store, 0, x, y, &got[0], &got[1], &got[2], &got[3]);
+        referencePixel(s.store, 0, x, y, want, true, mode == 1);
+        for (int c = 0; c < 4; ++c) ASSERT_EQ(got[c], want[c]) << "mode " << mode << " at " << x << "," << y;
+      }
+    }
+  }
+}
+
+// ---- blending between levels ----------------------------------------------------------------------
+
+TEST(LevelBlend, FractionMixesTwoLevels) {
+  OwnedStore s(1000, 600, kKindRgba8);
+  const double hundred[4] = {100.0 / 255, 100.0 / 255, 100.0 / 255, 100.0 / 255};
+  const double twoHundred[4] = {200.0 / 255, 200.0 / 255, 200.0 / 255, 200.0 / 255};
+  fillFlat(s.store, 0, hundred);
+  fillFlat(s.store, 1, twoHundred);
+  fillFlat(s.store, 2, twoHundred);
+  float out[4];
+  filterPixelBlend<kKindRgba8>(s.store, 0, 0.0f, 0.3f, 0.6f, &out[0], &out[1], &out[2], &out[3]);
+  EXPECT_EQ(out[0], 100.0f);
+  filterPixelBlend<kKindRgba8>(s.store, 0, 0.25f, 0.3f, 0.6f, &out[0], &out[1], &out[2], &out[3]);
+  EXPECT_EQ(out[0], 125.0f);
+  EXPECT_EQ(out[3], 125.0f);
+  // Two identical levels: any fraction gives the value.
+  filterPixelBlend<kKindRgba8>(s.store, 1, 0.25f, 0.3f, 0.6f, &out[0], &out[1], &out[2], &out[3]);
+  EXPECT_EQ(out[0], 200.0f);
+}
+
+TEST(LevelBlend, FractionZeroReadsOneLevelAtItsScale) {
+  OwnedStore s(700, 500, kKindRgba16);
+  fillRandom(s.store, 21);
+  const float u = 0.4123f;
+  const float v = 0.7771f;
+  float blend[4];
+  float direct[4];
+  filterPixelBlend<kKindRgba16>(s.store, 2, 0.0f, u, v, &blend[0], &blend[1], &blend[2], &blend[3]);
+  filterPixel<kKindRgba16>(s.store, 2, s->levelScaleX[2] * u - 0.5f, s->levelScaleY[2] * v - 0.5f, &direct[0],
+                           &direct[1], &direct[2], &direct[3]);
+  for (int c = 0; c < 4; ++c) EXPECT_EQ(blend[c], direct[c]);
+}
+
+TEST(LevelBlend, LevelIsLimitedButTheFractionStillBlends) {
+  OwnedStore s(300, 200, kKindRgbaFloat);
+  fillRandom(s.store, 8);
+  const int32_t top = s->topLevel;
+  float a[4];
+  float b[4];
+  filterPixelBlend<kKindRgbaFloat>(s.store, top + 3, 0.5f, 0.3f, 0.9f, &a[0], &a[1], &a[2], &a[3]);
+  filterPixelBlend<kKindRgbaFloat>(s.store, top - 1, 0.5f, 0.3f, 0.9f, &b[0], &b[1], &b[2], &b[3]);
+  for (int c = 0; c < 4; ++c) EXPECT_EQ(a[c], b[c]);
+  float only[4];
+  filterPixelBlend<kKindRgbaFloat>(s.store, top - 1, 0.0f, 0.3f, 0.9f, &only[0], &only[1], &only[2], &only[3]);
+  EXPECT_NE(a[0], only[0]);  // the fraction reached level top
+  filterPixelBlend<kKindRgbaFloat>(s.store, -4, 0.5f, 0.3f, 0.9f, &a[0], &a[1], &a[2], &a[3]);
+  filterPixelBlend<kKindRgbaFloat>(s.store, 0, 0.5f, 0.3f, 0.9f, &b[0], &b[1], &b[2], &b[3]);
+  for (int c = 0; c < 4; ++c) EXPECT_EQ(a[c], b[c]);
+}
+
+// ---- dispatch and unit entries ------------------------------------------------------------------------
+
+TEST(KindDispatch, OneValueKindsAndUnknownKinds) {
+  float r, g, b, a;
+  OwnedStore g8(50, 50, kKindGray8);
+  const double v8[4] = {64.0 / 255, 0, 0, 0};
+  fillFlat(g8.store, 0, v8);
+  filterBlendDispatch(g8.store, 0, 0.0f, 0.5f, 0.5f, &r, &g, &b, &a);
+  EXPECT_EQ(r, 64.0f);
+  EXPECT_EQ(g, 64.0f);
+  EXPECT_EQ(b, 64.0f);
+  EXPECT_EQ(a, 255.0f);
+
+  OwnedStore g16(50, 50, kKindGray16);
+  const double v16[4] = {1.0 / 32768, 0, 0, 0};
+  fillFlat(g16.store, 0, v16);
+  filterBlendDispatch(g16.store, 0, 0.0f, 0.5f, 0.5f, &r, &g, &b, &a);
+  EXPECT_EQ(r, 1.0f);
+  EXPECT_EQ(a, 32768.0f);
+  // Larger values wrap the 32-bit total of this kernel: a flat 2 makes 2^31, read as -2^31.
+  const double two16[4] = {2.0 / 32768, 0, 0, 0};
+  fillFlat(g16.store, 0, two16);
+  filterBlendDispatch(g16.store, 0, 0.0f, 0.5f, 0.5f, &r, &g, &b, &a);
+  EXPECT_EQ(r, -2.0f);
+
+  OwnedStore raw(50, 50, kKindRaw16);
+  filterBlendDispatch(raw.store, 0, 0.0f, 0.5f, 0.5f, &r, &g, &b, &a);
+  EXPECT_EQ(r, 0.5f);
+  EXPECT_EQ(a, 0.5f);
+  float unit[4];
+  filterUnitPixel(raw.store, 0, 0.0f, 0.5f, 0.5f, unit);
+  EXPECT_EQ(unit[3], 0.5f);
+}
+
+TEST(KindDispatch, DistanceKindReadsOneLevelOnly) {
+  OwnedStore f(64, 64, kKindFloat);
+  const double one[4] = {1.0, 0, 0, 0};
+  const double three[4] = {3.0, 0, 0, 0};
+  fillFlat(f.store, 0, one);
+  fillFlat(f.store, 1, three);
+  float r, g, b, a;
+  filterBlendDispatch(f.store, 0, 0.0f, 0.5f, 0.5f, &r, &g, &b, &a);
+  EXPECT_NEAR(r, 1.0f, 1e-6f);
+  EXPECT_EQ(a, 1.0f);
+  filterBlendDispatch(f.store, 0, 0.5f, 0.5f, 0.5f, &r, &g, &b, &a);
+  EXPECT_NEAR(r, 3.0f, 3e-6f);  // no mixing: the level above alone
+  filterBlendDispatch(f.store, 0, 1e-6f, 0.5f, 0.5f, &r, &g, &b, &a);
+  EXPECT_NEAR(r, 3.0f, 3e-6f);
+}
+
+TEST(UnitEntries, ScaledByValueToUnit) {
+  OwnedStore s(100, 80, kKindRgba8);
+  const double full[4] = {1.0, 0.0, 51.0 / 255, 1.0};
+  fillFlat(s.store, 0, full);
+  float out[4];
+  filterUnitPixel(s.store, 0, 0.0f, 0.5f, 0.5f, out);
+  EXPECT_EQ(out[0], 255.0f * float(1.0 / 255.0));
+  EXPECT_EQ(out[1], 0.0f);
+  EXPECT_EQ(out[2], 51.0f * float(1.0 / 255.0));
+
+  OwnedStore q(100, 80, kKindRgba16);
+  fillRandom(q.store, 2);
+  float at[4];
+  float direct[4];
+  filterUnitPixelAt(q.store, 1, 0.0f, 13.5f, 20.0f, at);
+  filterUnitPixel(q.store, 1, 0.0f, (13.5f + 0.5f) * q->invInnerWidth[1], (20.0f + 0.5f) * q->invInnerHeight[1],
+                  direct);
+  for (int c = 0; c < 4; ++c) EXPECT_EQ(at[c], direct[c]);
+}
+
+TEST(UnitEntries, BilinearNeighbours) {
+  OwnedStore s(4, 4, kKindRgbaFloat);
+  fillLevel(s.store, 0, [](int32_t x, int32_t y, int c) { return c == 3 ? 1.0 : double(x + 4 * y); });
+  float out[4];
+  // u = 0.5 -> 4 * 0.5 - 0.5 = 1.5: pixels 1 and 2, fraction 0.5; v = 0.25 -> 0.5: rows 0 and 1.
+  bilinearUnitPixel(0.5f, 0.25f, s.store, 0, out);
+  EXPECT_EQ(out[0], 3.5f);
+  EXPECT_EQ(out[3], 1.0f);
+  // Outside the unit square the point is clamped back.
+  bilinearUnitPixel(-3.0f, 0.25f, s.store, 0, out);
+  float edge[4];
+  bilinearUnitPixel(0.0f, 0.25f, s.store, 0, edge);
+  EXPECT_EQ(out[0], edge[0]);
+}
+
+// ---- small levels ----------------------------------------------------------------------------------------
+
+// Levels of 1 to 4 pixels in either direction let the one-tile road read the
+// tile's columns past the level and its spare rows. The memory must be there:
+// the sanitizer build turns any read past it into a failure.
+TEST(SmallLevels, EveryKindReadsCleanly) {
+  const int32_t kinds[] = {kKindRgba8, kKindRgba16, kKindRgbaFloat, kKindGray8, kKindGray16, kKindFloat};
+  const int32_t sizes[][2] = {{1, 1}, {2, 1}, {1, 2}, {3, 3}, {4, 4}, {4, 1}, {2, 4},
+                              {1, 700}, {4, 600}, {700, 1}, {600, 4}, {5, 5}, {6, 3}};
+  for (int32_t kind : kinds) {
+    for (const auto& size : sizes) {
+      OwnedStore s(size[0], size[1], kind);
+      ASSERT_NE(s.store, nullptr);
+      fillRandom(s.store, 1);
+      for (int32_t level = -1; level <= s->topLevel + 1; ++level) {
+        for (float frac : {0.0f, 0.5f}) {
+          for (int iu = 0; iu <= 10; ++iu) {
+            for (int iv = 0; iv <= 10; ++iv) {
+              float out[4];
+              filterUnitPixel(s.store, level, frac, float(iu) / 10.0f, float(iv) / 10.0f, out);
+              for (int c = 0; c < 4; ++c) ASSERT_TRUE(isfinite(out[c]));
+            }
+          }
+        }
+      }
+      for (int32_t level = 0; level <= s->topLevel; ++level) {
+        const float w = float(s->levelWidth[level]);
+        const float h = float(s->levelHeight[level]);
+        float out[4];
+        filterUnitPixelAt(s.store, level, 0.0f, w - 1.0f, h - 1.0f, out);
+        bilinearUnitPixel(1.0f, 1.0f, s.store, level, out);
+        for (int c = 0; c < 4; ++c) ASSERT_TRUE(isfinite(out[c]));
+      }
+    }
+  }
+}
+
+}  // namespace
