@@ -17,65 +17,69 @@ inline float relaxedValue(float v, float left, float right, float up, float down
   const float a = left > right ? right : left;
   const float b = up > down ? down : up;
   const float d = a - b;
-  float n;
-  if (fabsf(d) >= 1.0f) {
-    n = float(double(a > b ? b : a) + 1.0);
-  } else {
-    n = float((sqrt(2.0 - double(d * d)) + double(b + a)) * 0.5);
-  }
+  // Both candidates are formed and one is chosen, which the processor does
+  // without a jump; the root of a negative number is never chosen.
+  const float alone = float(double(a > b ? b : a) + 1.0);
+  const float meeting = float((sqrt(2.0 - double(d * d)) + double(b + a)) * 0.5);
+  const float n = fabsf(d) >= 1.0f ? alone : meeting;
   return v > n ? n : v;
 }
 
-// One sweep over level 0, rows in the order yFirst..yLast, and within each
-// row the columns from xFirst to xLast.
+// One cell of a sweep, addressed in its tile; a neighbour past the edge of
+// the field is the cell itself, as the clamping accessors give it.
+inline void relaxInTile(PixelStore* field, int32_t x, int32_t y, int32_t maxX, int32_t maxY) {
+  float* cell = storePixel<float>(field, 0, x, y);
+  const float v = *cell;
+  if (1.0f > v) return;  // final: seeds, negatives and values below one pixel
+  float left = v;
+  if ((x & kTileMask) != 0) {
+    left = cell[-1];
+  } else if (x > 0) {
+    left = *storePixel<float>(field, 0, x - 1, y);
+  }
+  float right = v;
+  if (x < maxX) right = (x & kTileMask) != kTileMask ? cell[1] : *storePixel<float>(field, 0, x + 1, y);
+  float up = v;
+  if ((y & kTileMask) != 0) {
+    up = cell[-kTileWidth];
+  } else if (y > 0) {
+    up = *storePixel<float>(field, 0, x, y - 1);
+  }
+  float down = v;
+  if (y < maxY) down = (y & kTileMask) != kTileMask ? cell[kTileWidth] : *storePixel<float>(field, 0, x, y + 1);
+  *cell = relaxedValue(v, left, right, up, down);
+}
+
+// Rows that a sweep carries along together.
+constexpr int32_t kSweepBand = 8;
+
+// One sweep over level 0 in the order of rows and columns given.
 //
 // The update of a cell reads its four neighbours, each either before or after
-// its own update in this sweep. A sweep with the columns outermost and one
-// with the rows outermost agree on which of the four come before: the one
-// on the side the x loop comes from and the one on the side the y loop comes
-// from. So both orders give the same field, bit for bit, and the rows go
-// outermost here because a row is contiguous in the tile.
-//
-// Inside a row the cells are addressed directly in the tile; the clamped
-// reads at the edges of the field become the cell itself, as the accessors
-// would give them.
-void sweepRows(PixelStore* field, bool xRising, bool yRising) {
+// its own update in this sweep: before, the neighbour on the side the x loop
+// comes from and the one on the side the y loop comes from; after, the other
+// two. Any order of visiting that keeps those two before and those two after
+// gives the same field, bit for bit: columns outermost, rows outermost, or
+// the order used here. A band of rows is swept together, each row one cell
+// behind the row before it, so that the cells updated side by side do not
+// wait on each other and the processor can overlap their arithmetic; a single
+// row would be one long chain, each cell waiting on its predecessor.
+void sweepOnce(PixelStore* field, bool xRising, bool yRising) {
   const int32_t width = field->levelWidth[0];
   const int32_t height = field->levelHeight[0];
-  const int32_t tilesAcross = field->tilesAcross[0];
-  for (int32_t step = 0; step < height; ++step) {
-    const int32_t y = yRising ? step : height - 1 - step;
-    const int32_t yUp = y > 0 ? y - 1 : 0;
-    const int32_t yDown = y < height - 1 ? y + 1 : height - 1;
-    for (int32_t tileStep = 0; tileStep < tilesAcross; ++tileStep) {
-      const int32_t tile = xRising ? tileStep : tilesAcross - 1 - tileStep;
-      const int32_t x0 = tile * kTileWidth;
-      const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
-      float* row = storePixel<float>(field, 0, x0, y);
-      const float* rowUp = storePixel<const float>(field, 0, x0, yUp);
-      const float* rowDown = storePixel<const float>(field, 0, x0, yDown);
-      // The cells just outside this tile's part of the row, when the row goes on.
-      float* beforeTile = x0 > 0 ? storePixel<float>(field, 0, x0 - 1, y) : nullptr;
-      float* afterTile = x0 + count < width ? storePixel<float>(field, 0, x0 + count, y) : nullptr;
-      for (int32_t i = 0; i < count; ++i) {
-        const int32_t k = xRising ? i : count - 1 - i;
-        const float v = row[k];
-        if (1.0f > v) continue;  // final: seeds, negatives and values below one pixel
-        float left;
-        if (k > 0) {
-          left = row[k - 1];
-        } else {
-          left = beforeTile != nullptr ? *beforeTile : v;
-        }
-        float right;
-        if (k + 1 < count) {
-          right = row[k + 1];
-        } else {
-          right = afterTile != nullptr ? *afterTile : v;
-        }
-        const float n = relaxedValue(v, left, right, rowUp[k], rowDown[k]);
-        // Storing v again would leave the same bits.
-        if (n != v) row[k] = n;
+  const int32_t maxX = width - 1;
+  const int32_t maxY = height - 1;
+  for (int32_t band = 0; band < height; band += kSweepBand) {
+    const int32_t rows = height - band < kSweepBand ? height - band : kSweepBand;
+    for (int32_t step = 0; step < width + rows - 1; ++step) {
+      // Row j of the band is at column step - j of its walk.
+      const int32_t firstRow = step - maxX > 0 ? step - maxX : 0;
+      const int32_t endRow = step + 1 < rows ? step + 1 : rows;
+      for (int32_t j = firstRow; j < endRow; ++j) {
+        const int32_t i = step - j;
+        const int32_t x = xRising ? i : maxX - i;
+        const int32_t y = yRising ? band + j : maxY - (band + j);
+        relaxInTile(field, x, y, maxX, maxY);
       }
     }
   }
@@ -147,10 +151,10 @@ void relaxDistanceCell(int32_t x, int32_t y, PixelStore* field) {
 
 void sweepDistance(PixelStore* field) {
   // x rising, y rising; x falling, y rising; both falling; x rising, y falling.
-  sweepRows(field, true, true);
-  sweepRows(field, false, true);
-  sweepRows(field, false, false);
-  sweepRows(field, true, false);
+  sweepOnce(field, true, true);
+  sweepOnce(field, false, true);
+  sweepOnce(field, false, false);
+  sweepOnce(field, true, false);
 }
 
 void invertDistanceStore(PixelStore* field) {

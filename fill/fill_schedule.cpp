@@ -1,9 +1,58 @@
 #include "fill/fill_schedule.h"
 
+#include <string.h>
+
 #include "store/pixel_store.h"
 #include "store/resample.h"
 
 namespace {
+
+// The accessors of the store's own kind, inline, so that each level is worked
+// flat for its kind: the same conversions as readUnitPixel and writeUnitPixel
+// (stored value times valueToUnit in single precision; unit value times
+// unitToValue, truncated; float bits as they are).
+template <int32_t kKind>
+inline void readPixel(int32_t x, int32_t y, const PixelStore* store, int32_t level, float out[4]) {
+  if (kKind == kKindRgba8 || kKind == kKindRgba16) {
+    int32_t c[4];
+    if (kKind == kKindRgba8) {
+      readU8x4(x, y, store, level, c);
+    } else {
+      readU16x4(x, y, store, level, c);
+    }
+    const float scale = store->valueToUnit;
+    out[0] = float(c[0]) * scale;
+    out[1] = float(c[1]) * scale;
+    out[2] = float(c[2]) * scale;
+    out[3] = float(c[3]) * scale;
+  } else if (kKind == kKindRgbaFloat) {
+    uint32_t w[4];
+    readWord4(x, y, store, level, w);
+    memcpy(out, w, sizeof w);
+  } else {
+    readUnitPixel(x, y, store, level, out);
+  }
+}
+
+template <int32_t kKind>
+inline void writePixel(int32_t x, int32_t y, PixelStore* store, int32_t level, const float rgba[4]) {
+  if (kKind == kKindRgba8 || kKind == kKindRgba16) {
+    const float scale = store->unitToValue;
+    const int32_t c[4] = {truncToInt32(rgba[0] * scale), truncToInt32(rgba[1] * scale),
+                          truncToInt32(rgba[2] * scale), truncToInt32(rgba[3] * scale)};
+    if (kKind == kKindRgba8) {
+      writeU8x4(x, y, store, level, c);
+    } else {
+      writeU16x4(x, y, store, level, c);
+    }
+  } else if (kKind == kKindRgbaFloat) {
+    uint32_t w[4];
+    memcpy(w, rgba, sizeof w);
+    writeWord4(x, y, store, level, w);
+  } else {
+    writeUnitPixel(x, y, store, level, rgba);
+  }
+}
 
 // Adds one neighbour's colour, weighted by its alpha, to the sums.
 inline void addWeighted(const float q[4], float* r, float* g, float* b, float* a) {
@@ -13,10 +62,8 @@ inline void addWeighted(const float q[4], float* r, float* g, float* b, float* a
   *a += q[3];
 }
 
-}  // namespace
-
-void diffuseLevel(PixelStore* store, int32_t level, int32_t passes) {
-  if (passes < 1) return;
+template <int32_t kKind>
+void diffuseLevelOf(PixelStore* store, int32_t level, int32_t passes) {
   const int32_t width = store->levelWidth[level];
   const int32_t height = store->levelHeight[level];
 
@@ -24,9 +71,9 @@ void diffuseLevel(PixelStore* store, int32_t level, int32_t passes) {
   for (int32_t y = 0; y < height; ++y) {
     for (int32_t x = 0; x < width; ++x) {
       float p[4];
-      readUnitPixel(x, y, store, level, p);
+      readPixel<kKind>(x, y, store, level, p);
       if (kCoverFloor > double(p[3])) p[3] = 0.0f;
-      writeUnitPixel(x, y, store, level, p);
+      writePixel<kKind>(x, y, store, level, p);
     }
   }
 
@@ -39,26 +86,32 @@ void diffuseLevel(PixelStore* store, int32_t level, int32_t passes) {
       for (int32_t y = 0; y < height; ++y) {
         for (int32_t x = (parity ^ y) & 1; x < width; x += 2) {
           float p[4];
-          readUnitPixel(x, y, store, level, p);
+          readPixel<kKind>(x, y, store, level, p);
           if (p[3] != 0.0f) continue;
-          float r = 0.0f;
-          float g = 0.0f;
-          float b = 0.0f;
-          float a = 0.0f;
           // Reads clamp: at an edge the hole stands in for its missing
           // neighbour and adds nothing.
-          float q[4];
-          readUnitPixel(x, y - 1, store, level, q);
-          addWeighted(q, &r, &g, &b, &a);
-          readUnitPixel(x - 1, y, store, level, q);
-          addWeighted(q, &r, &g, &b, &a);
-          readUnitPixel(x + 1, y, store, level, q);
-          addWeighted(q, &r, &g, &b, &a);
-          readUnitPixel(x, y + 1, store, level, q);
-          addWeighted(q, &r, &g, &b, &a);
+          float up[4];
+          float left[4];
+          float right[4];
+          float down[4];
+          readPixel<kKind>(x, y - 1, store, level, up);
+          readPixel<kKind>(x - 1, y, store, level, left);
+          readPixel<kKind>(x + 1, y, store, level, right);
+          readPixel<kKind>(x, y + 1, store, level, down);
+          // The weight alone decides; most holes have none, and their colour
+          // sums need not be formed. Each sum runs up, left, right, down.
+          const float a = ((up[3] + left[3]) + right[3]) + down[3];
           if (double(a) > kNeighbourFloor) {
+            float r = 0.0f;
+            float g = 0.0f;
+            float b = 0.0f;
+            float weight = 0.0f;
+            addWeighted(up, &r, &g, &b, &weight);
+            addWeighted(left, &r, &g, &b, &weight);
+            addWeighted(right, &r, &g, &b, &weight);
+            addWeighted(down, &r, &g, &b, &weight);
             const float filled[4] = {r / a, g / a, b / a, 1.0f};
-            writeUnitPixel(x, y, store, level, filled);
+            writePixel<kKind>(x, y, store, level, filled);
           }
         }
       }
@@ -70,14 +123,15 @@ void diffuseLevel(PixelStore* store, int32_t level, int32_t passes) {
   for (int32_t y = 0; y < height; ++y) {
     for (int32_t x = 0; x < width; ++x) {
       float p[4];
-      readUnitPixel(x, y, store, level, p);
+      readPixel<kKind>(x, y, store, level, p);
       p[3] = p[3] == 0.0f ? 0.0f : 1.0f;
-      writeUnitPixel(x, y, store, level, p);
+      writePixel<kKind>(x, y, store, level, p);
     }
   }
 }
 
-void reduceColours(PixelStore* store, int32_t level) {
+template <int32_t kKind>
+void reduceColoursOf(PixelStore* store, int32_t level) {
   const int32_t target = level + 1;
   const int32_t width = store->levelWidth[target];
   const int32_t height = store->levelHeight[target];
@@ -94,7 +148,7 @@ void reduceColours(PixelStore* store, int32_t level) {
       const int32_t offsets[4][2] = {{0, 0}, {1, 0}, {0, 1}, {1, 1}};
       for (const auto& offset : offsets) {
         float q[4];
-        readUnitPixel(sx + offset[0], sy + offset[1], store, level, q);
+        readPixel<kKind>(sx + offset[0], sy + offset[1], store, level, q);
         if (kCoverFloor > double(q[3])) q[3] = 0.0f;
         addWeighted(q, &r, &g, &b, &a);
       }
@@ -111,21 +165,19 @@ void reduceColours(PixelStore* store, int32_t level) {
         pixel[2] = b;
         pixel[3] = 0.0f;
       }
-      writeUnitPixel(ox, oy, store, target, pixel);
+      writePixel<kKind>(ox, oy, store, target, pixel);
     }
   }
 }
 
-void expandInto(PixelStore* store, int32_t level) {
-  const int32_t kind = store->kind;
-  const bool integerKind = kind == kKindRgba8 || kind == kKindRgba16 || kind == kKindGray8 || kind == kKindGray16;
-  const float limit = integerKind ? 1.0f : kFloatColourLimit;
+template <int32_t kKind>
+void expandIntoOf(PixelStore* store, int32_t level, float limit) {
   const int32_t width = store->levelWidth[level];
   const int32_t height = store->levelHeight[level];
   for (int32_t y = 0; y < height; ++y) {
     for (int32_t x = 0; x < width; ++x) {
       float p[4];
-      readUnitPixel(x, y, store, level, p);
+      readPixel<kKind>(x, y, store, level, p);
       if (!(double(p[3]) > kHoleAlpha)) {
         // Pixel x of this level reads the level above at x / 2, a quarter
         // pixel off its geometric centre; that offset belongs to the picture.
@@ -144,8 +196,41 @@ void expandInto(PixelStore* store, int32_t level) {
         }
       }
       p[3] = 1.0f;
-      writeUnitPixel(x, y, store, level, p);
+      writePixel<kKind>(x, y, store, level, p);
     }
+  }
+}
+
+}  // namespace
+
+void diffuseLevel(PixelStore* store, int32_t level, int32_t passes) {
+  if (passes < 1) return;
+  switch (store->kind) {
+    case kKindRgba8: diffuseLevelOf<kKindRgba8>(store, level, passes); return;
+    case kKindRgba16: diffuseLevelOf<kKindRgba16>(store, level, passes); return;
+    case kKindRgbaFloat: diffuseLevelOf<kKindRgbaFloat>(store, level, passes); return;
+    default: diffuseLevelOf<-1>(store, level, passes); return;
+  }
+}
+
+void reduceColours(PixelStore* store, int32_t level) {
+  switch (store->kind) {
+    case kKindRgba8: reduceColoursOf<kKindRgba8>(store, level); return;
+    case kKindRgba16: reduceColoursOf<kKindRgba16>(store, level); return;
+    case kKindRgbaFloat: reduceColoursOf<kKindRgbaFloat>(store, level); return;
+    default: reduceColoursOf<-1>(store, level); return;
+  }
+}
+
+void expandInto(PixelStore* store, int32_t level) {
+  const int32_t kind = store->kind;
+  const bool integerKind = kind == kKindRgba8 || kind == kKindRgba16 || kind == kKindGray8 || kind == kKindGray16;
+  const float limit = integerKind ? 1.0f : kFloatColourLimit;
+  switch (kind) {
+    case kKindRgba8: expandIntoOf<kKindRgba8>(store, level, limit); return;
+    case kKindRgba16: expandIntoOf<kKindRgba16>(store, level, limit); return;
+    case kKindRgbaFloat: expandIntoOf<kKindRgbaFloat>(store, level, limit); return;
+    default: expandIntoOf<-1>(store, level, limit); return;
   }
 }
 

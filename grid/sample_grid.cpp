@@ -1,7 +1,25 @@
 #include "grid/sample_grid.h"
 
+#include "grid/opaque_walk.h"
+#include "grid/pixel_sampling.h"
+#include "host/blocks.h"
 #include "host/host_record.h"
+#include "host/plugin_main.h"
+#include "platform/platform.h"
 #include "run/job_pool.h"
+#include "store/pixel_store.h"
+
+namespace {
+
+// The keys of what a point hit. This filter has one object: every cell holds
+// the same three.
+constexpr int32_t kKeyObject = -7;
+constexpr int32_t kKeyHit = 2;
+
+// Counters of the grid loops are signed 16-bit values that wrap.
+inline int16_t low16(int32_t value) { return int16_t(uint16_t(uint32_t(value))); }
+
+}  // namespace
 
 int32_t gridsPerUnit() { return 1; }
 
@@ -26,13 +44,100 @@ void gridRelease(SampleGrid* grids, int32_t count) {
   for (int32_t i = 0; i < count; ++i) globalBlockFree(&grids[i].cells);
 }
 
-SampleCell* cellAt(SampleGrid* grid, int32_t x, int32_t y) {
-  if (grid->cells == nullptr || grid->workUnit == nullptr) return nullptr;
-  const TileCursor& c = grid->workUnit->cursor;
-  uint32_t column = uint32_t(x - c.unitRect.left + 1);
-  uint32_t row = uint32_t(y - c.unitRect.top + 1);
-  if (column >= uint32_t(c.gridCols) || row >= uint32_t(c.gridRows)) return nullptr;
-  return grid->cells + size_t(row) * size_t(c.gridCols) + column;
+void cellPoint(float x, float y, int32_t sampleRate, int32_t offsetX, int32_t offsetY, const PixelStore* store,
+               SampleGrid* grid, SampleCell* cell) {
+  (void)grid;
+  float u;
+  float v;
+  float s;
+  float t;
+  pointToUnit(x, y, sampleRate, offsetX, offsetY, store, &u, &v, &s, &t);
+  cell->rawU = u;
+  cell->rawV = v;
+  cell->startU = -997.0f;
+  cell->startV = -998.0f;
+  cell->keyA = kKeyObject;
+  cell->keyC = 0;
+  cell->noHit = 0;
+  cell->spanA = 0;
+  cell->spanB = 0;
+  cell->landU = -1.0f;
+  cell->landV = -1.0f;
+  cell->keyB = 0;
+  cell->startU = u;
+  cell->startV = v;
+  float landX;
+  float landY;
+  cell->walked = nearestOpaque(x, y, &landX, &landY) ? 1 : 0;
+  pointToUnit(landX, landY, sampleRate, offsetX, offsetY, store, &cell->landU, &cell->landV, &s, &t);
+  cell->keyB = kKeyHit;
+  // The engine marks landings outside 0..1 here and clears the mark at once:
+  // the keys stay constant, and nothing else depends on where a point landed.
+  cell->keyC = 0;
 }
 
-void renderUnit(JobUnit* unit) { (void)unit; }
+void fillCells(JobUnit* unit, SampleGrid* grid) {
+  const VRect& r = unit->cursor.unitRect;
+  for (int16_t y = low16(r.top - 1); int32_t(y) < r.bottom + 1; y = low16(y + 1)) {
+    for (int16_t x = low16(r.left - 1); int32_t(x) < r.right + 1; x = low16(x + 1)) {
+      SampleCell* cell = cellAt(grid, x, y);
+      if (cell == nullptr) continue;
+      cellPoint(float(x), float(y), grid->sampleRate, grid->offsetX, grid->offsetY, grid->store, grid, cell);
+    }
+  }
+}
+
+void renderUnit(JobUnit* unit) {
+  if (unit == nullptr || unit->grids == nullptr) return;
+  InstanceBlock* instance = hostContext.instanceBlock;
+  ParamBlock* params = hostContext.paramBlock;
+
+  // The instance records how many workers the render may keep busy. Every
+  // unit computes the same value; it is stored only when it differs, so that
+  // after the first units the workers merely read the word.
+  int32_t workers = instance->runCols + 1;
+  int32_t processors = platformProcessorCount();
+  if (processors < workers) workers = processors;
+  if (instance->workerCount != workers) instance->workerCount = workers;
+
+  int32_t count = gridsPerUnit();
+  PixelStore* store = unit->sourceStore != nullptr ? unit->sourceStore : &instance->sourceStore;
+  VRect whole = instance->wholeFilterRect;
+  float width = float(whole.right - whole.left);
+  float height = float(whole.bottom - whole.top);
+  const VRect& r = unit->cursor.unitRect;
+  for (int32_t i = 0; i < count; ++i) {
+    SampleGrid& grid = unit->grids[i];
+    grid.store = store;
+    grid.workUnit = unit;
+    grid.imageMetrics[0] = width;
+    grid.imageMetrics[1] = height;
+    grid.imageMetrics[2] = height / width;
+    grid.imageMetrics[3] = width;
+    grid.imageMetrics[4] = height;
+    grid.imageMetrics[5] = height / width;
+    grid.imageMetrics[6] = 1.0f / width;
+    grid.imageMetrics[7] = 1.0f / height;
+    grid.imageMetrics[8] = 1.0f / width;
+    grid.imageMetrics[9] = 1.0f / height;
+    resetFootprintState(&grid.state);
+    grid.sampleRate = params->sampleRate;
+    grid.offsetX = params->tileShiftH;
+    grid.offsetY = params->tileShiftV;
+    grid.scratchBlock = instance->scratch[0];
+  }
+  for (int32_t i = 0; i < count; ++i) {
+    SampleGrid& grid = unit->grids[i];
+    // Without its cell array the unit ends here: the writer then gives its
+    // pixels the sample (0, 0, 0, 0).
+    if (grid.cells == nullptr) return;
+    float s;
+    float t;
+    pointToUnit(float(r.left - 1), float(r.top - 1), grid.sampleRate, grid.offsetX, grid.offsetY, store,
+                &grid.bandMinU, &grid.bandMinV, &s, &t);
+    pointToUnit(float(r.right), float(r.bottom), grid.sampleRate, grid.offsetX, grid.offsetY, store, &grid.bandMaxU,
+                &grid.bandMaxV, &s, &t);
+    fillCells(unit, &grid);
+  }
+  samplePixels(unit);
+}

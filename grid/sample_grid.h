@@ -5,9 +5,9 @@
 
 #include <stdint.h>
 
+#include "run/job_pool.h"
 #include "store/footprint.h"
 
-struct JobUnit;
 struct PixelStore;
 
 struct SampleCell {
@@ -55,7 +55,29 @@ int32_t gridsPerUnit();
 // false when any array is missing.
 bool gridAllocate(JobUnit* unit, SampleGrid* grids, int32_t count);
 void gridRelease(SampleGrid* grids, int32_t count);
-// The cell of point (x, y), or null outside the array.
-SampleCell* cellAt(SampleGrid* grid, int32_t x, int32_t y);
-// The worker's half of the render: fills the cells and samples every pixel.
+// The cell of point (x, y), or null outside the array. Points run from one
+// before the unit's left and top edges to its right and bottom edges inclusive.
+// Inline: the sampler asks for eight cells a pixel.
+inline SampleCell* cellAt(SampleGrid* grid, int32_t x, int32_t y) {
+  if (grid->cells == nullptr || grid->workUnit == nullptr) return nullptr;
+  const TileCursor& c = grid->workUnit->cursor;
+  uint32_t column = uint32_t(x) - uint32_t(c.unitRect.left) + 1u;
+  uint32_t row = uint32_t(y) - uint32_t(c.unitRect.top) + 1u;
+  if (column >= uint32_t(c.gridCols) || row >= uint32_t(c.gridRows)) return nullptr;
+  return grid->cells + size_t(row) * size_t(c.gridCols) + column;
+}
+
+// Computes the cell of grid point (x, y): its unit coordinates, the walk to
+// its landing point, and the keys of what it hit (always -7, 2, 0 here).
+void cellPoint(float x, float y, int32_t sampleRate, int32_t offsetX, int32_t offsetY, const PixelStore* store,
+               SampleGrid* grid, SampleCell* cell);
+// Every cell of the unit's grid, rows from top - 1 to bottom, columns from
+// left - 1 to right, with signed 16-bit counters: coordinates of 32768 and
+// above are not handled.
+void fillCells(JobUnit* unit, SampleGrid* grid);
+
+// The worker's half of the render: fills the cells and samples every pixel,
+// leaving each pixel's colour in its cell. A unit without a grids array does
+// nothing; a grid without cells leaves the unit untouched, and its pixels are
+// written as (0, 0, 0, 0).
 void renderUnit(JobUnit* unit);

@@ -59,6 +59,47 @@ Document makeIslandDocument(int32_t width, int32_t height, int depth, int colour
   return d;
 }
 
+Document makeAtlasDocument(int32_t width, int32_t height, int depth, int colourPlanes, uint64_t seed) {
+  Document d = Document::make(width, height, depth, colourPlanes, true);
+  Random random(seed);
+  // Colour noise under the bare ground: the filter must not care what is there.
+  for (int32_t y = 0; y < height; ++y)
+    for (int32_t x = 0; x < width; ++x)
+      for (int c = 0; c < colourPlanes; ++c) setValue(d, x, y, c, random.below(256) / 255.0);
+  // Islands on a grid of cells, each a rounded rectangle filling about half of
+  // its cell's width and height.
+  int cells = 4;
+  double cellW = double(width) / cells, cellH = double(height) / cells;
+  for (int cy = 0; cy < cells; ++cy) {
+    for (int cx = 0; cx < cells; ++cx) {
+      double w = cellW * (0.35 + random.below(30) / 100.0);
+      double h = cellH * (0.35 + random.below(30) / 100.0);
+      double left = cx * cellW + random.below(int32_t(cellW - w) + 1);
+      double top = cy * cellH + random.below(int32_t(cellH - h) + 1);
+      double radius = (w < h ? w : h) * 0.2;
+      double colour[3];
+      for (int c = 0; c < 3; ++c) colour[c] = 0.15 + random.below(70) / 100.0;
+      int32_t x0 = int32_t(left) - 2, x1 = int32_t(left + w) + 2;
+      int32_t y0 = int32_t(top) - 2, y1 = int32_t(top + h) + 2;
+      for (int32_t y = y0 < 0 ? 0 : y0; y < (y1 > height ? height : y1); ++y) {
+        for (int32_t x = x0 < 0 ? 0 : x0; x < (x1 > width ? width : x1); ++x) {
+          // Signed distance to the rounded rectangle.
+          double qx = fabs(x + 0.5 - (left + w / 2)) - (w / 2 - radius);
+          double qy = fabs(y + 0.5 - (top + h / 2)) - (h / 2 - radius);
+          double ox = qx > 0 ? qx : 0, oy = qy > 0 ? qy : 0;
+          double dist = sqrt(ox * ox + oy * oy) + (qx > qy ? (qx < 0 ? qx : 0) : (qy < 0 ? qy : 0)) - radius;
+          double alpha = dist <= -0.5 ? 1.0 : dist >= 0.5 ? 0.0 : 0.5 - dist;
+          if (alpha <= 0.0) continue;
+          double texture = 0.85 + 0.15 * (((x / 8) + (y / 8)) % 2);
+          for (int c = 0; c < colourPlanes; ++c) setValue(d, x, y, c, colour[c] * texture);
+          setValue(d, x, y, colourPlanes, alpha);
+        }
+      }
+    }
+  }
+  return d;
+}
+
 void addDiscMask(Document& d, uint64_t seed) {
   Random random(seed);
   d.mask.assign(size_t(d.width) * size_t(d.height), 0);

@@ -32,6 +32,9 @@ struct Random {
 // A layer of soft-edged coloured islands on a transparent ground, like the
 // islands of a texture atlas; colour under the transparent pixels is noise.
 Document makeIslandDocument(int32_t width, int32_t height, int depth, int colourPlanes, uint64_t seed);
+// A texture atlas: rounded islands with anti-aliased edges covering about a
+// quarter of the layer, transparent gutters around them.
+Document makeAtlasDocument(int32_t width, int32_t height, int depth, int colourPlanes, uint64_t seed);
 // A selection mask: a soft-edged disc.
 void addDiscMask(Document& document, uint64_t seed);
 

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <chrono>
 
 #if defined(_WIN32)
 #include <windows.h>
@@ -151,6 +152,7 @@ Host::Host(Module& module, Document& document, HostOptions options)
   handleProcs_.recoverSpaceProc = recoverSpaceThunk;
   handleProcs_.disposeRegularHandleProc = disposeProcThunk;
   bufferProcs_.assign(64, 0);
+  startTime_ = secondsSinceStart();
   setUpRecord();
 }
 
@@ -426,8 +428,14 @@ void Host::commitOutput() {
   }
 }
 
+double Host::secondsSinceStart() const {
+  using namespace std::chrono;
+  return duration<double>(steady_clock::now().time_since_epoch()).count() - startTime_;
+}
+
 OSErr Host::advanceState() {
   ++advanceCalls_;
+  advanceTimes_.push_back(secondsSinceStart());
   bool fail = options_.failAdvanceAt != 0 && advanceCalls_ == options_.failAdvanceAt;
   OSErr answer = fail ? options_.advanceError : OSErr(noErr);
   if (fail) {

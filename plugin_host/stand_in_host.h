@@ -131,6 +131,10 @@ class Host {
   int lockedHandles() const;
   int progressCalls() const { return progressCalls_; }
   int advanceCalls() const { return advanceCalls_; }
+  // Seconds since the host was made, at each advanceState: the phases of a run
+  // as the host sees them.
+  const std::vector<double>& advanceTimes() const { return advanceTimes_; }
+  double secondsSinceStart() const;
   // Requests the stand-in answers abortProc with stop from now on (Ctrl-C).
   void requestAbort() { abortRequested_ = true; }
 
@@ -178,6 +182,8 @@ class Host {
   std::vector<HostCall> log_;
   int newCalls_ = 0, lockCalls_ = 0, advanceCalls_ = 0, abortPolls_ = 0, progressCalls_ = 0;
   bool abortRequested_ = false;
+  std::vector<double> advanceTimes_;
+  double startTime_ = 0.0;
   bool parametersKnown_ = false;
 };
 

@@ -14,11 +14,6 @@
 #include <stdint.h>
 #include <string.h>
 
-#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
-#include <emmintrin.h>
-#define MENDARIS_HAS_SSE2_CVT 1
-#endif
-
 // Sine and cosine of x in radians. Arguments beyond 2^20 * pi/2 in magnitude
 // are reduced with less care (still the same bits everywhere); NaN and
 // infinities give NaN.
@@ -34,23 +29,17 @@ double portableAtan2(double y, double x);
 
 // Float to int32 with truncation toward zero. NaN and values outside the
 // int32 range give INT32_MIN, which is what the x86 conversion instruction
-// gives, so that no build depends on undefined behaviour.
+// gives, so that no build depends on undefined behaviour. The range test is
+// explicit rather than left to the instruction: compilers fold conversions of
+// constants by other rules.
 inline int32_t truncToInt32(double value) {
-#ifdef MENDARIS_HAS_SSE2_CVT
-  return _mm_cvttsd_si32(_mm_set_sd(value));
-#else
   if (!(value > -2147483649.0 && value < 2147483648.0)) return INT32_MIN;
   return static_cast<int32_t>(value);
-#endif
 }
 
 inline int32_t truncToInt32(float value) {
-#ifdef MENDARIS_HAS_SSE2_CVT
-  return _mm_cvttss_si32(_mm_set_ss(value));
-#else
   if (!(value >= -2147483648.0f && value < 2147483648.0f)) return INT32_MIN;
   return static_cast<int32_t>(value);
-#endif
 }
 
 // The bits of a float and back, without breaking the aliasing rules.

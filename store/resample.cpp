@@ -5,6 +5,14 @@
 
 #include "store/portable_math.h"
 
+#if (defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)) && \
+    !defined(MENDARIS_SCALAR_KERNELS)
+#include <emmintrin.h>
+#define MENDARIS_SSE2_KERNELS 1
+#else
+#define MENDARIS_SSE2_KERNELS 0
+#endif
+
 // Every kernel takes the same two roads. When the whole 5 x 5 block lies in
 // the level and in one tile, the tile's address is taken once and the block is
 // read as five rows at the tile's stride. Otherwise the 25 pixels are gathered
@@ -60,17 +68,9 @@ inline void kernelAxis(int32_t i, int32_t max, bool wrap, int32_t out[5]) {
   }
 }
 
-// Five pixels of one block row, in the order of the columns.
-template <int kBytes>
-inline void gatherRow(const PixelStore* store, int32_t level, const int32_t cols[5], int32_t y, uint8_t* dst) {
-  memcpy(dst + 0 * kBytes, storePixel<const uint8_t>(store, level, cols[0], y, kBytes), kBytes);
-  memcpy(dst + 1 * kBytes, storePixel<const uint8_t>(store, level, cols[1], y, kBytes), kBytes);
-  memcpy(dst + 2 * kBytes, storePixel<const uint8_t>(store, level, cols[2], y, kBytes), kBytes);
-  memcpy(dst + 3 * kBytes, storePixel<const uint8_t>(store, level, cols[3], y, kBytes), kBytes);
-  memcpy(dst + 4 * kBytes, storePixel<const uint8_t>(store, level, cols[4], y, kBytes), kBytes);
-}
-
-// The 25 pixels of the general road into `block`, rows 5 * kBytes apart.
+// The 25 pixels of the general road into `block`, rows 5 * kBytes apart. The
+// tile column and offset of each column and the tile row and offset of each
+// row are found once; a pixel is then one table load and one copy.
 template <int kBytes>
 inline void gatherBlock(const PixelStore* store, int32_t level, int32_t i, int32_t j, uint8_t* block) {
   const int32_t mode = store->edgeMode;
@@ -78,11 +78,20 @@ inline void gatherBlock(const PixelStore* store, int32_t level, int32_t i, int32
   int32_t rows[5];
   kernelAxis(i, store->levelMaxX[level], mode == 1 || mode == 2, cols);
   kernelAxis(j, store->levelMaxY[level], mode == 1, rows);
-  gatherRow<kBytes>(store, level, cols, rows[0], block + 0 * 5 * kBytes);
-  gatherRow<kBytes>(store, level, cols, rows[1], block + 1 * 5 * kBytes);
-  gatherRow<kBytes>(store, level, cols, rows[2], block + 2 * 5 * kBytes);
-  gatherRow<kBytes>(store, level, cols, rows[3], block + 3 * 5 * kBytes);
-  gatherRow<kBytes>(store, level, cols, rows[4], block + 4 * 5 * kBytes);
+  int32_t colTile[5];
+  int32_t colOffset[5];
+  for (int c = 0; c < 5; ++c) {
+    colTile[c] = cols[c] >> kTileShift;
+    colOffset[c] = (cols[c] & kTileMask) * kBytes;
+  }
+  const StoreTile* levelTiles = store->tiles + store->firstTile[level];
+  const int32_t across = store->tilesAcross[level];
+  for (int r = 0; r < 5; ++r) {
+    const StoreTile* tileRow = levelTiles + (rows[r] >> kTileShift) * across;
+    const int32_t rowOffset = (rows[r] & kTileMask) * kTileWidth * kBytes;
+    uint8_t* dst = block + r * 5 * kBytes;
+    for (int c = 0; c < 5; ++c) memcpy(dst + c * kBytes, tileRow[colTile[c]].pixels + rowOffset + colOffset[c], kBytes);
+  }
 }
 
 // The weights of one axis in column (or row) order: pixel i - 2 takes tap 4,
@@ -112,14 +121,154 @@ inline ptrdiff_t locateBlock(const PixelStore* store, int32_t level, int32_t i, 
   return 5 * kBytes;
 }
 
-// ---- kind 3: four 8-bit channels in one word, channel 0 in the top byte ------------------------
+// ---- block arithmetic of the four-channel kinds ----------------------------------------------
+//
+// Each takes the 5 x 5 block (rows `stride` bytes apart), the weights in
+// column and row order, and gives r, g, b, a. The SSE2 forms compute exactly
+// what the plain forms compute: the integer kinds wrap in 32 bits the same way,
+// and the float kind does the same single-precision operations in the same
+// order, one channel per lane. The plain forms serve other processors and the
+// MENDARIS_SCALAR_KERNELS build, which the tests compare.
+
+inline uint32_t columnSum(uint32_t r0, uint32_t r1, uint32_t r2, uint32_t r3, uint32_t r4, const uint32_t w[5]) {
+  return r0 * w[0] + r1 * w[1] + r2 * w[2] + r3 * w[3] + r4 * w[4];
+}
+
+// Σ row * weight in single precision, added from the top.
+inline float columnSumFloat(float r0, float r1, float r2, float r3, float r4, const float w[5]) {
+  float s = r0 * w[0];
+  s = s + r1 * w[1];
+  s = s + r2 * w[2];
+  s = s + r3 * w[3];
+  s = s + r4 * w[4];
+  return s;
+}
+
+inline uint32_t load16(const uint8_t* p) {
+  uint16_t v;
+  memcpy(&v, p, sizeof v);
+  return v;
+}
+
+#if MENDARIS_SSE2_KERNELS
+
+// Two 16-bit weights (a, b) in every 32-bit lane, for pmaddwd against pixel
+// pairs. Every integer weight fits 16 bits signed: the taps are below 1 in
+// magnitude, so below 32768 even at the 16-bit scale.
+inline __m128i weightPair(uint32_t a, uint32_t b) { return _mm_set1_epi32(int((b << 16) | (a & 0xffffu))); }
+
+// Low 32 bits of lane * w for the four lanes: wrapping multiplication, as the plain form's.
+inline __m128i mulLow32(__m128i v, uint32_t w) {
+  const __m128i wv = _mm_set1_epi32(int(w));
+  const __m128i even = _mm_mul_epu32(v, wv);
+  const __m128i odd = _mm_mul_epu32(_mm_srli_epi64(v, 32), wv);
+  return _mm_unpacklo_epi32(_mm_shuffle_epi32(even, _MM_SHUFFLE(0, 0, 2, 0)),
+                            _mm_shuffle_epi32(odd, _MM_SHUFFLE(0, 0, 2, 0)));
+}
+
+inline __m128i columnSumLanes(__m128i r0, __m128i r1, __m128i r2, __m128i r3, __m128i r4, const uint32_t w[5]) {
+  __m128i s = mulLow32(r0, w[0]);
+  s = _mm_add_epi32(s, mulLow32(r1, w[1]));
+  s = _mm_add_epi32(s, mulLow32(r2, w[2]));
+  s = _mm_add_epi32(s, mulLow32(r3, w[3]));
+  return _mm_add_epi32(s, mulLow32(r4, w[4]));
+}
+
+// Kind 3. The bytes of two words interleaved and widened give, per channel,
+// the pair (value of a, value of b) as 16-bit lanes; lane 0 holds channel 3,
+// the word's low byte.
+inline __m128i pairU8(const uint8_t* a, const uint8_t* b, __m128i zero) {
+  const __m128i bytes = _mm_unpacklo_epi8(_mm_cvtsi32_si128(int(loadWord(a))), _mm_cvtsi32_si128(int(loadWord(b))));
+  return _mm_unpacklo_epi8(bytes, zero);
+}
+
+inline __m128i rowU8x4(const uint8_t* row, __m128i w01, __m128i w23, __m128i w4, __m128i zero) {
+  __m128i s = _mm_madd_epi16(pairU8(row, row + 4, zero), w01);
+  s = _mm_add_epi32(s, _mm_madd_epi16(pairU8(row + 8, row + 12, zero), w23));
+  const __m128i last = _mm_unpacklo_epi8(_mm_unpacklo_epi8(_mm_cvtsi32_si128(int(loadWord(row + 16))), zero), zero);
+  return _mm_add_epi32(s, _mm_madd_epi16(last, w4));
+}
+
+inline void filterBlockU8x4(const uint8_t* block, ptrdiff_t stride, const uint32_t wx[5], const uint32_t wy[5],
+                            float out[4]) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i w01 = weightPair(wx[0], wx[1]);
+  const __m128i w23 = weightPair(wx[2], wx[3]);
+  const __m128i w4 = weightPair(wx[4], 0);
+  const __m128i total = columnSumLanes(
+      rowU8x4(block, w01, w23, w4, zero), rowU8x4(block + stride, w01, w23, w4, zero),
+      rowU8x4(block + 2 * stride, w01, w23, w4, zero), rowU8x4(block + 3 * stride, w01, w23, w4, zero),
+      rowU8x4(block + 4 * stride, w01, w23, w4, zero), wy);
+  alignas(16) float lanes[4];
+  _mm_store_ps(lanes, _mm_mul_ps(_mm_cvtepi32_ps(total), _mm_set1_ps(kScale8)));
+  out[0] = lanes[3];
+  out[1] = lanes[2];
+  out[2] = lanes[1];
+  out[3] = lanes[0];
+}
+
+// Kind 4. pmaddwd multiplies signed 16-bit lanes, and the values run to 65535:
+// each value goes in as v - 32768 (its top bit flipped), and the row gets back
+// 32768 times the sum of its weights, which is 32768 for every phase. Modulo
+// 2^32 the row sum is then exactly the plain one.
+inline __m128i pairU16(const uint8_t* a, const uint8_t* b, __m128i flip) {
+  const __m128i pa = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(a));
+  const __m128i pb = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(b));
+  return _mm_xor_si128(_mm_unpacklo_epi16(pa, pb), flip);
+}
+
+inline __m128i rowU16x4(const uint8_t* row, __m128i w01, __m128i w23, __m128i w4, __m128i flip) {
+  __m128i s = _mm_madd_epi16(pairU16(row, row + 8, flip), w01);
+  s = _mm_add_epi32(s, _mm_madd_epi16(pairU16(row + 16, row + 24, flip), w23));
+  const __m128i last = _mm_xor_si128(
+      _mm_unpacklo_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(row + 32)), _mm_setzero_si128()), flip);
+  s = _mm_add_epi32(s, _mm_madd_epi16(last, w4));
+  s = _mm_add_epi32(s, _mm_set1_epi32(1 << 30));
+  // Signed division by 32768 with truncation toward zero.
+  const __m128i bias = _mm_and_si128(_mm_srai_epi32(s, 31), _mm_set1_epi32(32767));
+  return _mm_srai_epi32(_mm_add_epi32(s, bias), 15);
+}
+
+inline void filterBlockU16x4(const uint8_t* block, ptrdiff_t stride, const uint32_t wx[5], const uint32_t wy[5],
+                             float out[4]) {
+  const __m128i flip = _mm_set1_epi16(short(0x8000));
+  const __m128i w01 = weightPair(wx[0], wx[1]);
+  const __m128i w23 = weightPair(wx[2], wx[3]);
+  const __m128i w4 = weightPair(wx[4], 0);
+  const __m128i total = columnSumLanes(
+      rowU16x4(block, w01, w23, w4, flip), rowU16x4(block + stride, w01, w23, w4, flip),
+      rowU16x4(block + 2 * stride, w01, w23, w4, flip), rowU16x4(block + 3 * stride, w01, w23, w4, flip),
+      rowU16x4(block + 4 * stride, w01, w23, w4, flip), wy);
+  _mm_storeu_ps(out, _mm_mul_ps(_mm_cvtepi32_ps(total), _mm_set1_ps(kScale16)));
+}
+
+// Kind 9: one pixel is one vector of four channels.
+inline __m128 rowFloatx4(const uint8_t* row, const float w[5]) {
+  __m128 s = _mm_mul_ps(_mm_loadu_ps(reinterpret_cast<const float*>(row + 0)), _mm_set1_ps(w[0]));
+  s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(reinterpret_cast<const float*>(row + 16)), _mm_set1_ps(w[1])));
+  s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(reinterpret_cast<const float*>(row + 32)), _mm_set1_ps(w[2])));
+  s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(reinterpret_cast<const float*>(row + 48)), _mm_set1_ps(w[3])));
+  return _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(reinterpret_cast<const float*>(row + 64)), _mm_set1_ps(w[4])));
+}
+
+inline void filterBlockFloatx4(const uint8_t* block, ptrdiff_t stride, const float wx[5], const float wy[5],
+                               float out[4]) {
+  __m128 s = _mm_mul_ps(rowFloatx4(block, wx), _mm_set1_ps(wy[0]));
+  s = _mm_add_ps(s, _mm_mul_ps(rowFloatx4(block + stride, wx), _mm_set1_ps(wy[1])));
+  s = _mm_add_ps(s, _mm_mul_ps(rowFloatx4(block + 2 * stride, wx), _mm_set1_ps(wy[2])));
+  s = _mm_add_ps(s, _mm_mul_ps(rowFloatx4(block + 3 * stride, wx), _mm_set1_ps(wy[3])));
+  s = _mm_add_ps(s, _mm_mul_ps(rowFloatx4(block + 4 * stride, wx), _mm_set1_ps(wy[4])));
+  _mm_storeu_ps(out, s);
+}
+
+#else  // plain forms
 
 struct Sums4 {
   uint32_t c[4];
 };
 
-// Σ channel * weight over one row. Unsigned arithmetic: the sums may wrap and
-// are taken as signed only at the end.
+// Kind 3: Σ channel * weight over one row. Unsigned arithmetic: the sums may
+// wrap and are taken as signed only at the end.
 inline Sums4 rowU8x4(const uint8_t* row, const uint32_t w[5]) {
   const uint32_t p0 = loadWord(row + 0);
   const uint32_t p1 = loadWord(row + 4);
@@ -136,21 +285,9 @@ inline Sums4 rowU8x4(const uint8_t* row, const uint32_t w[5]) {
   return s;
 }
 
-inline uint32_t columnSum(uint32_t r0, uint32_t r1, uint32_t r2, uint32_t r3, uint32_t r4, const uint32_t w[5]) {
-  return r0 * w[0] + r1 * w[1] + r2 * w[2] + r3 * w[3] + r4 * w[4];
-}
-
-// ---- kind 4: four 16-bit values ------------------------------------------------------------------
-
-inline uint32_t load16(const uint8_t* p) {
-  uint16_t v;
-  memcpy(&v, p, sizeof v);
-  return v;
-}
-
-// Σ value * weight over one row, then divided by 32768 with truncation toward
-// zero: the division keeps the 16-bit kernel inside 32 bits, where the product
-// of two weights would not fit.
+// Kind 4: Σ value * weight over one row, then divided by 32768 with truncation
+// toward zero: the division keeps the 16-bit kernel inside 32 bits, where the
+// product of two weights would not fit.
 inline uint32_t rowChannel16(const uint8_t* row, const uint32_t w[5]) {
   const uint32_t sum = load16(row + 0) * w[0] + load16(row + 8) * w[1] + load16(row + 16) * w[2] +
                        load16(row + 24) * w[3] + load16(row + 32) * w[4];
@@ -166,13 +303,7 @@ inline Sums4 rowU16x4(const uint8_t* row, const uint32_t w[5]) {
   return s;
 }
 
-// ---- kind 9: four floats ---------------------------------------------------------------------------
-
-struct Floats4 {
-  float c[4];
-};
-
-// Σ value * weight over one row in single precision, added from the left.
+// Kind 9: Σ value * weight over one row in single precision, added from the left.
 inline float rowChannelFloat(const uint8_t* row, const float w[5]) {
   float s = loadFloat(row + 0) * w[0];
   s = s + loadFloat(row + 16) * w[1];
@@ -182,24 +313,41 @@ inline float rowChannelFloat(const uint8_t* row, const float w[5]) {
   return s;
 }
 
-inline Floats4 rowFloatx4(const uint8_t* row, const float w[5]) {
-  Floats4 s;
-  s.c[0] = rowChannelFloat(row + 0, w);
-  s.c[1] = rowChannelFloat(row + 4, w);
-  s.c[2] = rowChannelFloat(row + 8, w);
-  s.c[3] = rowChannelFloat(row + 12, w);
-  return s;
+inline void filterBlockU8x4(const uint8_t* block, ptrdiff_t stride, const uint32_t wx[5], const uint32_t wy[5],
+                            float out[4]) {
+  const Sums4 r0 = rowU8x4(block, wx);
+  const Sums4 r1 = rowU8x4(block + stride, wx);
+  const Sums4 r2 = rowU8x4(block + 2 * stride, wx);
+  const Sums4 r3 = rowU8x4(block + 3 * stride, wx);
+  const Sums4 r4 = rowU8x4(block + 4 * stride, wx);
+  for (int c = 0; c < 4; ++c) {
+    out[c] = float(int32_t(columnSum(r0.c[c], r1.c[c], r2.c[c], r3.c[c], r4.c[c], wy))) * kScale8;
+  }
 }
 
-// Σ row * weight in single precision, added from the top.
-inline float columnSumFloat(float r0, float r1, float r2, float r3, float r4, const float w[5]) {
-  float s = r0 * w[0];
-  s = s + r1 * w[1];
-  s = s + r2 * w[2];
-  s = s + r3 * w[3];
-  s = s + r4 * w[4];
-  return s;
+inline void filterBlockU16x4(const uint8_t* block, ptrdiff_t stride, const uint32_t wx[5], const uint32_t wy[5],
+                             float out[4]) {
+  const Sums4 r0 = rowU16x4(block, wx);
+  const Sums4 r1 = rowU16x4(block + stride, wx);
+  const Sums4 r2 = rowU16x4(block + 2 * stride, wx);
+  const Sums4 r3 = rowU16x4(block + 3 * stride, wx);
+  const Sums4 r4 = rowU16x4(block + 4 * stride, wx);
+  for (int c = 0; c < 4; ++c) {
+    out[c] = float(int32_t(columnSum(r0.c[c], r1.c[c], r2.c[c], r3.c[c], r4.c[c], wy))) * kScale16;
+  }
 }
+
+inline void filterBlockFloatx4(const uint8_t* block, ptrdiff_t stride, const float wx[5], const float wy[5],
+                               float out[4]) {
+  for (int c = 0; c < 4; ++c) {
+    const uint8_t* channel = block + 4 * c;
+    out[c] = columnSumFloat(rowChannelFloat(channel, wx), rowChannelFloat(channel + stride, wx),
+                            rowChannelFloat(channel + 2 * stride, wx), rowChannelFloat(channel + 3 * stride, wx),
+                            rowChannelFloat(channel + 4 * stride, wx), wy);
+  }
+}
+
+#endif
 
 // The integer weight rows as unsigned words: the products wrap like the signed ones would.
 inline void unsignedWeights(const int32_t (*taps)[kKernelPhases], int32_t phase, uint32_t w[5]) {
@@ -254,15 +402,12 @@ void filterPixel<kKindRgba8>(const PixelStore* store, int32_t level, float x, fl
   alignas(16) uint8_t local[25 * 4];
   const uint8_t* block;
   const ptrdiff_t stride = locateBlock<4>(store, level, i, j, local, &block);
-  const Sums4 r0 = rowU8x4(block, wx);
-  const Sums4 r1 = rowU8x4(block + stride, wx);
-  const Sums4 r2 = rowU8x4(block + 2 * stride, wx);
-  const Sums4 r3 = rowU8x4(block + 3 * stride, wx);
-  const Sums4 r4 = rowU8x4(block + 4 * stride, wx);
-  *outR = float(int32_t(columnSum(r0.c[0], r1.c[0], r2.c[0], r3.c[0], r4.c[0], wy))) * kScale8;
-  *outG = float(int32_t(columnSum(r0.c[1], r1.c[1], r2.c[1], r3.c[1], r4.c[1], wy))) * kScale8;
-  *outB = float(int32_t(columnSum(r0.c[2], r1.c[2], r2.c[2], r3.c[2], r4.c[2], wy))) * kScale8;
-  *outA = float(int32_t(columnSum(r0.c[3], r1.c[3], r2.c[3], r3.c[3], r4.c[3], wy))) * kScale8;
+  float out[4];
+  filterBlockU8x4(block, stride, wx, wy, out);
+  *outR = out[0];
+  *outG = out[1];
+  *outB = out[2];
+  *outA = out[3];
 }
 
 template <>
@@ -280,15 +425,12 @@ void filterPixel<kKindRgba16>(const PixelStore* store, int32_t level, float x, f
   alignas(16) uint8_t local[25 * 8];
   const uint8_t* block;
   const ptrdiff_t stride = locateBlock<8>(store, level, i, j, local, &block);
-  const Sums4 r0 = rowU16x4(block, wx);
-  const Sums4 r1 = rowU16x4(block + stride, wx);
-  const Sums4 r2 = rowU16x4(block + 2 * stride, wx);
-  const Sums4 r3 = rowU16x4(block + 3 * stride, wx);
-  const Sums4 r4 = rowU16x4(block + 4 * stride, wx);
-  *outR = float(int32_t(columnSum(r0.c[0], r1.c[0], r2.c[0], r3.c[0], r4.c[0], wy))) * kScale16;
-  *outG = float(int32_t(columnSum(r0.c[1], r1.c[1], r2.c[1], r3.c[1], r4.c[1], wy))) * kScale16;
-  *outB = float(int32_t(columnSum(r0.c[2], r1.c[2], r2.c[2], r3.c[2], r4.c[2], wy))) * kScale16;
-  *outA = float(int32_t(columnSum(r0.c[3], r1.c[3], r2.c[3], r3.c[3], r4.c[3], wy))) * kScale16;
+  float out[4];
+  filterBlockU16x4(block, stride, wx, wy, out);
+  *outR = out[0];
+  *outG = out[1];
+  *outB = out[2];
+  *outA = out[3];
 }
 
 template <>
@@ -306,15 +448,12 @@ void filterPixel<kKindRgbaFloat>(const PixelStore* store, int32_t level, float x
   alignas(16) uint8_t local[25 * 16];
   const uint8_t* block;
   const ptrdiff_t stride = locateBlock<16>(store, level, i, j, local, &block);
-  const Floats4 r0 = rowFloatx4(block, wx);
-  const Floats4 r1 = rowFloatx4(block + stride, wx);
-  const Floats4 r2 = rowFloatx4(block + 2 * stride, wx);
-  const Floats4 r3 = rowFloatx4(block + 3 * stride, wx);
-  const Floats4 r4 = rowFloatx4(block + 4 * stride, wx);
-  *outR = columnSumFloat(r0.c[0], r1.c[0], r2.c[0], r3.c[0], r4.c[0], wy);
-  *outG = columnSumFloat(r0.c[1], r1.c[1], r2.c[1], r3.c[1], r4.c[1], wy);
-  *outB = columnSumFloat(r0.c[2], r1.c[2], r2.c[2], r3.c[2], r4.c[2], wy);
-  *outA = columnSumFloat(r0.c[3], r1.c[3], r2.c[3], r3.c[3], r4.c[3], wy);
+  float out[4];
+  filterBlockFloatx4(block, stride, wx, wy, out);
+  *outR = out[0];
+  *outG = out[1];
+  *outB = out[2];
+  *outA = out[3];
 }
 
 // ---- one-value kernels -----------------------------------------------------------------------------------

@@ -78,19 +78,21 @@ TEST(BoxLineFloat, LineOfOneCell) {
 }
 
 TEST(BoxLineFloat, RunningSumKeepsItsDrift) {
-  // Far cells of a distance field hold millions; the sum slides through them
-  // and keeps what rounding did on the way. Window (1, 1):
-  //   start: 9e6 * 3 = 27e6
+  // Far cells of a distance field hold millions; the sum slides past them and
+  // keeps what rounding did on the way. Window (1, 1):
+  //   0: 9e6 * 3 = 27e6
   //   1: 27e6 - 9e6 + 0.5 = 18000000.5, rounds to 18e6 (the floats there are 2 apart)
-  //   2: 18e6 - 9e6 + 0.5 = 9000000.5, rounds to 9e6 (1 apart, ties to even)
-  //   3..5: 9e6 - 0.5 = 8999999.5 -> 9e6; + 0.5 -> 9e6 again.
-  // A sum made afresh would give 0.5 from cell 3 on; the kept one gives 3e6.
+  //   2: 18e6 - 9e6 + 0.5 = 9000000.5, rounds to 9e6 (1 apart, ties to even):
+  //      the 0.5 of cell 3 is lost
+  //   3: 9e6 - 9e6 + 0.5 = 0.5, where a sum made afresh has 1.5
+  //   4, 5: the window slides over halves, 0.5 - 0.5 + 0.5.
   const float in[6] = {9e6f, 9e6f, 0.5f, 0.5f, 0.5f, 0.5f};
   float out[6];
   boxLineFloat(in, out, 0, 6, 1, 1);
   EXPECT_EQ(out[0], 27e6f * norm(3));
   EXPECT_EQ(out[1], 18e6f * norm(3));
-  for (int i = 2; i < 6; ++i) EXPECT_EQ(out[i], 9e6f * norm(3)) << i;
+  EXPECT_EQ(out[2], 9e6f * norm(3));
+  for (int i = 3; i < 6; ++i) EXPECT_EQ(out[i], 0.5f * norm(3)) << i;
 }
 
 TEST(BoxLineFloat, NothingRunsWithoutAWindow) {
@@ -261,14 +263,14 @@ struct FloatField {
       for (int32_t x = 0; x < w; ++x) writeFloat(x, y, s, 0, cells[size_t(y * w + x)]);
   }
   void rows(int32_t back, int32_t forward) {
-    std::vector<float> out(size_t(w));
+    std::vector<float> out(static_cast<size_t>(w));
     for (int32_t y = 0; y < h; ++y) {
       boxLineFloat(&cells[size_t(y * w)], out.data(), 0, w, back, forward);
       memcpy(&cells[size_t(y * w)], out.data(), size_t(w) * sizeof(float));
     }
   }
   void columns(int32_t back, int32_t forward) {
-    std::vector<float> in(size_t(h)), out(size_t(h));
+    std::vector<float> in(static_cast<size_t>(h)), out(static_cast<size_t>(h));
     for (int32_t x = 0; x < w; ++x) {
       for (int32_t y = 0; y < h; ++y) in[size_t(y)] = cells[size_t(y * w + x)];
       boxLineFloat(in.data(), out.data(), 0, h, back, forward);
@@ -317,7 +319,7 @@ TEST(SmoothPasses, ABandTouchesOnlyItsOwnRows) {
   ContextHolder c;
   ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
   for (int32_t row = 64; row < 128; ++row) filterRow(s.store, row, &c.context, 0, w, 0, 2, 3);
-  std::vector<float> out(size_t(w));
+  std::vector<float> out(static_cast<size_t>(w));
   for (int32_t y = 0; y < h; ++y) {
     const float* src = &field.cells[size_t(y * w)];
     const bool inBand = y >= 64 && y < 128;

@@ -125,25 +125,32 @@ TEST(SelectorSequence, FinishSkippedAfterAnErrorThenANewRun) {
 TEST(SelectorSequence, ScratchIsInPlaceDuringStartAndGoneAfterFinish) {
   Document d = smallLayer(1, 1);
   Host host(linkedModule(), d);
-  host.run();
+  host.call(filterSelectorParameters);
+  host.call(filterSelectorPrepare);
   InstanceBlock* instance = instanceBlockOf(host);
   // A 1 by 1 filter rectangle: cellCapacity = max(10, 2187).
   EXPECT_EQ(instance->cellCapacity, 2187);
   EXPECT_EQ(instance->scratchSizes[2], 157464);
   EXPECT_EQ(instance->scratchEstimate, 2179);
-  EXPECT_EQ(instance->scratchIds[0], -1);
-  EXPECT_EQ(instance->scratchIds[4], -1);
-  // Run again by hand, stopping before Finish, to look at the tables block.
-  host.call(filterSelectorPrepare);
+  EXPECT_TRUE(instance->firstUseFlag);
   ASSERT_EQ(host.call(filterSelectorStart), 0);
   instance = instanceBlockOf(host);
+  EXPECT_EQ(instance->scratchIds[0], -1);
+  EXPECT_EQ(instance->scratchIds[4], -1);
   ASSERT_NE(instance->workTables, nullptr);
   EXPECT_EQ(instance->workTables->mark, 123456);
   EXPECT_EQ(instance->workTables->tableKeys[8], 111111111);
+  // The first-use defaults ran once, at this Start after Parameters.
+  EXPECT_FALSE(instance->firstUseFlag);
+  EXPECT_EQ(paramBlockOf(host)->firstUseDefaults[4], 100);
   EXPECT_EQ(paramBlockOf(host)->guardA, -99);
   EXPECT_EQ(paramBlockOf(host)->blendMode, 1);
   EXPECT_FALSE(paramBlockOf(host)->previewDisabled);
   EXPECT_TRUE(paramBlockOf(host)->previewAllowed);
+  // The run's own stores are gone; the source stays until Finish.
+  EXPECT_EQ(paramBlockOf(host)->opaqueStore, nullptr);
+  EXPECT_EQ(paramBlockOf(host)->distanceStore, nullptr);
+  EXPECT_NE(instance->sourceStore.tiles, nullptr);
   host.call(filterSelectorFinish);
   EXPECT_EQ(instance->workTables, nullptr);
   // Finish twice is harmless.

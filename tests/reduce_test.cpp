@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "fill/reduce.h"
+#include "host/blocks.h"
+#include "host/plugin_main.h"
 #include "store/pixel_store.h"
 
 namespace {
@@ -475,7 +477,32 @@ TEST(ReduceWeighted, ReducesWithTheFixedKernel) {
 
 // ---- the level pass through the pool ---------------------------------------------------------------------
 
-TEST(BuildLevels, EveryLevelFromTheOneBelow) {
+// A host record, a ParamBlock and a result word of our own: the pool polls the
+// record for cancel between units.
+struct BuildLevels : ::testing::Test {
+  FilterRecord record;
+  ParamBlock params;
+  int16_t result = 0;
+
+  void SetUp() override {
+    memset(&record, 0, sizeof(record));
+    memset(&params, 0, sizeof(params));
+    params.runStage = kRunStageWhole;
+    params.progressDone = -1;  // no progress reports
+    hostContext.filterRecord = &record;
+    hostContext.paramBlock = &params;
+    hostContext.instanceBlock = nullptr;
+    hostContext.resultWord = &result;
+  }
+  void TearDown() override {
+    hostContext.filterRecord = nullptr;
+    hostContext.paramBlock = nullptr;
+    hostContext.resultWord = nullptr;
+  }
+};
+
+TEST_F(BuildLevels, EveryLevelFromTheOneBelow) {
+  // 300 x 170 cuts level 1 (150 x 86) into four units of up to 128 x 128.
   StoreHolder pooled(300, 170, kKindRgba8);
   StoreHolder direct(300, 170, kKindRgba8);
   fillRandom(pooled.store, 21);
@@ -493,7 +520,7 @@ TEST(BuildLevels, EveryLevelFromTheOneBelow) {
             << "level " << level << " (" << x << ", " << y << ")";
 }
 
-TEST(BuildLevels, FlatImageBrightensOneStepPerLevel) {
+TEST_F(BuildLevels, FlatImageBrightensOneStepPerLevel) {
   // 200 -> 201 -> 202 (201 * 1640 / 1630 = 202.2) -> 203 (203.2) ...
   StoreHolder s(16, 16, kKindRgba8);
   fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 200; });
@@ -506,13 +533,26 @@ TEST(BuildLevels, FlatImageBrightensOneStepPerLevel) {
   }
 }
 
-TEST(BuildLevels, OneLevelStore) {
+TEST_F(BuildLevels, OneLevelStore) {
   StoreHolder s(1, 1, kKindRgbaFloat);
   ASSERT_EQ(s->topLevel, 1);
   fillFloat4(s.store, 0, [](int32_t, int32_t, float* v) { v[0] = v[1] = v[2] = v[3] = 0.25f; });
   buildLevels(s.store, 0);
   EXPECT_EQ(s->loadState, 2);
   EXPECT_EQ(floatChannel(s.store, 0, 0, 1, 0), 410.0f * 0.0006097561f);
+}
+
+TEST_F(BuildLevels, FromALaterLevelLeavesTheLowerOnesAlone) {
+  StoreHolder s(16, 16, kKindRgba8);
+  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 200; });
+  fillU8x4(s.store, 1, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 100; });
+  buildLevels(s.store, 1);
+  EXPECT_EQ(s->loadState, 2);
+  int32_t v[4];
+  readU8x4(0, 0, s.store, 1, v);
+  EXPECT_EQ(v[0], 100);
+  readU8x4(0, 0, s.store, 2, v);
+  EXPECT_EQ(v[0], 100);  // 164000 / 1630 = 100.6
 }
 
 }  // namespace

@@ -111,11 +111,12 @@ void referencePixel(const PixelStore* s, int32_t level, float x, float y, float 
   const Taps t = tapsAt(x, y);
   const ResampleKernelTable& k = s->kernelTable;
   for (int ch = 0; ch < 4; ++ch) {
-    int64_t total = 0;
+    // 32-bit sums that wrap, taken as signed where the kernel divides and at the end.
+    uint32_t total = 0;
     float totalF = 0.0f;
     for (int r = 0; r < 5; ++r) {
       const int32_t yy = column(t.j, r, s->levelMaxY[level], wrapY);
-      int64_t row = 0;
+      uint32_t row = 0;
       float rowF = 0.0f;
       for (int c = 0; c < 5; ++c) {
         const int32_t xx = column(t.i, c, s->levelMaxX[level], wrapX);
@@ -123,10 +124,10 @@ void referencePixel(const PixelStore* s, int32_t level, float x, float y, float 
         float f[4];
         if (s->kind == kKindRgba8) {
           readU8x4(xx, yy, s, level, v);
-          row += int64_t(v[ch]) * k.weights2048[4 - c][t.phaseX];
+          row += uint32_t(v[ch]) * uint32_t(k.weights2048[4 - c][t.phaseX]);
         } else if (s->kind == kKindRgba16) {
           readU16x4(xx, yy, s, level, v);
-          row += int64_t(v[ch]) * k.weights32768[4 - c][t.phaseX];
+          row += uint32_t(v[ch]) * uint32_t(k.weights32768[4 - c][t.phaseX]);
         } else {
           readUnitPixel(xx, yy, s, level, f);
           const float product = f[ch] * k.weightsFloat[4 - c][t.phaseX];
@@ -134,9 +135,10 @@ void referencePixel(const PixelStore* s, int32_t level, float x, float y, float 
         }
       }
       if (s->kind == kKindRgba8) {
-        total += row * k.weights2048[4 - r][t.phaseY];
+        total += row * uint32_t(k.weights2048[4 - r][t.phaseY]);
       } else if (s->kind == kKindRgba16) {
-        total += (row / 32768) * k.weights32768[4 - r][t.phaseY];  // C++ division truncates toward zero
+        // C++ division truncates toward zero.
+        total += uint32_t(int32_t(row) / 32768) * uint32_t(k.weights32768[4 - r][t.phaseY]);
       } else {
         const float product = rowF * k.weightsFloat[4 - r][t.phaseY];
         totalF = r == 0 ? product : totalF + product;
@@ -451,6 +453,30 @@ TEST(KernelReference, FourChannelKindsMatchEverywhere) {
         }
       }
     }
+  }
+}
+
+// Values past the host's 32768 up to 65535: the row sums wrap in 32 bits, and
+// the kernel must wrap them exactly as plain 32-bit arithmetic does.
+TEST(KernelReference, SixteenBitKernelWrapsLikeThirtyTwoBitArithmetic) {
+  OwnedStore s(600, 600, kKindRgba16);
+  ASSERT_NE(s.store, nullptr);
+  for (int32_t y = 0; y < 600; ++y) {
+    for (int32_t x = 0; x < 600; ++x) {
+      const uint32_t h = hashPoint(x, y, 40);
+      const int32_t c[4] = {int32_t(h & 0xffff), int32_t(h >> 16), (x + y) % 3 == 0 ? 65535 : 0, 65535};
+      writeU16x4(x, y, s.store, 0, c);
+    }
+  }
+  uint32_t state = 4;
+  for (int n = 0; n < 20000; ++n) {
+    const float x = randomPosition(&state, 600);
+    const float y = randomPosition(&state, 600);
+    float got[4];
+    float want[4];
+    kernelPixel(s.store, 0, x, y, got);
+    referencePixel(s.store, 0, x, y, want);
+    for (int c = 0; c < 4; ++c) ASSERT_EQ(got[c], want[c]) << x << "," << y << " c" << c;
   }
 }
 

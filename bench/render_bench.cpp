@@ -1,0 +1,153 @@
+// The worker's half of the render: renderUnit on 128 x 128 units of a
+// 4096 x 4096 atlas-like layer (opaque islands in a sea of transparency), as
+// the render job runs it on a worker. Reports nanoseconds per output pixel.
+//
+// Units: "solid" lies inside an island (every corner stays, one kernel read a
+// pixel), "edge" straddles an island's border, "gap" lies in the transparent
+// sea between islands (every corner walks, footprints are computed).
+#include <benchmark/benchmark.h>
+
+#include <math.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "grid/opaque_walk.h"
+#include "grid/sample_grid.h"
+#include "host/blocks.h"
+#include "host/plugin_main.h"
+#include "run/job_pool.h"
+#include "store/pixel_store.h"
+
+namespace {
+
+constexpr int32_t kSide = 4096;
+constexpr int32_t kCell = 512;  // the atlas's grid: one island per cell
+
+// The island of the atlas cell (cx, cy): a rectangle inset from the cell by
+// margins that differ from cell to cell.
+struct Island {
+  int32_t x0, y0, x1, y1;
+};
+Island islandOf(int32_t cx, int32_t cy) {
+  int32_t left = 24 + (cx * 37 + cy * 11) % 60;
+  int32_t top = 24 + (cx * 13 + cy * 29) % 60;
+  int32_t right = 24 + (cx * 7 + cy * 41) % 60;
+  int32_t bottom = 24 + (cx * 23 + cy * 5) % 60;
+  return Island{cx * kCell + left, cy * kCell + top, (cx + 1) * kCell - right, (cy + 1) * kCell - bottom};
+}
+
+// Signed distance of a point to the island of its own cell: negative inside.
+float islandDistance(float x, float y) {
+  int32_t cx = int32_t(floorf(x / float(kCell)));
+  int32_t cy = int32_t(floorf(y / float(kCell)));
+  cx = cx < 0 ? 0 : (cx > kSide / kCell - 1 ? kSide / kCell - 1 : cx);
+  cy = cy < 0 ? 0 : (cy > kSide / kCell - 1 ? kSide / kCell - 1 : cy);
+  Island is = islandOf(cx, cy);
+  float dx = fmaxf(fmaxf(float(is.x0) - x, x - float(is.x1 - 1)), 0.0f);
+  float dy = fmaxf(fmaxf(float(is.y0) - y, y - float(is.y1 - 1)), 0.0f);
+  if (dx > 0.0f || dy > 0.0f) return sqrtf(dx * dx + dy * dy) - 1.0f;
+  float in = fminf(fminf(x - float(is.x0), float(is.x1 - 1) - x), fminf(y - float(is.y0), float(is.y1 - 1) - y));
+  return -(in + 1.0f);
+}
+
+struct Atlas {
+  InstanceBlock* instance = nullptr;
+  ParamBlock* params = nullptr;
+
+  Atlas() {
+    instance = static_cast<InstanceBlock*>(calloc(1, sizeof(InstanceBlock)));
+    params = static_cast<ParamBlock*>(calloc(1, sizeof(ParamBlock)));
+    PixelStore* source = &instance->sourceStore;
+    pixelStoreInit(source);
+    if (!pixelStoreBuild(source, kSide, kSide, kKindRgba8, 0, false)) abort();
+    params->opaqueStore = pixelStoreCreate(kSide, kSide, kKindGray8, 0, false);
+    params->distanceStore = pixelStoreCreate(kSide + 18, kSide + 18, kKindFloat, 0, true);
+    if (params->opaqueStore == nullptr || params->distanceStore == nullptr) abort();
+    params->sampleRate = 1;
+    instance->runCols = kSide;
+    instance->runRows = kSide;
+    instance->wholeFilterRect = VRect{0, 0, kSide, kSide};
+    hostContext.instanceBlock = instance;
+    hostContext.paramBlock = params;
+
+    // Colours at every level (the filled pyramid), a texture that changes
+    // from pixel to pixel.
+    for (int32_t level = 0; level <= source->topLevel; ++level)
+      for (int32_t y = 0; y < source->levelHeight[level]; ++y)
+        for (int32_t x = 0; x < source->levelWidth[level]; ++x) {
+          int32_t c[4] = {(x * 37 + y * 11) & 255, (x * 5 + y * 71 + level * 30) & 255, (x ^ y) & 255, 255};
+          writeU8x4Unchecked(x, y, source, level, c);
+        }
+    for (int32_t y = 0; y < kSide; ++y)
+      for (int32_t x = 0; x < kSide; ++x)
+        writeU8(x, y, params->opaqueStore, 0, islandDistance(float(x), float(y)) < 0.0f ? 255 : 0);
+    PixelStore* field = params->distanceStore;
+    for (int32_t fy = 0; fy < field->levelHeight[0]; ++fy)
+      for (int32_t fx = 0; fx < field->levelWidth[0]; ++fx)
+        writeFloat(fx, fy, field, 0, islandDistance(float(fx - kFieldMargin), float(fy - kFieldMargin)));
+  }
+};
+
+Atlas& atlas() {
+  static Atlas* a = new Atlas();
+  hostContext.instanceBlock = a->instance;
+  hostContext.paramBlock = a->params;
+  return *a;
+}
+
+void renderOneUnit(benchmark::State& state, int32_t left, int32_t top) {
+  atlas();
+  VRect rect{top, left, top + kRenderTileSide, left + kRenderTileSide};
+  for (auto _ : state) {
+    // As the pool does it: a fresh unit, its grid and zeroed cells, per unit.
+    JobUnit unit;
+    SampleGrid grid;
+    memset(&unit, 0, sizeof unit);
+    memset(&grid, 0, sizeof grid);
+    unit.kind = kJobRender;
+    unit.cursor.unitRect = rect;
+    unit.grids = &grid;
+    unit.gridCount = 1;
+    unit.instance = hostContext.instanceBlock;
+    unit.sourceStore = &hostContext.instanceBlock->sourceStore;
+    gridAllocate(&unit, &grid, 1);
+    renderUnit(&unit);
+    benchmark::DoNotOptimize(grid.cells[0].colour[0]);
+    gridRelease(&grid, 1);
+  }
+  const double pixels = double(kRenderTileSide) * kRenderTileSide * double(state.iterations());
+  state.SetItemsProcessed(int64_t(pixels));
+  // The inverted rate is the time per pixel (printed with its SI prefix: n for ns).
+  state.counters["ns_per_pixel"] =
+      benchmark::Counter(pixels, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+void BM_RenderUnitSolid(benchmark::State& state) {
+  // Inside the island of cell (2, 3), well clear of its border.
+  renderOneUnit(state, 2 * kCell + 192, 3 * kCell + 192);
+}
+
+void BM_RenderUnitEdge(benchmark::State& state) {
+  // Across the right border of the island of cell (4, 4) and the gap beyond.
+  renderOneUnit(state, 5 * kCell - 96, 4 * kCell + 192);
+}
+
+void BM_RenderUnitGap(benchmark::State& state) {
+  // The crossing of four cells: transparent sea with island corners around.
+  renderOneUnit(state, 3 * kCell - 64, 3 * kCell - 64);
+}
+
+void BM_RenderUnitImageCorner(benchmark::State& state) {
+  // The top-left unit: corners at x or y = -1 walk from outside the image.
+  renderOneUnit(state, 0, 0);
+}
+
+BENCHMARK(BM_RenderUnitSolid)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RenderUnitEdge)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RenderUnitGap)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RenderUnitImageCorner)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,93 @@
+#include "cli/filter_session.h"
+
+#include <stdio.h>
+
+#include "cli/interrupt.h"
+#include "cli/progress.h"
+
+namespace mendaris_cli {
+
+const char kRefusalText[] =
+    "This filter cannot operate on the image's background. Use it on a layer with transparent regions.";
+
+namespace {
+
+// One module and one host per process: the host's callbacks carry no
+// context, so neither do these.
+PluginMainProc moduleEntry = nullptr;
+standin::Host* drivingHost = nullptr;
+TestAbortProc hostAbort = nullptr;
+ProgressProc hostProgress = nullptr;
+
+PI_HOST_CALLED PIBoolean PI_CALL abortWhenInterrupted() {
+  // The signal handler only raised a flag; the host hears of it here, on its
+  // own thread, and answers the module as it would for any cancel.
+  if (interrupted() && drivingHost != nullptr) drivingHost->requestAbort();
+  if (hostAbort != nullptr) return hostAbort();
+  return interrupted() ? 1 : 0;
+}
+
+PI_HOST_CALLED void PI_CALL progressWithLine(int32_t done, int32_t total) {
+  if (hostProgress != nullptr) hostProgress(done, total);
+  if (total > 0) progressShow("filtering", double(done) / double(total));
+}
+
+// Sits in the module's place: before every selector but About it puts the
+// two callbacks above into the record, keeping the host's own behind them.
+void PI_CALL interposedEntry(int16_t selector, void* record, intptr_t* data, int16_t* result) {
+  if (selector != filterSelectorAbout && record != nullptr) {
+    FilterRecord* r = static_cast<FilterRecord*>(record);
+    if (r->abortProc != abortWhenInterrupted) {
+      hostAbort = r->abortProc;
+      r->abortProc = abortWhenInterrupted;
+    }
+    if (r->progressProc != progressWithLine) {
+      hostProgress = r->progressProc;
+      r->progressProc = progressWithLine;
+    }
+  }
+  moduleEntry(selector, record, data, result);
+}
+
+}  // namespace
+
+bool openFilter(FilterSession& session, const std::string& path, std::string& problem) {
+  if (!standin::loadModule(session.module, path)) {
+    problem = session.module.error;
+    return false;
+  }
+  moduleEntry = session.module.pluginMain;
+  session.module.pluginMain = interposedEntry;
+  session.host.reset(new standin::Host(session.module, session.document));
+  drivingHost = session.host.get();
+  return true;
+}
+
+int16_t aboutFilter(FilterSession& session) { return session.host->about(); }
+
+standin::RunOutcome filterDocument(FilterSession& session) {
+  standin::RunOutcome outcome = session.host->run(session.ranBefore);
+  session.ranBefore = true;
+  // The host logs every call; a long batch needs none of it.
+  session.host->clearLog();
+  return outcome;
+}
+
+std::string describeResult(int16_t result) {
+  char text[96];
+  switch (result) {
+    case -108:
+      return "the filter ran out of memory";
+    case 3:
+    case 999:
+      snprintf(text, sizeof(text), "the filter could not set up its working memory (result %d)", int(result));
+      return text;
+    case -30100:
+      return "the filter lost its parameters (result -30100)";
+    default:
+      snprintf(text, sizeof(text), "the filter stopped with result %d", int(result));
+      return text;
+  }
+}
+
+}  // namespace mendaris_cli

@@ -1,0 +1,46 @@
+// The plug-in module, loaded once, and the stand-in host that drives it over
+// one layer after another. The first layer is a fresh run (Parameters first);
+// every later one repeats the filter as a host's "last filter" command does.
+//
+// The tool stands between the host's callbacks and the module: abortProc
+// also answers "stop" once Ctrl-C has raised the interrupt flag (through the
+// host's own requestAbort, on the host's thread), and progressProc also
+// draws the progress line.
+#pragma once
+
+#include <stdint.h>
+
+#include <memory>
+#include <string>
+
+#include "plugin_host/stand_in_host.h"
+
+namespace mendaris_cli {
+
+struct FilterSession {
+  standin::Module module;
+  standin::Document document;  // the layer of the present run; the host holds it by reference
+  std::unique_ptr<standin::Host> host;
+  bool ranBefore = false;
+};
+
+// Loads the module at `path`. False with `problem` set when it cannot be loaded.
+bool openFilter(FilterSession& session, const std::string& path, std::string& problem);
+
+// Sends the About selector, as a host does when its user asks.
+int16_t aboutFilter(FilterSession& session);
+
+// Runs the filter over session.document, in place.
+standin::RunOutcome filterDocument(FilterSession& session);
+
+// One line for a run's non-zero result, other than a refusal or a cancel.
+std::string describeResult(int16_t result);
+
+// Start's answer when the filter refuses the layer.
+constexpr int16_t kRefused = 1;
+constexpr int16_t kUserCancelled = -128;
+
+// The text of the filter's refusal of a layer with no transparency.
+extern const char kRefusalText[];
+
+}  // namespace mendaris_cli

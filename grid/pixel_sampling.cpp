@@ -1,0 +1,157 @@
+#include "grid/pixel_sampling.h"
+
+#include <math.h>
+#include <string.h>
+
+#include "grid/sample_grid.h"
+#include "run/job_pool.h"
+#include "store/footprint.h"
+#include "store/portable_math.h"
+
+namespace {
+
+// -5 in keyA marks a point with nothing under it; its pixel shows this colour.
+constexpr int32_t kNoHitKey = -5;
+const float kNoHitColour[4] = {1.0f, 0.0f, 1.0f, 1.0f};
+
+inline void zeroColour(float out[4]) { out[0] = out[1] = out[2] = out[3] = 0.0f; }
+
+// The circle mean of two coordinates of period 1: across the wrap the short
+// way round.
+inline double circleMean(double a, double b) {
+  double lo = a < b ? a : b;
+  double hi = a < b ? b : a;
+  if (hi - lo > 0.5) return (lo + 1.0 + hi) * 0.5;
+  return (a + b) * 0.5;
+}
+
+}  // namespace
+
+int32_t keyHash(int32_t keyA, int32_t keyB, int32_t keyC) {
+  return truncToInt32(double(float(keyA * 311 + keyB * 1181)) + double(float(keyC)) * 2099.0);
+}
+
+bool cellMissed(const SampleCell& cell) { return cell.keyA == kNoHitKey; }
+
+float averageV(float a, float b, int32_t edgeMode) {
+  if (a == -1.0f) return b;
+  if (b == -1.0f) return a;
+  if (edgeMode != 1) return float((double(a) + double(b)) * 0.5);
+  return float(circleMean(double(a), double(b)));
+}
+
+float averageU(float a, float b, int32_t edgeMode) {
+  if (a == -1.0f) return b;
+  if (b == -1.0f) return a;
+  if (edgeMode == 0) return float((double(a) + double(b)) * 0.5);
+  double m = circleMean(double(a), double(b));
+  return float(m - floor(m));
+}
+
+void sampleAtCorners(int32_t x, int32_t y, const PixelStore* store, int32_t slot, float sharpness, SampleGrid* grid,
+                     PixelSample& sample, SampleCell* cellCopy, bool flag) {
+  (void)slot;
+  SampleCell* here = cellAt(grid, x, y);
+  SampleCell* left = cellAt(grid, x - 1, y);
+  SampleCell* up = cellAt(grid, x, y - 1);
+  SampleCell* upLeft = cellAt(grid, x - 1, y - 1);
+  if (here == nullptr || left == nullptr || up == nullptr || upLeft == nullptr) {
+    // Only a pixel outside its unit's rectangle gets here; it has no corners.
+    zeroColour(sample.resultColour);
+    return;
+  }
+  memcpy(cellCopy, here, size_t(kCellCopyWords) * 4);
+  grid->spanA = here->spanA;
+  grid->spanB = here->spanB;
+  grid->state.fixedLod = false;
+  grid->reuseFlag = flag ? 1 : 0;
+  if (cellMissed(*cellCopy)) {
+    memcpy(sample.resultColour, kNoHitColour, sizeof kNoHitColour);
+    return;
+  }
+  int32_t edgeMode = sample.edgeMode;
+  float c1 = averageV(up->landV, here->landV, edgeMode);
+  float c2 = averageV(left->landV, upLeft->landV, edgeMode);
+  float v = averageV(c2, c1, edgeMode);
+  c1 = averageU(up->landU, here->landU, edgeMode);
+  c2 = averageU(left->landU, upLeft->landU, edgeMode);
+  float u = averageU(c2, c1, edgeMode);
+  footprintFromCorners(left->landU, left->landV, up->landU, up->landV, here->landU, here->landV, u, v, store,
+                       sample.resultColour, sharpness, &grid->state);
+}
+
+void sampleWindow(int32_t x, int32_t y, float offX, float offY, float sharpness, SampleGrid* grid,
+                  const PixelStore* store, int32_t kind, int32_t count, PixelSample& sample, JobUnit* unit) {
+  (void)offX;
+  (void)offY;
+  (void)count;
+  (void)unit;
+  (void)kind;  // only the single-position window of kind 1 is reached by this filter
+  sample.cornerFlags = 0;
+  SampleCell cellCopy;
+  sampleAtCorners(x, y, store, 0, sharpness, grid, sample, &cellCopy, false);
+
+  // The window's mean, weighted by alpha: with its one sample at alpha 1.0 the
+  // colour comes back unchanged and opaque. The alpha read from the source is
+  // dropped here.
+  float* c = sample.resultColour;
+  float alpha = 1.0f;
+  float sumR = c[0] * alpha;
+  float sumG = c[1] * alpha;
+  float sumB = c[2] * alpha;
+  float sumA = alpha;
+  int32_t samples = 1;
+  if (sumA == 0.0f) {
+    zeroColour(c);
+  } else {
+    c[0] = sumR / sumA;
+    c[1] = sumG / sumA;
+    c[2] = sumB / sumA;
+    c[3] = sumA / float(samples);
+  }
+  sample.sampleCount = samples;
+}
+
+void samplePixel(float sharpness, const PixelStore* store, int32_t x, int32_t y, SampleGrid* grid, int32_t mode,
+                 int32_t count, PixelSample& sample, JobUnit* unit) {
+  (void)mode;  // mode 3, the only one this filter takes
+  sample.cornerFlags = 0;
+  sample.edgeMode = 0;
+  sample.sampleCount = 0;
+  sample.cornerPattern = 0;
+  sample.collapseCorners = 0;
+  sample.edgeSpan[0] = sample.edgeSpan[1] = sample.edgeSpan[2] = sample.edgeSpan[3] = 0.0f;
+
+  // Keys of the four corners, in the order (x, y), (x - 1, y), (x, y - 1), (x - 1, y - 1).
+  const SampleCell* corners[4] = {cellAt(grid, x, y), cellAt(grid, x - 1, y), cellAt(grid, x, y - 1),
+                                  cellAt(grid, x - 1, y - 1)};
+  for (int32_t i = 0; i < 4; ++i) {
+    const SampleCell* cell = corners[i];
+    sample.keyA[i] = cell != nullptr ? cell->keyA : 0;
+    sample.keyB[i] = cell != nullptr ? cell->keyB : 0;
+    sample.keyC[i] = cell != nullptr ? cell->keyC : 0;
+    sample.hash[i] = keyHash(sample.keyA[i], sample.keyB[i], sample.keyC[i]);
+  }
+  if (sample.hash[0] != sample.hash[1] || sample.hash[2] != sample.hash[3]) sample.cornerFlags |= 1;
+  if (sample.hash[0] != sample.hash[2] || sample.hash[1] != sample.hash[3]) sample.cornerFlags |= 2;
+  grid->state.fixedLod = sample.cornerFlags != 0;
+
+  // The general sampler also walks the pixel's centre here and compares its
+  // keys with the corners'. All cells of this filter carry the same keys, so
+  // that walk could decide nothing, and it is left out.
+  sampleWindow(x, y, 0.5f, 0.5f, sharpness, grid, store, kWindowKind, count, sample, unit);
+}
+
+void samplePixels(JobUnit* unit) {
+  SampleGrid* grid = &unit->grids[0];
+  const VRect& r = unit->cursor.unitRect;
+  // Signed 16-bit counters against the full edges, as in the cell fill.
+  for (int16_t y = int16_t(uint16_t(r.top)); int32_t(y) < r.bottom; y = int16_t(uint16_t(y + 1))) {
+    for (int16_t x = int16_t(uint16_t(r.left)); int32_t(x) < r.right; x = int16_t(uint16_t(x + 1))) {
+      PixelSample sample;
+      samplePixel(kDefaultSharpness, grid->store, x, y, grid, kSamplerMode, gridsPerUnit(), sample, unit);
+      SampleCell* cell = cellAt(grid, x, y);
+      if (cell != nullptr) memcpy(cell->colour, sample.resultColour, sizeof cell->colour);
+    }
+  }
+}

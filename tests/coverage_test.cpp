@@ -1,0 +1,559 @@
+// The coverage fields: the opaque map and its thresholds, the seed of the
+// distance field with its margin, the sweeps and the inversion with values
+// worked out by hand, the equivalence of the sweep's loop orders, and the
+// smoothing's windows, through the job pool of the engine itself.
+#include <gtest/gtest.h>
+
+#include <math.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <vector>
+
+#include "fill/coverage.h"
+#include "host/blocks.h"
+#include "host/plugin_main.h"
+#include "store/pixel_store.h"
+
+namespace {
+
+// A host record, a ParamBlock and a result word of our own: the job pool polls
+// the record for cancel, the fields hang from the block.
+struct CoverageFixture : ::testing::Test {
+  FilterRecord record;
+  ParamBlock params;
+  int16_t result = 0;
+  PixelStore* source = nullptr;
+
+  void SetUp() override {
+    memset(&record, 0, sizeof(record));
+    memset(&params, 0, sizeof(params));
+    params.runStage = kRunStageWhole;
+    params.progressDone = -1;  // no progress reports from the pool
+    hostContext.filterRecord = &record;
+    hostContext.paramBlock = &params;
+    hostContext.instanceBlock = nullptr;
+    hostContext.resultWord = &result;
+  }
+  void TearDown() override {
+    pixelStoreDestroy(&params.opaqueStore);
+    pixelStoreDestroy(&params.distanceStore);
+    pixelStoreDestroy(&source);
+    hostContext.filterRecord = nullptr;
+    hostContext.paramBlock = nullptr;
+    hostContext.resultWord = nullptr;
+  }
+
+  // A source of the given kind, every pixel (r, g, b, alpha) in stored units.
+  void makeSource(int32_t width, int32_t height, int32_t kind, float alpha) {
+    source = pixelStoreCreate(width, height, kind, 0, false);
+    ASSERT_NE(source, nullptr);
+    for (int32_t y = 0; y < height; ++y) {
+      for (int32_t x = 0; x < width; ++x) put(x, y, alpha);
+    }
+  }
+  // Sets the alpha of one pixel, in stored units (255, 32768 or the float), colour mid-grey.
+  void put(int32_t x, int32_t y, float alpha) {
+    if (source->kind == kKindRgba8) {
+      const int32_t c[4] = {100, 120, 140, int32_t(alpha)};
+      writeU8x4(x, y, source, 0, c);
+    } else if (source->kind == kKindRgba16) {
+      const int32_t c[4] = {12000, 14000, 16000, int32_t(alpha)};
+      writeU16x4(x, y, source, 0, c);
+    } else {
+      const float c[4] = {0.4f, 0.5f, 0.6f, alpha};
+      uint32_t w[4];
+      memcpy(w, c, sizeof w);
+      writeWord4(x, y, source, 0, w);
+    }
+  }
+
+  // The field as the sweeps leave it, before smoothing.
+  PixelStore* unsmoothedField() {
+    PixelStore* field = pixelStoreCreate(source->levelWidth[0] + kFieldGrowth,
+                                         source->levelHeight[0] + kFieldGrowth, kKindFloat, 0, true);
+    seedDistanceStore(source, field, 0);
+    sweepDistance(field);
+    invertDistanceStore(field);
+    sweepDistance(field);
+    return field;
+  }
+};
+
+float cell(const PixelStore* field, int32_t x, int32_t y) { return readFloat(x, y, field, 0); }
+
+// ---- opaque map -----------------------------------------------------------------------------------
+
+TEST_F(CoverageFixture, OpaqueMapTakesSolidFrom252In8Bits) {
+  makeSource(6, 1, kKindRgba8, 0.0f);
+  const int32_t alphas[6] = {0, 5, 128, 251, 252, 255};
+  for (int32_t x = 0; x < 6; ++x) put(x, 0, float(alphas[x]));
+  PixelStore* opaque = buildOpaqueStore(source);
+  ASSERT_NE(opaque, nullptr);
+  EXPECT_EQ(opaque->kind, kKindGray8);
+  EXPECT_EQ(opaque->levelWidth[0], 6);
+  EXPECT_EQ(opaque->levelHeight[0], 1);
+  const int32_t expected[6] = {0, 0, 0, 0, 255, 255};
+  for (int32_t x = 0; x < 6; ++x) EXPECT_EQ(readU8(x, 0, opaque, 0), expected[x]) << "alpha " << alphas[x];
+  pixelStoreDestroy(&opaque);
+}
+
+TEST_F(CoverageFixture, OpaqueMapTakesSolidFrom32383In16Bits) {
+  makeSource(4, 1, kKindRgba16, 0.0f);
+  const int32_t alphas[4] = {521, 32382, 32383, 32768};
+  for (int32_t x = 0; x < 4; ++x) put(x, 0, float(alphas[x]));
+  PixelStore* opaque = buildOpaqueStore(source);
+  ASSERT_NE(opaque, nullptr);
+  const int32_t expected[4] = {0, 0, 255, 255};
+  for (int32_t x = 0; x < 4; ++x) EXPECT_EQ(readU8(x, 0, opaque, 0), expected[x]) << "alpha " << alphas[x];
+  pixelStoreDestroy(&opaque);
+  // The seed draws the same line: the alpha below it, far from it on.
+  PixelStore* field = pixelStoreCreate(4 + kFieldGrowth, 1 + kFieldGrowth, kKindFloat, 0, true);
+  seedDistanceStore(source, field, 0);
+  EXPECT_EQ(cell(field, 9, 9), 521.0f * float(1.0 / 32768.0));
+  EXPECT_EQ(cell(field, 10, 9), 32382.0f * float(1.0 / 32768.0));
+  EXPECT_EQ(cell(field, 11, 9), kFarDistance);
+  EXPECT_EQ(cell(field, 12, 9), kFarDistance);
+  pixelStoreDestroy(&field);
+}
+
+TEST_F(CoverageFixture, OpaqueMapTakesFloatAlphaAsItStands) {
+  // The floats on either side of 252/255, alphas above 1 (solid) and NaN (not).
+  float above = float(kSolidAlpha);
+  if (double(above) < kSolidAlpha) above = nextafterf(above, 2.0f);
+  const float below = nextafterf(above, 0.0f);
+  ASSERT_LT(double(below), kSolidAlpha);
+  ASSERT_GE(double(above), kSolidAlpha);
+  makeSource(5, 1, kKindRgbaFloat, 0.0f);
+  const float alphas[5] = {below, above, 0.5f, 3.0f, nanf("")};
+  for (int32_t x = 0; x < 5; ++x) put(x, 0, alphas[x]);
+  PixelStore* opaque = buildOpaqueStore(source);
+  ASSERT_NE(opaque, nullptr);
+  const int32_t expected[5] = {0, 255, 0, 255, 0};
+  for (int32_t x = 0; x < 5; ++x) EXPECT_EQ(readU8(x, 0, opaque, 0), expected[x]) << "pixel " << x;
+  pixelStoreDestroy(&opaque);
+}
+
+// ---- seed ---------------------------------------------------------------------------------------
+
+TEST_F(CoverageFixture, SeedHoldsAlphaBelowSolidAndFarAboveIt) {
+  makeSource(4, 1, kKindRgbaFloat, 1.0f);
+  put(0, 0, 0.0f);
+  put(1, 0, 0.5f);
+  put(2, 0, 0.98f);
+  put(3, 0, 1.0f);
+  PixelStore* field = pixelStoreCreate(4 + kFieldGrowth, 1 + kFieldGrowth, kKindFloat, 0, true);
+  ASSERT_NE(field, nullptr);
+  seedDistanceStore(source, field, 0);
+  EXPECT_EQ(cell(field, 9, 9), 0.0f);
+  EXPECT_EQ(cell(field, 10, 9), 0.5f);
+  EXPECT_EQ(cell(field, 11, 9), 0.98f);
+  EXPECT_EQ(cell(field, 12, 9), kFarDistance);
+  pixelStoreDestroy(&field);
+}
+
+TEST_F(CoverageFixture, SeedRunsTheImageEdgesThroughTheMargin) {
+  // 3 x 2 image: the field is 23 x 22 cells, with pixel (x, y) at (x + 9, y + 9).
+  makeSource(3, 2, kKindRgbaFloat, 1.0f);
+  put(0, 0, 0.25f);  // top-left corner, soft
+  put(2, 1, 0.75f);  // bottom-right corner, soft
+  PixelStore* field = pixelStoreCreate(3 + kFieldGrowth, 2 + kFieldGrowth, kKindFloat, 0, true);
+  ASSERT_NE(field, nullptr);
+  ASSERT_EQ(field->levelWidth[0], 23);
+  ASSERT_EQ(field->levelHeight[0], 22);
+  seedDistanceStore(source, field, 0);
+  // The whole top-left block of the margin repeats pixel (0, 0).
+  for (int32_t y = 0; y <= 9; ++y) {
+    for (int32_t x = 0; x <= 9; ++x) EXPECT_EQ(cell(field, x, y), 0.25f) << x << "," << y;
+  }
+  // 11 columns and 11 rows past the last pixel still hold it.
+  for (int32_t y = 10; y < 22; ++y) {
+    for (int32_t x = 11; x < 23; ++x) EXPECT_EQ(cell(field, x, y), 0.75f) << x << "," << y;
+  }
+  // The pixel (1, 0) runs up through the top margin only.
+  for (int32_t y = 0; y <= 9; ++y) EXPECT_EQ(cell(field, 10, y), kFarDistance);
+  pixelStoreDestroy(&field);
+}
+
+// ---- one cell ----------------------------------------------------------------------------------
+
+struct SmallField {
+  PixelStore* field;
+  // 3 x 3 cells, all far, with the centre at (1, 1).
+  SmallField() : field(pixelStoreCreate(1, 1, kKindFloat, 0, true)) {
+    for (int32_t y = 0; y < 3; ++y) {
+      for (int32_t x = 0; x < 3; ++x) writeFloat(x, y, field, 0, kFarDistance);
+    }
+  }
+  ~SmallField() { pixelStoreDestroy(&field); }
+  float relaxCentre(float centre, float left, float right, float up, float down) {
+    writeFloat(1, 1, field, 0, centre);
+    writeFloat(0, 1, field, 0, left);
+    writeFloat(2, 1, field, 0, right);
+    writeFloat(1, 0, field, 0, up);
+    writeFloat(1, 2, field, 0, down);
+    relaxDistanceCell(1, 1, field);
+    return readFloat(1, 1, field, 0);
+  }
+};
+
+TEST(RelaxDistanceCell, TakesTheNearerNeighbourOfEachAxis) {
+  SmallField f;
+  // a = min(5, 3) = 3, b = min(7, 9) = 7: one axis alone, 3 + 1.
+  EXPECT_EQ(f.relaxCentre(kFarDistance, 5.0f, 3.0f, 7.0f, 9.0f), 4.0f);
+  // The other axis nearer: b = 2.
+  EXPECT_EQ(f.relaxCentre(kFarDistance, 8.0f, 6.0f, 2.0f, 4.0f), 3.0f);
+}
+
+TEST(RelaxDistanceCell, SwitchesFormulaAtAWholePixel) {
+  SmallField f;
+  // |d| = 1.5 and exactly 1: min + 1.
+  EXPECT_EQ(f.relaxCentre(kFarDistance, 0.0f, kFarDistance, 1.5f, kFarDistance), 1.0f);
+  EXPECT_EQ(f.relaxCentre(kFarDistance, 0.0f, kFarDistance, 1.0f, kFarDistance), 1.0f);
+  // |d| = 0.9: (sqrt(2 - 0.81) + 0.9) / 2 = 0.99544... from both fronts.
+  EXPECT_FLOAT_EQ(f.relaxCentre(kFarDistance, 0.0f, kFarDistance, 0.9f, kFarDistance),
+                  float((sqrt(2.0 - 0.81) + 0.9) * 0.5));
+  // Both axes at 0: sqrt(2) / 2.
+  EXPECT_EQ(f.relaxCentre(kFarDistance, 0.0f, kFarDistance, 0.0f, kFarDistance), float(sqrt(2.0) * 0.5));
+}
+
+TEST(RelaxDistanceCell, CellsBelowOneAreFinal) {
+  SmallField f;
+  EXPECT_EQ(f.relaxCentre(0.999f, -5.0f, -5.0f, -5.0f, -5.0f), 0.999f);
+  EXPECT_EQ(f.relaxCentre(-3.0f, -5.0f, -5.0f, -5.0f, -5.0f), -3.0f);
+  // 1.0 itself is still open.
+  EXPECT_EQ(f.relaxCentre(1.0f, 0.0f, 0.0f, 0.0f, 0.0f), float(sqrt(2.0) * 0.5));
+  // A value is only ever lowered.
+  EXPECT_EQ(f.relaxCentre(2.0f, 5.0f, 5.0f, 5.0f, 5.0f), 2.0f);
+}
+
+TEST(RelaxDistanceCell, ReadsPastTheEdgeAsTheCellItself) {
+  PixelStore* field = pixelStoreCreate(1, 1, kKindFloat, 0, true);
+  for (int32_t y = 0; y < 3; ++y) {
+    for (int32_t x = 0; x < 3; ++x) writeFloat(x, y, field, 0, kFarDistance);
+  }
+  // Corner (0, 0): left and up are the corner itself; right = 4, down = 6.
+  writeFloat(1, 0, field, 0, 4.0f);
+  writeFloat(0, 1, field, 0, 6.0f);
+  relaxDistanceCell(0, 0, field);
+  EXPECT_EQ(readFloat(0, 0, field, 0), 5.0f);
+  pixelStoreDestroy(&field);
+}
+
+// ---- sweeps ---------------------------------------------------------------------------------------
+
+// The four sweeps exactly as the loops are meant: columns outermost.
+void sweepColumnsOutermost(PixelStore* field) {
+  const int32_t w = field->levelWidth[0];
+  const int32_t h = field->levelHeight[0];
+  for (int32_t x = 0; x < w; ++x)
+    for (int32_t y = 0; y < h; ++y) relaxDistanceCell(x, y, field);
+  for (int32_t x = w - 1; x >= 0; --x)
+    for (int32_t y = 0; y < h; ++y) relaxDistanceCell(x, y, field);
+  for (int32_t x = w - 1; x >= 0; --x)
+    for (int32_t y = h - 1; y >= 0; --y) relaxDistanceCell(x, y, field);
+  for (int32_t x = 0; x < w; ++x)
+    for (int32_t y = h - 1; y >= 0; --y) relaxDistanceCell(x, y, field);
+}
+
+TEST(SweepDistance, MatchesTheColumnOuterOrderBitForBit) {
+  // Two tiles across and two down, random seeds of every sort: frozen values,
+  // far cells, open values, a concave wall.
+  for (uint32_t seed : {1u, 7u, 12345u}) {
+    srand(seed);
+    PixelStore* a = pixelStoreCreate(530, 515, kKindFloat, 0, true);
+    PixelStore* b = pixelStoreCreate(530, 515, kKindFloat, 0, true);
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    const int32_t w = a->levelWidth[0];
+    const int32_t h = a->levelHeight[0];
+    for (int32_t y = 0; y < h; ++y) {
+      for (int32_t x = 0; x < w; ++x) {
+        const int r = rand() % 1000;
+        float v = kFarDistance;
+        if (r < 3) v = float(rand() % 1000) / 1000.0f;         // soft seeds
+        else if (r < 6) v = -float(rand() % 5000) / 100.0f;    // frozen negatives
+        else if (r < 10) v = 1.0f + float(rand() % 3000) / 7.0f;  // open values
+        if (x == 300 && y > 20 && y < 480) v = 0.0f;            // a long wall
+        if (y == 480 && x > 100 && x <= 300) v = 0.0f;
+        writeFloat(x, y, a, 0, v);
+        writeFloat(x, y, b, 0, v);
+      }
+    }
+    sweepDistance(a);
+    sweepColumnsOutermost(b);
+    int32_t differing = 0;
+    for (int32_t y = 0; y < h; ++y) {
+      for (int32_t x = 0; x < w; ++x) {
+        if (floatBits(readFloat(x, y, a, 0)) != floatBits(readFloat(x, y, b, 0))) ++differing;
+      }
+    }
+    EXPECT_EQ(differing, 0) << "seed " << seed;
+    pixelStoreDestroy(&a);
+    pixelStoreDestroy(&b);
+  }
+}
+
+TEST_F(CoverageFixture, StraightEdgeCountsWholePixelsBothWays) {
+  // Columns 0..14 bare, 15..29 solid: field columns 0..23 bare (margin
+  // included), 24..49 solid. Before smoothing the last bare column holds 0,
+  // the ones before it 1, 2, ...; the solid ones -1, -2, ... out through the margin.
+  makeSource(30, 12, kKindRgba8, 255.0f);
+  for (int32_t y = 0; y < 12; ++y) {
+    for (int32_t x = 0; x < 15; ++x) put(x, y, 0.0f);
+  }
+  PixelStore* field = unsmoothedField();
+  ASSERT_EQ(field->levelWidth[0], 50);
+  ASSERT_EQ(field->levelHeight[0], 32);
+  for (int32_t y = 0; y < 32; ++y) {
+    for (int32_t x = 0; x < 50; ++x) {
+      const float expected = x <= 23 ? float(23 - x) : -float(x - 23);
+      ASSERT_EQ(cell(field, x, y), expected) << x << "," << y;
+    }
+  }
+  pixelStoreDestroy(&field);
+}
+
+TEST_F(CoverageFixture, FirstSweepFreezesALoneSolidPixelBelowOne) {
+  makeSource(9, 9, kKindRgba8, 0.0f);
+  put(4, 4, 255.0f);
+  PixelStore* field = pixelStoreCreate(9 + kFieldGrowth, 9 + kFieldGrowth, kKindFloat, 0, true);
+  seedDistanceStore(source, field, 0);
+  sweepDistance(field);
+  const float depth = float(sqrt(2.0) * 0.5);  // (0 + 0 + sqrt(2)) / 2
+  EXPECT_EQ(cell(field, 13, 13), depth);
+  EXPECT_EQ(cell(field, 12, 13), 0.0f);
+  invertDistanceStore(field);
+  EXPECT_EQ(cell(field, 13, 13), -depth);
+  EXPECT_EQ(cell(field, 12, 13), kFarDistance);
+  sweepDistance(field);
+  // A 4-neighbour: -0.7071 + 1 along one axis.
+  const float next = float(double(-depth) + 1.0);
+  EXPECT_EQ(cell(field, 12, 13), next);
+  EXPECT_EQ(cell(field, 14, 13), next);
+  EXPECT_EQ(cell(field, 13, 12), next);
+  EXPECT_EQ(cell(field, 13, 14), next);
+  EXPECT_EQ(cell(field, 11, 13), float(double(next) + 1.0));
+  pixelStoreDestroy(&field);
+}
+
+TEST_F(CoverageFixture, SoftPixelStaysNegativeAndItsNeighboursStartAtHalf) {
+  // One pixel of alpha 0.5 in a bare layer: no solid pixel, so the first
+  // round changes nothing; after inversion the soft pixel is -0.5 and final.
+  makeSource(15, 15, kKindRgbaFloat, 0.0f);
+  put(7, 7, 0.5f);
+  PixelStore* field = pixelStoreCreate(15 + kFieldGrowth, 15 + kFieldGrowth, kKindFloat, 0, true);
+  seedDistanceStore(source, field, 0);
+  sweepDistance(field);
+  EXPECT_EQ(cell(field, 16, 16), 0.5f);
+  EXPECT_EQ(cell(field, 15, 16), 0.0f);
+  invertDistanceStore(field);
+  EXPECT_EQ(cell(field, 16, 16), -0.5f);
+  sweepDistance(field);
+  EXPECT_EQ(cell(field, 16, 16), -0.5f);
+  // Along the axes: -0.5 + 1, then + 1 again.
+  EXPECT_EQ(cell(field, 15, 16), 0.5f);
+  EXPECT_EQ(cell(field, 17, 16), 0.5f);
+  EXPECT_EQ(cell(field, 16, 15), 0.5f);
+  EXPECT_EQ(cell(field, 16, 17), 0.5f);
+  EXPECT_EQ(cell(field, 18, 16), 1.5f);
+  EXPECT_EQ(cell(field, 16, 14), 1.5f);
+  // Diagonal: both fronts at 0.5 meet, (sqrt(2) + 1) / 2.
+  const float diagonal = float((sqrt(2.0) + 1.0) * 0.5);
+  EXPECT_EQ(cell(field, 15, 15), diagonal);
+  EXPECT_EQ(cell(field, 17, 17), diagonal);
+  EXPECT_EQ(cell(field, 15, 17), diagonal);
+  EXPECT_EQ(cell(field, 17, 15), diagonal);
+  pixelStoreDestroy(&field);
+}
+
+TEST_F(CoverageFixture, InversionFlipsSignsAndOpensBareCells) {
+  // A float alpha below 0 seeds a negative cell: only 0.0 itself is bare.
+  PixelStore* field = pixelStoreCreate(3, 1, kKindFloat, 0, true);  // 5 x 3 cells
+  const float before[5] = {0.0f, 0.3f, 2.5f, kFarDistance, -0.25f};
+  const float after[5] = {kFarDistance, -0.3f, -2.5f, -kFarDistance, 0.25f};
+  for (int32_t y = 0; y < 3; ++y) {
+    for (int32_t x = 0; x < 5; ++x) writeFloat(x, y, field, 0, before[x]);
+  }
+  invertDistanceStore(field);
+  for (int32_t y = 0; y < 3; ++y) {
+    for (int32_t x = 0; x < 5; ++x) EXPECT_EQ(readFloat(x, y, field, 0), after[x]) << x << "," << y;
+  }
+  pixelStoreDestroy(&field);
+}
+
+// ---- smoothing ----------------------------------------------------------------------------------
+
+TEST(SmoothReach, RadiusSixGivesWindowsOfSixCells) {
+  SmoothReach r = smoothReach(6.0f);
+  EXPECT_EQ(r.hi, 3);
+  EXPECT_EQ(r.lo, 2);
+  // r = 0.4333: both reaches 0, and hi - 1 is negative.
+  r = smoothReach(1.0f);
+  EXPECT_EQ(r.hi, 0);
+  EXPECT_EQ(r.lo, 0);
+  // r = 1.3: hi = 1 (1.8), lo = 1 (1.3).
+  r = smoothReach(3.0f);
+  EXPECT_EQ(r.hi, 1);
+  EXPECT_EQ(r.lo, 1);
+  // Negative values step down before they are truncated: r = -1.3.
+  r = smoothReach(-3.0f);
+  EXPECT_EQ(r.hi, -1);
+  EXPECT_EQ(r.lo, -2);
+}
+
+// Counts of the windows (back, forward) applied to a unit spike: how many
+// paths lead from the spike to each offset, for the three windows in turn.
+std::vector<double> boxProfile() {
+  std::vector<double> profile(41, 0.0);  // offsets -20..20
+  profile[20] = 1.0;
+  const int windows[3][2] = {{2, 3}, {3, 2}, {2, 3}};
+  for (const auto& wnd : windows) {
+    std::vector<double> next(41, 0.0);
+    // out[i] = mean of in[i - back .. i + forward]
+    for (int i = 0; i < 41; ++i) {
+      double s = 0.0;
+      for (int j = i - wnd[0]; j <= i + wnd[1]; ++j) {
+        if (j >= 0 && j < 41) s += profile[j];
+      }
+      next[i] = s / 6.0;
+    }
+    profile = next;
+  }
+  return profile;
+}
+
+TEST_F(CoverageFixture, SmoothingSpreadsASpikeIntoABellHalfACellBack) {
+  // A spike of 1 in a zero field: the bell covers 16 cells on each axis, from
+  // 8 before the spike to 7 after it, with its centre of mass half a cell back.
+  PixelStore* field = pixelStoreCreate(38, 38, kKindFloat, 0, true);  // 40 x 40 cells
+  ASSERT_NE(field, nullptr);
+  writeFloat(20, 20, field, 0, 1.0f);
+  smoothStore(field, 0, levelRect(field, 0), 6.0f);
+  const std::vector<double> profile = boxProfile();
+  double mass = 0.0;
+  double sumX = 0.0;
+  double sumY = 0.0;
+  for (int32_t y = 0; y < 40; ++y) {
+    for (int32_t x = 0; x < 40; ++x) {
+      const float v = readFloat(x, y, field, 0);
+      const double expected = profile[x] * profile[y];
+      ASSERT_NEAR(v, expected, 1e-7) << x << "," << y;
+      // The running sums may leave a trace of rounding outside the bell, no more.
+      const bool inside = x >= 12 && x <= 27 && y >= 12 && y <= 27;
+      if (inside) ASSERT_GT(v, 2e-5f) << x << "," << y;
+      mass += v;
+      sumX += v * x;
+      sumY += v * y;
+    }
+  }
+  EXPECT_NEAR(mass, 1.0, 1e-5);
+  EXPECT_NEAR(sumX / mass, 19.5, 1e-4);
+  EXPECT_NEAR(sumY / mass, 19.5, 1e-4);
+  pixelStoreDestroy(&field);
+}
+
+// ---- the whole preparation ----------------------------------------------------------------------
+
+TEST_F(CoverageFixture, LayerWithoutHolesIsDeepEverywhere) {
+  makeSource(40, 30, kKindRgba8, 255.0f);
+  buildFillFields(source);
+  ASSERT_NE(params.opaqueStore, nullptr);
+  ASSERT_NE(params.distanceStore, nullptr);
+  EXPECT_EQ(params.spareStore, nullptr);
+  for (int32_t y = 0; y < 30; ++y) {
+    for (int32_t x = 0; x < 40; ++x) ASSERT_EQ(readU8(x, y, params.opaqueStore, 0), 255);
+  }
+  const PixelStore* field = params.distanceStore;
+  EXPECT_EQ(field->levelWidth[0], 60);
+  EXPECT_EQ(field->levelHeight[0], 50);
+  for (int32_t y = 0; y < 50; ++y) {
+    for (int32_t x = 0; x < 60; ++x) ASSERT_FLOAT_EQ(cell(field, x, y), -kFarDistance) << x << "," << y;
+  }
+  EXPECT_EQ(result, 0);
+}
+
+TEST_F(CoverageFixture, BareLayerIsFarEverywhere) {
+  makeSource(33, 17, kKindRgba16, 0.0f);
+  buildFillFields(source);
+  for (int32_t y = 0; y < 17; ++y) {
+    for (int32_t x = 0; x < 33; ++x) ASSERT_EQ(readU8(x, y, params.opaqueStore, 0), 0);
+  }
+  const PixelStore* field = params.distanceStore;
+  for (int32_t y = 0; y < 37; ++y) {
+    for (int32_t x = 0; x < 53; ++x) ASSERT_FLOAT_EQ(cell(field, x, y), kFarDistance) << x << "," << y;
+  }
+}
+
+TEST_F(CoverageFixture, OnePixelLayerMakesAField21Wide) {
+  // The field is 21 x 21 cells, and every cell repeats the one pixel.
+  makeSource(1, 1, kKindRgba8, 255.0f);
+  buildFillFields(source);
+  const PixelStore* field = params.distanceStore;
+  ASSERT_EQ(field->levelWidth[0], 21);
+  ASSERT_EQ(field->levelHeight[0], 21);
+  ASSERT_EQ(params.opaqueStore->levelWidth[0], 1);
+  EXPECT_EQ(readU8(0, 0, params.opaqueStore, 0), 255);
+  for (int32_t y = 0; y < 21; ++y) {
+    for (int32_t x = 0; x < 21; ++x) ASSERT_FLOAT_EQ(cell(field, x, y), -kFarDistance);
+  }
+}
+
+TEST_F(CoverageFixture, OneSoftPixelLayerHoldsMinusItsAlpha) {
+  // A soft pixel is a seed in every cell: nothing is open in either round, and
+  // the smoothing of a constant gives it back.
+  makeSource(1, 1, kKindRgba8, 128.0f);
+  buildFillFields(source);
+  const float alpha = 128.0f * float(1.0 / 255.0);
+  EXPECT_EQ(readU8(0, 0, params.opaqueStore, 0), 0);
+  for (int32_t y = 0; y < 21; ++y) {
+    for (int32_t x = 0; x < 21; ++x) ASSERT_FLOAT_EQ(cell(params.distanceStore, x, y), -alpha);
+  }
+}
+
+TEST_F(CoverageFixture, OneBarePixelLayerIsFar) {
+  makeSource(1, 1, kKindRgbaFloat, 0.0f);
+  buildFillFields(source);
+  for (int32_t y = 0; y < 21; ++y) {
+    for (int32_t x = 0; x < 21; ++x) ASSERT_FLOAT_EQ(cell(params.distanceStore, x, y), kFarDistance);
+  }
+}
+
+TEST_F(CoverageFixture, DiscIsNegativeInsideAndPositiveOutside) {
+  // A solid disc of radius 12 in a bare 64 x 64 layer. After smoothing the
+  // sign still tells inside from outside away from the rim, and the field
+  // grows with the distance from the disc.
+  makeSource(64, 64, kKindRgba8, 0.0f);
+  for (int32_t y = 0; y < 64; ++y) {
+    for (int32_t x = 0; x < 64; ++x) {
+      const double r = sqrt(double((x - 32) * (x - 32) + (y - 32) * (y - 32)));
+      if (r <= 12.0) put(x, y, 255.0f);
+    }
+  }
+  buildFillFields(source);
+  const PixelStore* field = params.distanceStore;
+  auto at = [&](int32_t x, int32_t y) { return cell(field, x + kFieldMargin, y + kFieldMargin); };
+  EXPECT_LT(at(32, 32), -8.0f);
+  EXPECT_GT(at(32, 32), -13.0f);
+  EXPECT_GT(at(2, 32), 15.0f);
+  EXPECT_LT(at(2, 32), 22.0f);
+  // The zero crossing lies near the rim on the row through the centre.
+  EXPECT_LT(at(32 + 9, 32), 0.0f);
+  EXPECT_GT(at(32 + 16, 32), 0.0f);
+  for (int32_t x = 33; x < 63; ++x) EXPECT_LT(at(x - 1, 32), at(x, 32)) << x;
+  EXPECT_EQ(readU8(32, 32, params.opaqueStore, 0), 255);
+  EXPECT_EQ(readU8(32 + 13, 32, params.opaqueStore, 0), 0);
+}
+
+TEST_F(CoverageFixture, SourceWithoutPixelsLeavesBothStoresNull) {
+  PixelStore empty;
+  memset(&empty, 0, sizeof(empty));
+  pixelStoreInit(&empty);
+  buildFillFields(&empty);
+  EXPECT_EQ(params.opaqueStore, nullptr);
+  EXPECT_EQ(params.distanceStore, nullptr);
+  EXPECT_EQ(params.spareStore, nullptr);
+}
+
+}  // namespace

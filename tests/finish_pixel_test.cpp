@@ -1,0 +1,702 @@
+// The pixel finishing path on tiles of our own: alpha gain, spill, gray
+// reduction, selection weighting and the tile reads it skips; the colour
+// routines under it; and writeUnit on a host record of our own.
+#include <gtest/gtest.h>
+#include <math.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "finish/finish_pixel.h"
+#include "finish/host_pixels.h"
+#include "grid/sample_grid.h"
+#include "host/blocks.h"
+#include "host/host_record.h"
+#include "host/plugin_main.h"
+#include "run/band_render.h"
+#include "run/job_pool.h"
+#include "store/portable_math.h"
+
+namespace {
+
+// A unit's cursor with its view filled as for a host tile of the given depth
+// and planes, and the buffers behind it. Rows carry three spare pixels, so
+// that a wrong row step shows.
+struct TestTile {
+  TileCursor cursor;
+  int32_t planes;
+  int32_t rowBytes;
+  int32_t maskRowBytes;
+  std::vector<uint8_t> in;
+  std::vector<uint8_t> out;
+  std::vector<uint8_t> mask;
+
+  TestTile(int32_t bits, int16_t planeCount, VRect unit, bool transparency = true) : planes(planeCount) {
+    memset(&cursor, 0, sizeof cursor);
+    cursor.unitRect = unit;
+    int32_t width = unit.right - unit.left;
+    int32_t height = unit.bottom - unit.top;
+    rowBytes = (width + 3) * planes * (bits / 8);
+    maskRowBytes = width + 5;
+    in.assign(size_t(rowBytes) * size_t(height), 0);
+    out.assign(size_t(rowBytes) * size_t(height), 0);
+    mask.assign(size_t(maskRowBytes) * size_t(height), 0);
+    HostTileView& v = cursor.view;
+    v.hasTransparency = transparency;
+    v.planes = planeCount;
+    v.inLoPlane = 0;
+    v.inHiPlane = int16_t(planeCount - 1);
+    v.inData = in.data();
+    v.outData = out.data();
+    v.inLayerPlanes = int16_t(transparency ? planeCount - 1 : planeCount);
+    v.outLayerPlanes = v.inLayerPlanes;
+    v.inRowBytes = rowBytes;
+    v.outRowBytes = rowBytes;
+    v.isGrayPlanes = planeCount < 3;
+    v.isColorPlanes = planeCount >= 3;
+    v.isGrayMode = v.isGrayPlanes;
+    v.isRgbMode = v.isColorPlanes;
+    v.is8Bit = bits == 8;
+    v.is16Bit = bits == 16;
+    v.is32Bit = bits == 32;
+    v.floatMath = v.is32Bit;
+    v.haveMask = false;
+    v.outRect[0] = unit.top;
+    v.outRect[1] = unit.left;
+    v.outRect[2] = unit.bottom;
+    v.outRect[3] = unit.right;
+    v.maskData = mask.data();
+    v.maskRowBytes = maskRowBytes;
+    v.hostSig = 0x3842494D;  // '8BIM'
+    v.outPixelStride = planeCount;
+    v.channelMaxInt = v.is8Bit ? 255 : v.is16Bit ? 32768 : 65535;
+    v.alphaScaleInt = v.is8Bit ? 255 : v.is16Bit ? 32768 : 1;
+    v.colourScale = v.is8Bit ? 255.0f : v.is16Bit ? 32768.0f : 1.0f;
+    v.channelMax = float(v.channelMaxInt);
+    v.channelMaxWide = double(v.channelMaxInt);
+    v.channelMidInt = v.is8Bit ? 128 : v.is16Bit ? 16384 : 32767;
+    v.invChannelMax = float(1.0 / double(v.channelMax));
+    v.invAlphaScale = float(1.0 / double(v.alphaScaleInt));
+    v.invColourScale = float(1.0 / double(v.colourScale));
+    v.levelStep = v.is8Bit ? 1 : 128;
+  }
+  TestTile(const TestTile&) = delete;
+  TestTile& operator=(const TestTile&) = delete;
+
+  HostTileView& view() { return cursor.view; }
+  void useMask(uint8_t fill) {
+    cursor.view.haveMask = true;
+    std::fill(mask.begin(), mask.end(), fill);
+  }
+  template <class T>
+  T* pixel(std::vector<uint8_t>& buffer, int32_t dx, int32_t dy) {
+    return reinterpret_cast<T*>(buffer.data() + size_t(dy) * size_t(rowBytes)) + dx * planes;
+  }
+  uint8_t* in8(int32_t dx, int32_t dy) { return pixel<uint8_t>(in, dx, dy); }
+  uint8_t* out8(int32_t dx, int32_t dy) { return pixel<uint8_t>(out, dx, dy); }
+  uint16_t* in16(int32_t dx, int32_t dy) { return pixel<uint16_t>(in, dx, dy); }
+  uint16_t* out16(int32_t dx, int32_t dy) { return pixel<uint16_t>(out, dx, dy); }
+  float* outF(int32_t dx, int32_t dy) { return pixel<float>(out, dx, dy); }
+};
+
+// A page that faults on any access: an input tile that must not be read.
+struct GuardPage {
+  void* page;
+  GuardPage() {
+    page = mmap(nullptr, size_t(getpagesize()), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  }
+  ~GuardPage() { munmap(page, size_t(getpagesize())); }
+};
+
+struct FinishFixture : ::testing::Test {
+  ParamBlock params;
+  void SetUp() override {
+    memset(&params, 0, sizeof params);
+    params.blendMode = 1;
+    params.runStage = 0;
+    params.sampleRate = 1;
+    hostContext.paramBlock = &params;
+  }
+  void TearDown() override { hostContext.paramBlock = nullptr; }
+  void finish(TestTile& t, int32_t x, int32_t y, PixelValue sample) {
+    finishPixel(x, y, &sample, t.cursor, nullptr);
+  }
+};
+
+PixelValue spilled(PixelValue v, bool floatMath = false) {
+  HostTileView view;
+  memset(&view, 0, sizeof view);
+  view.floatMath = floatMath;
+  spillExcess(&v, view);
+  return v;
+}
+
+void expectPixel(const PixelValue& v, float r, float g, float b, float a) {
+  EXPECT_EQ(v.r, r);
+  EXPECT_EQ(v.g, g);
+  EXPECT_EQ(v.b, b);
+  EXPECT_EQ(v.a, a);
+}
+
+}  // namespace
+
+// ---- excess spill ------------------------------------------------------------------------------
+
+TEST(SpillExcess, OneChannelOverGivesEachOtherSixtyFiveHundredTwelfthsOfTheExcess) {
+  expectPixel(spilled({1.5f, 0.2f, 0.2f, 1.0f}), 1.5f, 0.25859374f, 0.25859374f, 1.0f);
+  expectPixel(spilled({0.2f, 1.5f, 0.2f, 0.5f}), 0.25859374f, 1.5f, 0.25859374f, 0.5f);
+  // Blue over: red and green each take 0.234375, and red, now over, hands its
+  // excess on to green without giving any up.
+  expectPixel(spilled({1.0f, 0.5f, 3.0f, 1.0f}), 1.234375f, 0.96875f, 3.0f, 1.0f);
+}
+
+TEST(SpillExcess, CascadeRunsBothWays) {
+  // A channel exactly at 1 does not count as over.
+  expectPixel(spilled({2.0f, 1.0f, 1.0f, 1.0f}), 2.0f, 1.3515625f, 1.234375f, 1.0f);
+}
+
+TEST(SpillExcess, TwoChannelsOverGiveTheThirdSixtyTwoHundredFiftySixthsOfTheirSum) {
+  expectPixel(spilled({1.2f, 1.2f, 0.5f, 1.0f}), 1.2f, 1.2f, 0.59375f, 1.0f);
+  expectPixel(spilled({1.5f, 0.25f, 1.25f, 1.0f}), 1.5f, 0.42578125f, 1.25f, 1.0f);
+  expectPixel(spilled({0.0f, 1.25f, 1.75f, 1.0f}), 0.234375f, 1.25f, 1.75f, 1.0f);
+}
+
+TEST(SpillExcess, NothingMovesWhenNoneOrAllAreOverOrInFloatMode) {
+  expectPixel(spilled({1.5f, 1.5f, 1.5f, 1.0f}), 1.5f, 1.5f, 1.5f, 1.0f);
+  expectPixel(spilled({1.0f, 1.0f, 1.0f, 1.0f}), 1.0f, 1.0f, 1.0f, 1.0f);
+  expectPixel(spilled({0.3f, 0.6f, 0.9f, 0.1f}), 0.3f, 0.6f, 0.9f, 0.1f);
+  expectPixel(spilled({2.5f, 0.2f, 0.2f, 1.0f}, true), 2.5f, 0.2f, 0.2f, 1.0f);
+}
+
+// ---- alpha-aware mixing and compositing ------------------------------------------------------------
+
+TEST(MixAlphaAware, ColourUnderZeroAlphaDoesNotLeak) {
+  PixelValue a = {0.5f, 0.5f, 0.5f, 0.0f};
+  PixelValue b = {0.25f, 0.75f, 1.0f, 0.8f};
+  PixelValue out;
+  mixAlphaAware(&out, &a, &b, 0.25f);
+  expectPixel(out, 0.25f, 0.75f, 1.0f, 0.2f);
+  PixelValue hiddenA = {0.9f, 0.1f, 0.3f, 0.0f};
+  PixelValue hiddenB = {0.2f, 0.4f, 0.6f, 0.0f};
+  mixAlphaAware(&out, &hiddenA, &hiddenB, 0.5f);
+  expectPixel(out, 0.0f, 0.0f, 0.0f, 0.0f);
+  // At t = 1 only b weighs, and b has no alpha.
+  PixelValue solid = {0.9f, 0.1f, 0.3f, 1.0f};
+  mixAlphaAware(&out, &solid, &hiddenB, 1.0f);
+  expectPixel(out, 0.0f, 0.0f, 0.0f, 0.0f);
+}
+
+TEST(MixAlphaAware, WeighsColourByAlphaAndAlphaByT) {
+  PixelValue a = {1.0f, 0.0f, 0.0f, 1.0f};
+  PixelValue b = {0.0f, 1.0f, 0.0f, 0.5f};
+  PixelValue out;
+  mixAlphaAware(&out, &a, &b, 0.5f);
+  // Weights 0.5 and 0.25: b gives a third of the colour, half of the alpha step.
+  EXPECT_EQ(out.g, 0.33333334f);
+  EXPECT_FLOAT_EQ(out.r, 2.0f / 3.0f);
+  EXPECT_EQ(out.b, 0.0f);
+  EXPECT_EQ(out.a, 0.75f);
+  mixAlphaAware(&out, &a, &b, 0.0f);
+  expectPixel(out, 1.0f, 0.0f, 0.0f, 1.0f);
+  // The weight of `a` is one double product, rounded once; two float
+  // operations would give 0x1.325b86p-5.
+  PixelValue faint = {0.0f, 0.0f, 0.0f, 0.13f};
+  PixelValue white = {1.0f, 1.0f, 1.0f, 0.5f};
+  mixAlphaAware(&out, &faint, &white, 0.01f);
+  EXPECT_EQ(out.r, 0x1.325b88p-5f);
+  // The result may land on an operand.
+  PixelValue into = a;
+  mixAlphaAware(&into, &into, &b, 0.5f);
+  EXPECT_EQ(into.g, 0.33333334f);
+  EXPECT_EQ(into.a, 0.75f);
+}
+
+TEST(CompositeOver, HandComputedCases) {
+  PixelValue dst = {0.0f, 0.0f, 1.0f, 1.0f};
+  PixelValue src = {1.0f, 0.0f, 0.0f, 0.5f};
+  compositeOver(&src, &dst);
+  expectPixel(dst, 0.5f, 0.0f, 0.5f, 1.0f);
+
+  PixelValue clear = {0.3f, 0.2f, 0.1f, 0.0f};
+  PixelValue paint = {0.25f, 0.5f, 0.75f, 0.6f};
+  compositeOver(&paint, &clear);
+  expectPixel(clear, 0.25f, 0.5f, 0.75f, 0.6f);
+
+  PixelValue half = {0.0f, 0.0f, 0.0f, 0.5f};
+  PixelValue white = {1.0f, 1.0f, 1.0f, 0.5f};
+  compositeOver(&white, &half);
+  EXPECT_FLOAT_EQ(half.r, 2.0f / 3.0f);
+  EXPECT_EQ(half.a, 0.75f);
+
+  PixelValue keep = {0.1f, 0.2f, 0.3f, 0.4f};
+  PixelValue none = {1.0f, 1.0f, 1.0f, 0.0f};
+  PixelValue negative = {1.0f, 1.0f, 1.0f, -0.5f};
+  compositeOver(&none, &keep);
+  compositeOver(&negative, &keep);
+  expectPixel(keep, 0.1f, 0.2f, 0.3f, 0.4f);
+}
+
+// ---- alpha gain ------------------------------------------------------------------------------------
+
+TEST_F(FinishFixture, AlphaGainAtEightBitsRaisesFrom143Up) {
+  // Alpha b/255 both as divided and as read through the colour factor.
+  TestTile t(8, 4, VRect{0, 0, 2, 256});
+  for (int32_t b = 0; b < 256; ++b) {
+    finish(t, b, 0, {0.5f, 0.5f, 0.5f, float(b) / 255.0f});
+    finish(t, b, 1, {0.5f, 0.5f, 0.5f, float(b) * t.view().invColourScale});
+  }
+  for (int32_t b = 0; b < 256; ++b) {
+    int32_t expected = b <= 142 ? b : b == 255 ? 255 : b + 1;
+    EXPECT_EQ(t.out8(b, 0)[3], expected) << b;
+    EXPECT_EQ(t.out8(b, 1)[3], expected) << b;
+    EXPECT_EQ(t.out8(b, 0)[0], 127) << b;
+  }
+}
+
+TEST_F(FinishFixture, AlphaGainMakesAlmostOpaqueOpaque) {
+  TestTile t(8, 4, VRect{0, 0, 1, 2});
+  finish(t, 0, 0, {0.5f, 0.5f, 0.5f, 0.99304867f});
+  finish(t, 1, 0, {0.5f, 0.5f, 0.5f, nextafterf(0.99304867f, 0.0f)});
+  EXPECT_EQ(t.out8(0, 0)[3], 255);
+  EXPECT_EQ(t.out8(1, 0)[3], 254);
+}
+
+TEST_F(FinishFixture, AlphaGainAtSixteenBitsSaturatesFrom32541) {
+  TestTile t(16, 4, VRect{0, 0, 1, 400});
+  for (int32_t i = 0; i < 400; ++i) finish(t, i, 0, {0.5f, 0.5f, 0.5f, float(32369 + i) / 32768.0f});
+  for (int32_t i = 0; i < 400; ++i) {
+    int32_t k = 32369 + i;
+    if (k >= 32541) {
+      EXPECT_EQ(t.out16(i, 0)[3], 32768) << k;
+    } else {
+      EXPECT_LT(t.out16(i, 0)[3], 32768) << k;
+      EXPECT_GT(t.out16(i, 0)[3], k) << k;
+    }
+  }
+}
+
+// ---- colours ----------------------------------------------------------------------------------------
+
+TEST_F(FinishFixture, GrayWeightsLoseALevelOnExactlyTheseValues) {
+  // Each level as the engine reads an 8-bit sample: b times the colour factor.
+  TestTile t(8, 2, VRect{0, 0, 1, 256});
+  for (int32_t b = 0; b < 256; ++b) {
+    float v = float(b) * t.view().invColourScale;
+    finish(t, b, 0, {v, v, v, 1.0f});
+  }
+  std::vector<int32_t> lower;
+  for (int32_t b = 0; b < 256; ++b) {
+    int32_t stored = t.out8(b, 0)[0];
+    ASSERT_TRUE(stored == b || stored == b - 1) << b << " stored as " << stored;
+    if (stored == b - 1) lower.push_back(b);
+    EXPECT_EQ(t.out8(b, 0)[1], 255);
+  }
+  const std::vector<int32_t> expected = {17,  23,  33,  34,  37,  46,  66,  68,  74,  79,  83,  87,
+                                         92,  132, 136, 148, 149, 158, 166, 171, 174, 175, 184};
+  EXPECT_EQ(lower, expected);
+}
+
+TEST_F(FinishFixture, GrayGoesByPlanesNotByImageMode) {
+  TestTile gray(8, 2, VRect{0, 0, 1, 1});
+  gray.view().isGrayMode = false;
+  gray.view().isRgbMode = true;
+  finish(gray, 0, 0, {1.0f, 0.0f, 0.0f, 1.0f});
+  EXPECT_EQ(gray.out8(0, 0)[0], 76);  // 0.3 of red, by way of green
+
+  TestTile colour(8, 4, VRect{0, 0, 1, 1});
+  colour.view().isGrayMode = true;
+  colour.view().isRgbMode = false;
+  finish(colour, 0, 0, {1.0f, 0.0f, 0.0f, 1.0f});
+  EXPECT_EQ(colour.out8(0, 0)[0], 255);
+  EXPECT_EQ(colour.out8(0, 0)[1], 0);
+}
+
+TEST_F(FinishFixture, ColoursAreClampedAfterTheSpill) {
+  TestTile t(8, 4, VRect{0, 0, 1, 3});
+  finish(t, 0, 0, {1.5f, 0.2f, 0.2f, 1.0f});
+  finish(t, 1, 0, {-0.5f, 2.0f, 1.0f, 1.0f});
+  finish(t, 2, 0, {0.5f, 0.5f, 0.5f, -1.0f});
+  EXPECT_EQ(t.out8(0, 0)[0], 255);
+  EXPECT_EQ(t.out8(0, 0)[1], 65);  // 0.25859374
+  EXPECT_EQ(t.out8(0, 0)[2], 65);
+  // Green's excess gives red and blue 0.1171875 each, and blue, now over,
+  // hands its own on to red: 0.234375.
+  EXPECT_EQ(t.out8(1, 0)[0], 59);
+  EXPECT_EQ(t.out8(1, 0)[1], 255);
+  EXPECT_EQ(t.out8(1, 0)[2], 255);
+  EXPECT_EQ(t.out8(2, 0)[3], 0);
+}
+
+TEST_F(FinishFixture, ZeroSampleWritesZerosAtFullSelection) {
+  TestTile t8(8, 4, VRect{0, 0, 2, 2});
+  TestTile t16(16, 2, VRect{0, 0, 2, 2});
+  std::fill(t8.in.begin(), t8.in.end(), uint8_t(0x77));
+  std::fill(t8.out.begin(), t8.out.end(), uint8_t(0xAB));
+  std::fill(t16.in.begin(), t16.in.end(), uint8_t(0x33));
+  std::fill(t16.out.begin(), t16.out.end(), uint8_t(0x3B));
+  for (int32_t y = 0; y < 2; ++y)
+    for (int32_t x = 0; x < 2; ++x) {
+      finish(t8, x, y, {0.0f, 0.0f, 0.0f, 0.0f});
+      finish(t16, x, y, {0.0f, 0.0f, 0.0f, 0.0f});
+      for (int32_t c = 0; c < 4; ++c) EXPECT_EQ(t8.out8(x, y)[c], 0);
+      for (int32_t c = 0; c < 2; ++c) EXPECT_EQ(t16.out16(x, y)[c], 0);
+    }
+}
+
+TEST_F(FinishFixture, PartialAlphaReplacesTheInputPixelAtFullSelection) {
+  TestTile t(8, 4, VRect{0, 0, 1, 1});
+  uint8_t* p = t.in8(0, 0);
+  p[0] = 10;
+  p[1] = 20;
+  p[2] = 30;
+  p[3] = 255;
+  finish(t, 0, 0, {1.0f, 0.0f, 0.0f, 0.5f});
+  EXPECT_EQ(t.out8(0, 0)[0], 255);
+  EXPECT_EQ(t.out8(0, 0)[1], 0);
+  EXPECT_EQ(t.out8(0, 0)[2], 0);
+  EXPECT_EQ(t.out8(0, 0)[3], 128);  // 0.5 x 1.007, not combined with the input's alpha
+}
+
+// ---- float mode -------------------------------------------------------------------------------------
+
+TEST_F(FinishFixture, FloatModeHasNoGainNoSpillAndAFloatCeiling) {
+  TestTile t(32, 4, VRect{0, 0, 1, 3});
+  finish(t, 0, 0, {2.5f, 70000.0f, -3.0f, 0.5f});
+  finish(t, 1, 0, {2.5f, 0.2f, 0.2f, 0.99f});
+  finish(t, 2, 0, {0.0f, 0.0f, 0.0f, 1.5f});
+  const float* a = t.outF(0, 0);
+  EXPECT_EQ(a[0], 2.5f);
+  EXPECT_EQ(a[1], 65535.0f);
+  EXPECT_EQ(a[2], 0.0f);
+  EXPECT_EQ(a[3], 0.5f);
+  const float* b = t.outF(1, 0);
+  EXPECT_EQ(b[1], 0.2f);
+  EXPECT_EQ(b[2], 0.2f);
+  EXPECT_EQ(b[3], 0.99f);
+  EXPECT_EQ(t.outF(2, 0)[3], 1.0f);
+}
+
+TEST_F(FinishFixture, FloatModeGrayAndSelectionMix) {
+  TestTile t(32, 2, VRect{0, 0, 1, 2});
+  t.useMask(0);
+  t.mask[1] = 255;
+  float* in = reinterpret_cast<float*>(t.in.data());
+  in[0] = 3.0f;
+  in[1] = 0.25f;
+  finish(t, 0, 0, {9.0f, 9.0f, 9.0f, 1.0f});  // coverage 0: the input comes back
+  finish(t, 1, 0, {2.0f, 1.0f, 0.5f, 1.0f});
+  EXPECT_EQ(t.outF(0, 0)[0], 3.0f);
+  EXPECT_EQ(t.outF(0, 0)[1], 0.25f);
+  EXPECT_FLOAT_EQ(t.outF(1, 0)[0], 1.245f);
+  EXPECT_EQ(t.outF(1, 0)[1], 1.0f);
+}
+
+// ---- selection --------------------------------------------------------------------------------------
+
+TEST_F(FinishFixture, CoverageZeroGivesBackEveryEightBitValue) {
+  TestTile t(8, 4, VRect{0, 0, 2, 256});
+  t.useMask(0);
+  for (int32_t dy = 0; dy < 2; ++dy)
+    for (int32_t i = 0; i < 256; ++i) {
+      uint8_t* p = t.in8(i, dy);
+      p[0] = uint8_t(i);
+      p[1] = uint8_t(255 - i);
+      p[2] = uint8_t((i * 37) & 255);
+      p[3] = uint8_t((i + 128 * dy) & 255);
+    }
+  for (int32_t y = 0; y < 2; ++y)
+    for (int32_t x = 0; x < 256; ++x) finish(t, x, y, {3.0f, -1.0f, 0.5f, 0.3f});
+  for (int32_t dy = 0; dy < 2; ++dy)
+    for (int32_t i = 0; i < 256; ++i)
+      for (int32_t c = 0; c < 4; ++c) ASSERT_EQ(t.out8(i, dy)[c], t.in8(i, dy)[c]) << i << " " << c;
+}
+
+TEST_F(FinishFixture, CoverageZeroGivesBackEverySixteenBitValue) {
+  TestTile t(16, 4, VRect{0, 0, 128, 257});
+  t.useMask(0);
+  for (int32_t dy = 0; dy < 128; ++dy)
+    for (int32_t dx = 0; dx < 257; ++dx) {
+      int32_t i = dy * 257 + dx;
+      uint16_t v = uint16_t(i > 32768 ? 32768 : i);
+      uint16_t* p = t.in16(dx, dy);
+      p[0] = v;
+      p[1] = uint16_t(32768 - v);
+      p[2] = uint16_t((v * 7) % 32769);
+      p[3] = v;
+    }
+  for (int32_t y = 0; y < 128; ++y)
+    for (int32_t x = 0; x < 257; ++x) finish(t, x, y, {0.7f, 1.4f, 0.0f, 1.0f});
+  for (int32_t dy = 0; dy < 128; ++dy)
+    for (int32_t dx = 0; dx < 257; ++dx)
+      for (int32_t c = 0; c < 4; ++c) ASSERT_EQ(t.out16(dx, dy)[c], t.in16(dx, dy)[c]) << dx << " " << dy;
+}
+
+TEST_F(FinishFixture, FullMaskByteCountsAsWholeAndSkipsTheInput) {
+  GuardPage guard;
+  TestTile t(8, 4, VRect{0, 0, 1, 1});
+  t.useMask(255);
+  t.view().inData = guard.page;
+  finish(t, 0, 0, {0.5f, 0.25f, 1.0f, 1.0f});
+  EXPECT_EQ(t.out8(0, 0)[0], 127);
+  EXPECT_EQ(t.out8(0, 0)[1], 63);
+  EXPECT_EQ(t.out8(0, 0)[2], 255);
+  EXPECT_EQ(t.out8(0, 0)[3], 255);
+}
+
+TEST_F(FinishFixture, MaskByte254MixesWithTheInput) {
+  TestTile t(8, 4, VRect{0, 0, 1, 2});
+  t.useMask(254);
+  t.in8(1, 0)[0] = 255;
+  t.in8(1, 0)[3] = 255;
+  finish(t, 0, 0, {1.0f, 1.0f, 1.0f, 1.0f});
+  finish(t, 1, 0, {0.0f, 0.0f, 0.0f, 1.0f});
+  // Over an empty input the white falls short of full scale, alpha included;
+  // over a red input a trace of the red shows through.
+  for (int32_t c = 0; c < 4; ++c) EXPECT_EQ(t.out8(0, 0)[c], 253) << c;
+  EXPECT_EQ(t.out8(1, 0)[0], 1);
+  EXPECT_EQ(t.out8(1, 0)[1], 0);
+  EXPECT_EQ(t.out8(1, 0)[3], 255);
+}
+
+TEST_F(FinishFixture, HalfSelectionMixesAlphaToo) {
+  TestTile t(8, 4, VRect{0, 0, 1, 1});
+  t.useMask(128);
+  finish(t, 0, 0, {1.0f, 1.0f, 1.0f, 1.0f});
+  for (int32_t c = 0; c < 4; ++c) EXPECT_EQ(t.out8(0, 0)[c], 127) << c;
+}
+
+TEST_F(FinishFixture, OpaqueFullySelectedPixelsNeverReadTheInput) {
+  GuardPage guard;
+  TestTile t(16, 4, VRect{0, 0, 4, 4});
+  t.view().inData = guard.page;
+  for (int32_t y = 0; y < 4; ++y)
+    for (int32_t x = 0; x < 4; ++x) finish(t, x, y, {0.25f, 0.5f, 0.75f, 1.0f});
+  EXPECT_EQ(t.out16(3, 3)[0], 8192);
+  EXPECT_EQ(t.out16(3, 3)[3], 32768);
+  // The self-masking host weighs the selection itself: its mask is not read either.
+  t.useMask(0);
+  t.view().hostSig = 0x41666650;
+  finish(t, 0, 0, {0.25f, 0.5f, 0.75f, 1.0f});
+  // No input tile at all is just as good.
+  t.view().inData = nullptr;
+  t.view().hostSig = 0x3842494D;
+  t.view().haveMask = false;
+  finish(t, 1, 1, {0.25f, 0.5f, 0.75f, 0.5f});
+  EXPECT_EQ(t.out16(1, 1)[3], 16498);  // trunc(32768 x 0.5035)
+}
+
+TEST(FinishDeath, GuardPageCatchesARead) {
+  GuardPage guard;
+  TestTile t(8, 4, VRect{0, 0, 1, 1});
+  t.view().inData = guard.page;
+  PixelValue partial = {0.5f, 0.5f, 0.5f, 0.5f};
+  EXPECT_DEATH(finishPixel(0, 0, &partial, t.cursor, nullptr), "");
+}
+
+TEST_F(FinishFixture, NullOutputIsSafe) {
+  TestTile t(8, 4, VRect{0, 0, 1, 1});
+  t.view().outData = nullptr;
+  t.view().inData = nullptr;
+  t.useMask(100);
+  finish(t, 0, 0, {0.5f, 0.5f, 0.5f, 0.5f});
+  for (uint8_t b : t.out) EXPECT_EQ(b, 0);
+}
+
+// ---- branches of other switch values ---------------------------------------------------------------
+
+TEST_F(FinishFixture, WithoutTransparencyThePartialResultIsLaidOverTheInput) {
+  TestTile t(8, 3, VRect{0, 0, 1, 2}, false);
+  t.in8(0, 0)[2] = 255;
+  t.in8(1, 0)[0] = 40;
+  finish(t, 0, 0, {1.0f, 0.0f, 0.0f, 0.5f});
+  EXPECT_EQ(t.out8(0, 0)[0], 128);  // 0.5035 of red over blue
+  EXPECT_EQ(t.out8(0, 0)[1], 0);
+  EXPECT_EQ(t.out8(0, 0)[2], 126);
+  finish(t, 1, 0, {1.0f, 1.0f, 1.0f, 0.0f});
+  EXPECT_EQ(t.out8(1, 0)[0], 40);
+  EXPECT_EQ(t.out8(1, 0)[1], 0);
+}
+
+TEST(FinishDeath, OtherBlendModesAlwaysReadTheInput) {
+  ParamBlock params;
+  memset(&params, 0, sizeof params);
+  params.blendMode = 5;
+  hostContext.paramBlock = &params;
+  GuardPage guard;
+  TestTile t(8, 4, VRect{0, 0, 1, 1});
+  t.view().inData = guard.page;
+  PixelValue opaque = {0.5f, 0.5f, 0.5f, 1.0f};
+  EXPECT_DEATH(finishPixel(0, 0, &opaque, t.cursor, nullptr), "");
+  hostContext.paramBlock = nullptr;
+}
+
+TEST_F(FinishFixture, PartialStageNeitherReadsNorWrites) {
+  params.runStage = 2;
+  GuardPage guard;
+  TestTile t(8, 4, VRect{0, 0, 1, 1});
+  t.useMask(128);
+  t.view().inData = guard.page;
+  finish(t, 0, 0, {0.5f, 0.5f, 0.5f, 0.5f});
+  for (uint8_t b : t.out) EXPECT_EQ(b, 0);
+}
+
+TEST_F(FinishFixture, DisplayStageShowsACheckerboardBehind) {
+  params.runStage = 1;
+  TestTile t(8, 4, VRect{0, 0, 16, 16});
+  std::vector<uint8_t> planar(size_t(16 * 16 * 3), 7);
+  PreviewBuffer preview = {planar.data(), 16, 16, 256, 3};
+  for (int32_t y = 0; y < 16; ++y)
+    for (int32_t x = 0; x < 16; ++x) {
+      PixelValue clear = {0.0f, 0.0f, 0.0f, 0.0f};
+      finishPixel(x, y, &clear, t.cursor, &preview);
+    }
+  EXPECT_EQ(planar[0], 255);
+  EXPECT_EQ(planar[8], 204);              // 0.8 where (x ^ y) & 8
+  EXPECT_EQ(planar[8 * 16], 204);
+  EXPECT_EQ(planar[8 * 16 + 8], 255);
+  EXPECT_EQ(planar[256 + 8 * 16 + 15], 255);
+  PixelValue black = {0.0f, 0.0f, 0.0f, 1.0f};
+  finishPixel(8, 0, &black, t.cursor, &preview);
+  EXPECT_EQ(planar[8], 0);
+  // Unselected, the checkerboard shows and not the input.
+  t.useMask(0);
+  t.in8(9, 0)[0] = 100;
+  PixelValue black2 = {0.0f, 0.0f, 0.0f, 1.0f};
+  finishPixel(9, 0, &black2, t.cursor, &preview);
+  EXPECT_EQ(planar[9], 204);
+  for (uint8_t b : t.out) EXPECT_EQ(b, 0);
+}
+
+// ---- writeUnit on a host record of our own ------------------------------------------------------------
+
+namespace {
+
+struct WriteUnitFixture : ::testing::Test {
+  FilterRecord record;
+  ParamBlock params;
+  JobUnit unit;
+  SampleGrid grid;
+  std::vector<SampleCell> cells;
+  std::vector<uint8_t> in;
+  std::vector<uint8_t> out;
+  std::vector<uint8_t> mask;
+  static constexpr int32_t kRowBytes = 40;  // up to 10 RGBA pixels a row
+
+  void SetUp() override {
+    memset(&record, 0, sizeof record);
+    memset(&params, 0, sizeof params);
+    memset(&unit, 0, sizeof unit);
+    memset(&grid, 0, sizeof grid);
+    params.blendMode = 1;
+    params.sampleRate = 1;
+    hostContext.filterRecord = &record;
+    hostContext.paramBlock = &params;
+    // The unit: columns 3 to 6, rows 2 and 3 of the run rectangle.
+    unit.kind = kJobRender;
+    unit.cursor.unitRect = VRect{2, 3, 4, 7};
+    unit.cursor.gridCols = 6;
+    unit.cursor.gridRows = 4;
+    cells.assign(24, SampleCell());
+    memset(cells.data(), 0, cells.size() * sizeof(SampleCell));
+    // The cell of point (x, y) carries (x / 16, y / 16, 0.5, 1).
+    for (int32_t row = 0; row < 4; ++row)
+      for (int32_t col = 0; col < 6; ++col) {
+        SampleCell& c = cells[size_t(row * 6 + col)];
+        c.colour[0] = float(col - 1 + 3) / 16.0f;
+        c.colour[1] = float(row - 1 + 2) / 16.0f;
+        c.colour[2] = 0.5f;
+        c.colour[3] = 1.0f;
+      }
+    grid.cells = cells.data();
+    grid.workUnit = &unit;
+    unit.grids = &grid;
+    unit.gridCount = 1;
+
+    in.assign(size_t(kRowBytes * 2), 9);
+    out.assign(size_t(kRowBytes * 2), 0xEE);
+    mask.assign(size_t(2 * 4), 0);
+    record.filterCase = filterCaseEditableTransparencyWithSelection;
+    record.imageMode = plugInModeRGBColor;
+    record.depth = 8;
+    record.planes = 4;
+    record.inLoPlane = 0;
+    record.inHiPlane = 3;
+    record.inLayerPlanes = 3;
+    record.outLayerPlanes = 3;
+    record.inData = in.data();
+    record.outData = out.data();
+    record.inRowBytes = kRowBytes;
+    record.outRowBytes = kRowBytes;
+    // The host's tile at an offset of its own (a floating layer).
+    record.outRect = PIRect{12, 13, 14, 17};
+    record.haveMask = 1;
+    record.maskData = mask.data();
+    record.maskRowBytes = 4;
+    record.hostSig = 0x3842494D;
+    record.autoMask = 1;
+  }
+  void TearDown() override {
+    hostContext.filterRecord = nullptr;
+    hostContext.paramBlock = nullptr;
+  }
+  const uint8_t* outPixel(int32_t dx, int32_t dy) const { return out.data() + dy * kRowBytes + dx * 4; }
+};
+
+}  // namespace
+
+TEST_F(WriteUnitFixture, EachPixelTakesTheColourOfItsLowerRightCorner) {
+  std::fill(mask.begin(), mask.end(), uint8_t(255));
+  writeUnit(&unit);
+  EXPECT_EQ(record.autoMask, 0);
+  const uint8_t red[] = {47, 63, 79, 95};  // trunc(x / 16 x 255) for x = 3..6
+  const uint8_t green[] = {31, 47};        // y = 2, 3
+  for (int32_t dy = 0; dy < 2; ++dy)
+    for (int32_t dx = 0; dx < 4; ++dx) {
+      const uint8_t* p = outPixel(dx, dy);
+      EXPECT_EQ(p[0], red[dx]) << dx << " " << dy;
+      EXPECT_EQ(p[1], green[dy]) << dx << " " << dy;
+      EXPECT_EQ(p[2], 127);
+      EXPECT_EQ(p[3], 255);
+    }
+  EXPECT_EQ(outPixel(4, 0)[0], 0xEE);  // past the unit's width
+}
+
+TEST_F(WriteUnitFixture, UnselectedPixelsKeepTheInput) {
+  mask[1] = 255;  // only pixel (4, 2) is selected
+  writeUnit(&unit);
+  EXPECT_EQ(outPixel(0, 0)[0], 9);
+  EXPECT_EQ(outPixel(1, 0)[0], 63);
+  EXPECT_EQ(outPixel(3, 1)[3], 9);
+}
+
+TEST_F(WriteUnitFixture, SelfMaskingHostGetsAutoMaskAndEveryPixel) {
+  record.hostSig = 0x41666650;  // 'AffP'
+  record.autoMask = 0;
+  writeUnit(&unit);
+  EXPECT_EQ(record.autoMask, 1);
+  EXPECT_EQ(outPixel(0, 0)[0], 47);
+  EXPECT_EQ(outPixel(3, 1)[1], 47);
+}
+
+TEST_F(WriteUnitFixture, NoCellArrayWritesZeros) {
+  std::fill(mask.begin(), mask.end(), uint8_t(255));
+  grid.cells = nullptr;
+  writeUnit(&unit);
+  for (int32_t dy = 0; dy < 2; ++dy)
+    for (int32_t dx = 0; dx < 4; ++dx)
+      for (int32_t c = 0; c < 4; ++c) EXPECT_EQ(outPixel(dx, dy)[c], 0);
+  unit.grids = nullptr;
+  std::fill(out.begin(), out.end(), uint8_t(0xEE));
+  writeUnit(&unit);
+  EXPECT_EQ(outPixel(2, 1)[0], 0);
+}
+
+TEST_F(WriteUnitFixture, MissingHostBuffersAreSafe) {
+  record.outData = nullptr;
+  record.inData = nullptr;
+  record.maskData = nullptr;
+  writeUnit(&unit);
+  for (uint8_t b : out) EXPECT_EQ(b, 0xEE);
+}

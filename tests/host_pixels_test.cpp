@@ -1,0 +1,424 @@
+// The host pixel conversion on tiles of our own: exact round trips at 8 and
+// 16 bits, the stored values of a few floats, the selection's weights, and
+// the bounds of every read and write.
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <vector>
+
+#include "finish/host_pixels.h"
+#include "host/blocks.h"
+#include "host/plugin_main.h"
+#include "store/portable_math.h"
+
+namespace {
+
+// A unit's cursor with its view filled as for a host tile of the given depth
+// and planes, and the three buffers behind it. Rows carry three spare pixels,
+// so that a wrong row step shows; the host's outRect lies elsewhere in the
+// host's frame (an offset layer), since only its size may count.
+struct TestTile {
+  TileCursor cursor;
+  int32_t planes;
+  int32_t rowBytes;
+  int32_t maskRowBytes;
+  std::vector<uint8_t> in;
+  std::vector<uint8_t> out;
+  std::vector<uint8_t> mask;
+
+  TestTile(int32_t bits, int16_t planeCount, VRect unit, bool transparency = true) : planes(planeCount) {
+    memset(&cursor, 0, sizeof cursor);
+    cursor.unitRect = unit;
+    int32_t width = unit.right - unit.left;
+    int32_t height = unit.bottom - unit.top;
+    rowBytes = (width + 3) * planes * (bits / 8);
+    maskRowBytes = width + 5;
+    in.assign(size_t(rowBytes) * size_t(height), 0);
+    out.assign(size_t(rowBytes) * size_t(height), 0);
+    mask.assign(size_t(maskRowBytes) * size_t(height), 0);
+    HostTileView& v = cursor.view;
+    v.hasTransparency = transparency;
+    v.planes = planeCount;
+    v.inLoPlane = 0;
+    v.inHiPlane = int16_t(planeCount - 1);
+    v.inData = in.data();
+    v.outData = out.data();
+    v.inLayerPlanes = int16_t(transparency ? planeCount - 1 : planeCount);
+    v.outLayerPlanes = v.inLayerPlanes;
+    v.inRowBytes = rowBytes;
+    v.outRowBytes = rowBytes;
+    v.isGrayPlanes = planeCount < 3;
+    v.isColorPlanes = planeCount >= 3;
+    v.isGrayMode = v.isGrayPlanes;
+    v.isRgbMode = v.isColorPlanes;
+    v.is8Bit = bits == 8;
+    v.is16Bit = bits == 16;
+    v.is32Bit = bits == 32;
+    v.floatMath = v.is32Bit;
+    v.haveMask = false;
+    v.outRect[0] = unit.top + 40;
+    v.outRect[1] = unit.left - 7;
+    v.outRect[2] = unit.bottom + 40;
+    v.outRect[3] = unit.right - 7;
+    v.maskData = mask.data();
+    v.maskRowBytes = maskRowBytes;
+    v.hostSig = 0x3842494D;  // '8BIM'
+    v.outPixelStride = planeCount;
+    v.channelMaxInt = v.is8Bit ? 255 : v.is16Bit ? 32768 : 65535;
+    v.alphaScaleInt = v.is8Bit ? 255 : v.is16Bit ? 32768 : 1;
+    v.colourScale = v.is8Bit ? 255.0f : v.is16Bit ? 32768.0f : 1.0f;
+    v.channelMax = float(v.channelMaxInt);
+    v.channelMaxWide = double(v.channelMaxInt);
+    v.channelMidInt = v.is8Bit ? 128 : v.is16Bit ? 16384 : 32767;
+    v.invChannelMax = float(1.0 / double(v.channelMax));
+    v.invAlphaScale = float(1.0 / double(v.alphaScaleInt));
+    v.invColourScale = float(1.0 / double(v.colourScale));
+    v.levelStep = v.is8Bit ? 1 : 128;
+  }
+  TestTile(const TestTile&) = delete;
+  TestTile& operator=(const TestTile&) = delete;
+
+  HostTileView& view() { return cursor.view; }
+  int32_t left() const { return cursor.unitRect.left; }
+  int32_t top() const { return cursor.unitRect.top; }
+  int32_t width() const { return cursor.unitRect.right - cursor.unitRect.left; }
+  int32_t height() const { return cursor.unitRect.bottom - cursor.unitRect.top; }
+
+  template <class T>
+  T* pixel(std::vector<uint8_t>& buffer, int32_t dx, int32_t dy) {
+    return reinterpret_cast<T*>(buffer.data() + size_t(dy) * size_t(rowBytes)) + dx * planes;
+  }
+  uint8_t* in8(int32_t dx, int32_t dy) { return pixel<uint8_t>(in, dx, dy); }
+  uint8_t* out8(int32_t dx, int32_t dy) { return pixel<uint8_t>(out, dx, dy); }
+  uint16_t* in16(int32_t dx, int32_t dy) { return pixel<uint16_t>(in, dx, dy); }
+  uint16_t* out16(int32_t dx, int32_t dy) { return pixel<uint16_t>(out, dx, dy); }
+  float* inF(int32_t dx, int32_t dy) { return pixel<float>(in, dx, dy); }
+  float* outF(int32_t dx, int32_t dy) { return pixel<float>(out, dx, dy); }
+  uint8_t& maskAt(int32_t dx, int32_t dy) { return mask[size_t(dy) * size_t(maskRowBytes) + size_t(dx)]; }
+};
+
+struct HostPixels : ::testing::Test {
+  ParamBlock params;
+  void SetUp() override {
+    memset(&params, 0, sizeof params);
+    params.blendMode = 1;
+    params.runStage = 0;
+    hostContext.paramBlock = &params;
+  }
+  void TearDown() override { hostContext.paramBlock = nullptr; }
+};
+
+// The value stored for one float alone, through a 1 by 1 RGBA tile.
+uint8_t stored8(float c) {
+  TestTile t(8, 4, VRect{0, 0, 1, 1});
+  writeHostPixel(0, 0, PixelValue{c, c, c, c}, t.cursor, nullptr);
+  return t.out8(0, 0)[0];
+}
+uint16_t stored16(float c) {
+  TestTile t(16, 4, VRect{0, 0, 1, 1});
+  writeHostPixel(0, 0, PixelValue{c, c, c, c}, t.cursor, nullptr);
+  return t.out16(0, 0)[0];
+}
+
+}  // namespace
+
+// ---- exact round trips -------------------------------------------------------------------
+
+TEST_F(HostPixels, EveryEightBitValueSurvivesReadAndWrite) {
+  TestTile t(8, 4, VRect{5, 300, 7, 556});  // 256 by 2, away from the origin
+  for (int32_t dy = 0; dy < 2; ++dy)
+    for (int32_t i = 0; i < 256; ++i) {
+      uint8_t* p = t.in8(i, dy);
+      p[0] = uint8_t(i);
+      p[1] = uint8_t(255 - i);
+      p[2] = uint8_t((i * 7 + dy) & 255);
+      p[3] = uint8_t((i + 128 * dy) & 255);
+    }
+  for (int32_t y = t.top(); y < t.top() + 2; ++y)
+    for (int32_t x = t.left(); x < t.left() + 256; ++x)
+      writeHostPixel(x, y, readHostPixel(x, y, t.cursor), t.cursor, nullptr);
+  for (int32_t dy = 0; dy < 2; ++dy)
+    for (int32_t i = 0; i < 256; ++i)
+      for (int32_t c = 0; c < 4; ++c) ASSERT_EQ(t.out8(i, dy)[c], t.in8(i, dy)[c]) << i << " " << dy << " " << c;
+}
+
+TEST_F(HostPixels, EverySixteenBitValueSurvivesReadAndWrite) {
+  TestTile t(16, 2, VRect{0, 0, 128, 257});  // gray and alpha, 32896 pixels
+  for (int32_t dy = 0; dy < 128; ++dy)
+    for (int32_t dx = 0; dx < 257; ++dx) {
+      int32_t i = dy * 257 + dx;
+      t.in16(dx, dy)[0] = uint16_t(i > 32768 ? 32768 : i);
+      t.in16(dx, dy)[1] = uint16_t(32768 - (i > 32768 ? 32768 : i));
+    }
+  for (int32_t y = 0; y < 128; ++y)
+    for (int32_t x = 0; x < 257; ++x) writeHostPixel(x, y, readHostPixel(x, y, t.cursor), t.cursor, nullptr);
+  for (int32_t dy = 0; dy < 128; ++dy)
+    for (int32_t dx = 0; dx < 257; ++dx) {
+      ASSERT_EQ(t.out16(dx, dy)[0], t.in16(dx, dy)[0]) << dx << " " << dy;
+      ASSERT_EQ(t.out16(dx, dy)[1], t.in16(dx, dy)[1]) << dx << " " << dy;
+    }
+}
+
+TEST_F(HostPixels, ReadFactorsAreTheCorrectlyRoundedReciprocals) {
+  TestTile t8(8, 4, VRect{0, 0, 1, 1});
+  TestTile t16(16, 4, VRect{0, 0, 1, 1});
+  EXPECT_EQ(floatBits(t8.view().invColourScale), 0x3B808081u);
+  EXPECT_EQ(floatBits(kMaskByteScale), 0x3B808080u);
+  t8.in8(0, 0)[0] = 1;
+  t16.in16(0, 0)[0] = 32768;
+  t16.in16(0, 0)[3] = 16384;
+  EXPECT_EQ(floatBits(readHostPixel(0, 0, t8.cursor).r), 0x3B808081u);
+  EXPECT_EQ(readHostPixel(0, 0, t16.cursor).r, 1.0f);
+  EXPECT_EQ(readHostPixel(0, 0, t16.cursor).a, 0.5f);
+  // The mask's factor would lose a level on every value but 0.
+  for (int32_t b = 1; b < 256; ++b) EXPECT_EQ(truncToInt32(float(b) * kMaskByteScale * 255.0f), b - 1) << b;
+}
+
+// ---- stored values ----------------------------------------------------------------------------
+
+TEST_F(HostPixels, StoredValuesTruncateAfterOneMultiplication) {
+  EXPECT_EQ(stored8(1.0f), 255);
+  EXPECT_EQ(stored16(1.0f), 32768);
+  EXPECT_EQ(stored8(0.5f), 127);
+  EXPECT_EQ(stored16(0.5f), 16384);
+  EXPECT_EQ(stored8(0.99999994f), 254);
+  EXPECT_EQ(stored16(0.99999994f), 32767);
+  EXPECT_EQ(stored8(0.0f), 0);
+  EXPECT_EQ(stored16(0.0f), 0);
+
+  TestTile t(32, 4, VRect{0, 0, 1, 1});
+  writeHostPixel(0, 0, PixelValue{1.0f, 2.5f, 65535.0f, 0.25f}, t.cursor, nullptr);
+  EXPECT_EQ(t.outF(0, 0)[0], 1.0f);
+  EXPECT_EQ(t.outF(0, 0)[1], 2.5f);
+  EXPECT_EQ(t.outF(0, 0)[2], 65535.0f);
+  EXPECT_EQ(t.outF(0, 0)[3], 0.25f);
+}
+
+TEST_F(HostPixels, ThirtyTwoBitSamplesReadAsTheyAre) {
+  TestTile t(32, 4, VRect{3, 4, 5, 6});
+  float* p = t.inF(1, 1);
+  p[0] = 2.5f;
+  p[1] = -0.125f;
+  p[2] = 70000.0f;
+  p[3] = 0.75f;
+  PixelValue v = readHostPixel(5, 4, t.cursor);
+  EXPECT_EQ(v.r, 2.5f);
+  EXPECT_EQ(v.g, -0.125f);
+  EXPECT_EQ(v.b, 70000.0f);
+  EXPECT_EQ(v.a, 0.75f);
+}
+
+// ---- planes --------------------------------------------------------------------------------------
+
+TEST_F(HostPixels, GrayTileReadsPlaneZeroIntoAllThreeAndWritesGreen) {
+  TestTile t(8, 2, VRect{0, 0, 2, 2});
+  EXPECT_EQ(t.view().inLayerPlanes, 1);
+  t.in8(1, 1)[0] = 51;
+  t.in8(1, 1)[1] = 102;
+  PixelValue v = readHostPixel(1, 1, t.cursor);
+  EXPECT_EQ(v.r, v.g);
+  EXPECT_EQ(v.b, v.g);
+  EXPECT_EQ(truncToInt32(v.g * 255.0f), 51);
+  EXPECT_EQ(truncToInt32(v.a * 255.0f), 102);
+
+  writeHostPixel(0, 1, PixelValue{0.2f, 0.6f, 1.0f, 0.4f}, t.cursor, nullptr);
+  EXPECT_EQ(t.out8(0, 1)[0], 153);  // trunc(0.6 x 255), from green alone
+  EXPECT_EQ(t.out8(0, 1)[1], 102);  // trunc(255 x 0.4)
+  EXPECT_EQ(t.out8(1, 1)[0], 0);    // its neighbour untouched
+  EXPECT_EQ(t.out8(0, 0)[0], 0);
+}
+
+TEST_F(HostPixels, InputStrideFollowsThePlaneSpanAndAlphaPlaneTheLayerPlanes) {
+  // Five samples a pixel (a spare plane behind alpha) on the input side only.
+  TestTile t(8, 4, VRect{0, 0, 1, 3});
+  HostTileView& v = t.view();
+  v.inHiPlane = 4;
+  std::vector<uint8_t> wide(size_t(15), 0);
+  wide[10] = 10;  // pixel 2, plane 0
+  wide[11] = 20;
+  wide[12] = 30;
+  wide[13] = 40;  // alpha at inLayerPlanes = 3
+  wide[14] = 99;
+  v.inData = wide.data();
+  PixelValue p = readHostPixel(2, 0, t.cursor);
+  EXPECT_EQ(truncToInt32(p.r * 255.0f), 10);
+  EXPECT_EQ(truncToInt32(p.g * 255.0f), 20);
+  EXPECT_EQ(truncToInt32(p.b * 255.0f), 30);
+  EXPECT_EQ(truncToInt32(p.a * 255.0f), 40);
+}
+
+TEST_F(HostPixels, WithoutTransparencyAlphaReadsOneAndIsNotWritten) {
+  TestTile t(16, 3, VRect{0, 0, 1, 2}, false);
+  t.in16(1, 0)[0] = 32768;
+  PixelValue p = readHostPixel(1, 0, t.cursor);
+  EXPECT_EQ(p.r, 1.0f);
+  EXPECT_EQ(p.a, 1.0f);
+  // Three planes a pixel: the alpha would land on the next pixel's red.
+  writeHostPixel(0, 0, PixelValue{0.5f, 0.25f, 0.125f, 0.75f}, t.cursor, nullptr);
+  EXPECT_EQ(t.out16(0, 0)[0], 16384);
+  EXPECT_EQ(t.out16(0, 0)[1], 8192);
+  EXPECT_EQ(t.out16(0, 0)[2], 4096);
+  EXPECT_EQ(t.out16(1, 0)[0], 0);
+}
+
+TEST_F(HostPixels, RowStepIsBytesShiftedByTheDepth) {
+  for (int32_t bits : {8, 16, 32}) {
+    TestTile t(bits, 4, VRect{10, 20, 13, 22});
+    PixelValue v = {1.0f, 1.0f, 1.0f, 1.0f};
+    writeHostPixel(21, 12, v, t.cursor, nullptr);
+    // Exactly one pixel changed, at column 1 of row 2.
+    size_t pixelBytes = size_t(4 * bits / 8);
+    size_t at = size_t(2) * size_t(t.rowBytes) + pixelBytes;
+    for (size_t i = 0; i < t.out.size(); ++i) {
+      bool inside = i >= at && i < at + pixelBytes;
+      if (!inside) {
+        ASSERT_EQ(t.out[i], 0) << bits << " byte " << i;
+      }
+    }
+    memcpy(t.in.data(), t.out.data(), t.in.size());
+    PixelValue back = readHostPixel(21, 12, t.cursor);
+    EXPECT_EQ(back.r, 1.0f) << bits;
+    EXPECT_EQ(back.a, 1.0f) << bits;
+    EXPECT_EQ(readHostPixel(21, 11, t.cursor).r, 0.0f) << bits;
+  }
+}
+
+TEST_F(HostPixels, WithoutTheRowModeTheRowStepIsLeftOut) {
+  TestTile t(8, 4, VRect{0, 0, 3, 2});
+  t.in8(1, 0)[0] = 255;
+  writeHostPixel(1, 2, PixelValue{1.0f, 0.0f, 0.0f, 1.0f}, t.cursor, nullptr, 0);
+  EXPECT_EQ(t.out8(1, 0)[0], 255);
+  EXPECT_EQ(t.out8(1, 2)[0], 0);
+  EXPECT_EQ(readHostPixel(1, 2, t.cursor, 0).r, 1.0f);
+}
+
+// ---- selection --------------------------------------------------------------------------------
+
+TEST_F(HostPixels, MaskBytesWeighJustShortOfWhole) {
+  TestTile t(8, 4, VRect{4, 8, 6, 12});
+  t.view().haveMask = true;
+  t.maskAt(0, 0) = 255;
+  t.maskAt(1, 0) = 254;
+  t.maskAt(2, 0) = 0;
+  t.maskAt(3, 1) = 128;
+  EXPECT_EQ(selectionCoverage(8, 4, t.cursor), 0.99999994f);
+  EXPECT_EQ(floatBits(selectionCoverage(8, 4, t.cursor)), 0x3F7FFFFFu);
+  EXPECT_EQ(selectionCoverage(9, 4, t.cursor), 0.99607837f);
+  EXPECT_EQ(selectionCoverage(10, 4, t.cursor), 0.0f);
+  EXPECT_EQ(selectionCoverage(11, 5, t.cursor), 128.0f * 0.0039215684f);
+  EXPECT_EQ(selectionCoverage(11, 4, t.cursor), 0.0f);  // the mask's own row step
+}
+
+TEST_F(HostPixels, NoMaskOrTheSelfMaskingHostMeansWhole) {
+  TestTile t(8, 4, VRect{0, 0, 2, 2});
+  HostTileView& v = t.view();
+  v.haveMask = false;
+  EXPECT_EQ(selectionCoverage(0, 0, t.cursor), 1.0f);
+  v.haveMask = true;
+  EXPECT_EQ(selectionCoverage(0, 0, t.cursor), 0.0f);
+  v.hostSig = 0x41666650;  // 'AffP'
+  EXPECT_EQ(selectionCoverage(0, 0, t.cursor), 1.0f);
+  v.hostSig = 0x3842494D;
+  v.maskData = nullptr;
+  EXPECT_EQ(selectionCoverage(0, 0, t.cursor), 1.0f);
+}
+
+TEST_F(HostPixels, OutsideTheUnitAMaskReadsZeroAndNoMaskReadsOne) {
+  TestTile t(8, 4, VRect{4, 8, 6, 12});
+  std::fill(t.mask.begin(), t.mask.end(), uint8_t(255));
+  const int32_t outside[][2] = {{7, 4}, {12, 4}, {8, 3}, {8, 6}, {-100000, 4}, {8, 1 << 30}};
+  t.view().haveMask = true;
+  for (const auto& p : outside) EXPECT_EQ(selectionCoverage(p[0], p[1], t.cursor), 0.0f) << p[0] << " " << p[1];
+  t.view().haveMask = false;
+  for (const auto& p : outside) EXPECT_EQ(selectionCoverage(p[0], p[1], t.cursor), 1.0f) << p[0] << " " << p[1];
+}
+
+// ---- bounds and null buffers -------------------------------------------------------------------------
+
+TEST_F(HostPixels, PixelsOutsideTheUnitAreDroppedAndReadAsZero) {
+  TestTile t(8, 4, VRect{4, 8, 6, 12});
+  std::fill(t.in.begin(), t.in.end(), uint8_t(200));
+  const int32_t outside[][2] = {{7, 4}, {12, 4}, {8, 3}, {8, 6}, {-2147483640, 4}, {8, 2147483647}};
+  for (const auto& p : outside) {
+    writeHostPixel(p[0], p[1], PixelValue{1.0f, 1.0f, 1.0f, 1.0f}, t.cursor, nullptr);
+    PixelValue v = readHostPixel(p[0], p[1], t.cursor);
+    EXPECT_EQ(v.r, 0.0f);
+    EXPECT_EQ(v.a, 0.0f);
+  }
+  for (uint8_t b : t.out) ASSERT_EQ(b, 0);
+  EXPECT_GT(readHostPixel(11, 5, t.cursor).r, 0.78f);
+}
+
+TEST_F(HostPixels, NarrowerOutRectKeepsTheColumnsAndRowsBeyondUnwritten) {
+  TestTile t(8, 4, VRect{0, 0, 4, 6});
+  HostTileView& v = t.view();
+  // The host gave back 4 columns and 3 rows of the 6 by 4 asked, at its own offset.
+  v.outRect[0] = 100;
+  v.outRect[1] = -50;
+  v.outRect[2] = 103;
+  v.outRect[3] = -46;
+  for (int32_t y = 0; y < 4; ++y)
+    for (int32_t x = 0; x < 6; ++x) writeHostPixel(x, y, PixelValue{1.0f, 1.0f, 1.0f, 1.0f}, t.cursor, nullptr);
+  for (int32_t y = 0; y < 4; ++y)
+    for (int32_t x = 0; x < 6; ++x) {
+      uint8_t expected = (x < 4 && y < 3) ? 255 : 0;
+      for (int32_t c = 0; c < 4; ++c) EXPECT_EQ(t.out8(x, y)[c], expected) << x << " " << y;
+    }
+}
+
+TEST_F(HostPixels, NullBuffersAreSkipped) {
+  TestTile t(16, 4, VRect{0, 0, 2, 2});
+  t.view().inData = nullptr;
+  t.view().outData = nullptr;
+  PixelValue v = readHostPixel(1, 1, t.cursor);
+  EXPECT_EQ(v.r, 0.0f);
+  EXPECT_EQ(v.g, 0.0f);
+  EXPECT_EQ(v.b, 0.0f);
+  EXPECT_EQ(v.a, 0.0f);
+  writeHostPixel(1, 1, PixelValue{1.0f, 1.0f, 1.0f, 1.0f}, t.cursor, nullptr);
+  for (uint8_t b : t.out) ASSERT_EQ(b, 0);
+}
+
+TEST_F(HostPixels, NoKnownDepthReadsZeroAndWritesNothing) {
+  TestTile t(8, 4, VRect{0, 0, 1, 1});
+  t.view().is8Bit = false;
+  t.in8(0, 0)[0] = 255;
+  t.in8(0, 0)[3] = 255;
+  PixelValue v = readHostPixel(0, 0, t.cursor);
+  EXPECT_EQ(v.r, 0.0f);
+  EXPECT_EQ(v.a, 0.0f);
+  writeHostPixel(0, 0, PixelValue{1.0f, 1.0f, 1.0f, 1.0f}, t.cursor, nullptr);
+  for (uint8_t b : t.out) ASSERT_EQ(b, 0);
+}
+
+// ---- stages that a whole-image run never takes ----------------------------------------------------
+
+TEST_F(HostPixels, PartialStageStoresNothing) {
+  params.runStage = 2;
+  TestTile t(8, 4, VRect{0, 0, 1, 1});
+  writeHostPixel(0, 0, PixelValue{1.0f, 1.0f, 1.0f, 1.0f}, t.cursor, nullptr);
+  for (uint8_t b : t.out) ASSERT_EQ(b, 0);
+}
+
+TEST_F(HostPixels, DisplayStageDrawsIntoThePlanarBufferClamped) {
+  params.runStage = 1;
+  TestTile t(8, 4, VRect{0, 0, 8, 8});
+  std::vector<uint8_t> planar(size_t(4 * 3 * 3), 0);  // 4 columns, 3 rows, 3 planes
+  PreviewBuffer preview = {planar.data(), 4, 3, 12, 3};
+  writeHostPixel(1, 2, PixelValue{1.0f, 0.5f, 0.2f, 0.0f}, t.cursor, &preview);
+  EXPECT_EQ(planar[2 * 4 + 1], 255);
+  EXPECT_EQ(planar[12 + 2 * 4 + 1], 127);
+  EXPECT_EQ(planar[24 + 2 * 4 + 1], 51);
+  writeHostPixel(-5, 7, PixelValue{0.1f, 0.1f, 0.1f, 1.0f}, t.cursor, &preview);  // to column 0, row 2
+  EXPECT_EQ(planar[2 * 4 + 0], 25);
+  writeHostPixel(9, -1, PixelValue{0.1f, 0.1f, 0.1f, 1.0f}, t.cursor, &preview);  // to column 3, row 0
+  EXPECT_EQ(planar[3], 25);
+  for (uint8_t b : t.out) ASSERT_EQ(b, 0);
+
+  // Fewer than three planes take green alone.
+  std::vector<uint8_t> single(size_t(4 * 3), 0);
+  PreviewBuffer gray = {single.data(), 4, 3, 12, 1};
+  writeHostPixel(0, 0, PixelValue{1.0f, 0.5f, 0.2f, 1.0f}, t.cursor, &gray);
+  EXPECT_EQ(single[0], 127);
+  writeHostPixel(0, 0, PixelValue{1.0f, 0.5f, 0.2f, 1.0f}, t.cursor, nullptr);  // no buffer: nothing
+}

@@ -1,0 +1,214 @@
+// The build-independent math functions against the platform's C library:
+// within one or two units in the last place over the ranges the engine uses,
+// exact at the special values, and the float-to-integer conversion's answers
+// for values C++ leaves undefined.
+#include <gtest/gtest.h>
+
+#include <float.h>
+#include <math.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "store/portable_math.h"
+
+namespace {
+
+// Distance in units in the last place between two doubles of the same sign
+// region; 0 for equal values (+0 and -0 included) and for two NaNs.
+int64_t ulpDistance(double a, double b) {
+  if (a == b) return 0;
+  if (isnan(a) && isnan(b)) return 0;
+  if (isnan(a) || isnan(b)) return INT64_MAX;
+  int64_t ia;
+  int64_t ib;
+  memcpy(&ia, &a, sizeof ia);
+  memcpy(&ib, &b, sizeof ib);
+  // Map the sign-magnitude order onto a plain integer order.
+  if (ia < 0) ia = INT64_MIN - ia;
+  if (ib < 0) ib = INT64_MIN - ib;
+  return ia > ib ? ia - ib : ib - ia;
+}
+
+// A fixed sequence of doubles in [0, 1).
+struct Uniform {
+  uint64_t state = 0x9e3779b97f4a7c15ull;
+  double next() {
+    state ^= state << 13;
+    state ^= state >> 7;
+    state ^= state << 17;
+    return double(state >> 11) * 0x1p-53;
+  }
+};
+
+constexpr double kTruncatedPi = 3.141592653;
+
+TEST(PortableSin, MatchesTheLibraryOnSinOfPiX) {
+  // The kernel table takes sin(pi x) and sin(pi x / 2) for x in (-2, 2).
+  Uniform r;
+  int64_t worst = 0;
+  for (int n = 0; n < 400000; ++n) {
+    const double x = r.next() * 4.0 - 2.0;
+    const double a = kTruncatedPi * x;
+    worst = std::max(worst, ulpDistance(portableSin(a), sin(a)));
+    worst = std::max(worst, ulpDistance(portableSin(a / 2), sin(a / 2)));
+  }
+  EXPECT_LE(worst, 1);
+}
+
+TEST(PortableSin, MatchesTheLibraryNearMultiplesOfHalfPi) {
+  // Where the reduction cancels most: the arguments closest to k pi / 2.
+  int64_t worst = 0;
+  for (int k = -40; k <= 40; ++k) {
+    double x = k * (M_PI / 2);
+    for (int step = 0; step < 50; ++step) {
+      worst = std::max(worst, ulpDistance(portableSin(x), sin(x)));
+      worst = std::max(worst, ulpDistance(portableCos(x), cos(x)));
+      x = nextafter(x, 1e9);
+    }
+  }
+  EXPECT_LE(worst, 2);
+}
+
+TEST(PortableSin, MatchesTheLibraryOnWideArguments) {
+  Uniform r;
+  int64_t worst = 0;
+  for (int n = 0; n < 200000; ++n) {
+    const double x = (r.next() * 2.0 - 1.0) * 1.0e6;
+    worst = std::max(worst, ulpDistance(portableSin(x), sin(x)));
+    worst = std::max(worst, ulpDistance(portableCos(x), cos(x)));
+  }
+  EXPECT_LE(worst, 2);
+}
+
+TEST(PortableCos, MatchesTheLibraryOnTheUnitCircle) {
+  Uniform r;
+  int64_t worst = 0;
+  for (int n = 0; n < 300000; ++n) {
+    const double x = (r.next() * 4.0 - 2.0) * M_PI;
+    worst = std::max(worst, ulpDistance(portableCos(x), cos(x)));
+  }
+  EXPECT_LE(worst, 1);
+}
+
+TEST(PortableSin, SpecialValues) {
+  EXPECT_EQ(portableSin(0.0), 0.0);
+  EXPECT_TRUE(signbit(portableSin(-0.0)));
+  EXPECT_EQ(portableSin(1e-300), 1e-300);
+  EXPECT_EQ(portableCos(0.0), 1.0);
+  EXPECT_EQ(portableSin(M_PI / 2), 1.0);
+  EXPECT_EQ(portableCos(M_PI), -1.0);
+  EXPECT_TRUE(isnan(portableSin(INFINITY)));
+  EXPECT_TRUE(isnan(portableCos(-INFINITY)));
+  EXPECT_TRUE(isnan(portableSin(NAN)));
+  // Beyond the careful range the result is still a sine: bounded.
+  for (double x : {3.0e6, 1.0e10, 1.0e20, 1.0e300, -7.5e15}) {
+    EXPECT_LE(fabs(portableSin(x)), 1.0) << x;
+    EXPECT_LE(fabs(portableCos(x)), 1.0) << x;
+  }
+}
+
+TEST(PortableLog2, MatchesTheLibraryUpToAMillion) {
+  Uniform r;
+  int64_t worst = 0;
+  for (int n = 0; n < 400000; ++n) {
+    // Spread over the exponents: from 2^-30 to 1e6.
+    const double x = exp2(r.next() * (log2(1.0e6) + 30.0) - 30.0);
+    worst = std::max(worst, ulpDistance(portableLog2(x), log2(x)));
+  }
+  // And the plain numbers, where footprint axes land.
+  for (int i = 1; i <= 100000; ++i) {
+    const double x = i * 0.01;
+    worst = std::max(worst, ulpDistance(portableLog2(x), log2(x)));
+  }
+  EXPECT_LE(worst, 1);
+}
+
+TEST(PortableLog2, NearOneAndAtPowersOfTwo) {
+  int64_t worst = 0;
+  double x = 1.0;
+  for (int step = 0; step < 2000; ++step) {
+    x = nextafter(x, 2.0);
+    worst = std::max(worst, ulpDistance(portableLog2(x), log2(x)));
+  }
+  x = 1.0;
+  for (int step = 0; step < 2000; ++step) {
+    x = nextafter(x, 0.0);
+    worst = std::max(worst, ulpDistance(portableLog2(x), log2(x)));
+  }
+  EXPECT_LE(worst, 1);
+  for (int e = -1074; e <= 1023; ++e) EXPECT_EQ(portableLog2(ldexp(1.0, e)), double(e)) << e;
+}
+
+TEST(PortableLog2, SpecialValues) {
+  EXPECT_EQ(portableLog2(1.0), 0.0);
+  EXPECT_EQ(portableLog2(0.0), -INFINITY);
+  EXPECT_EQ(portableLog2(-0.0), -INFINITY);
+  EXPECT_TRUE(isnan(portableLog2(-1.0)));
+  EXPECT_TRUE(isnan(portableLog2(NAN)));
+  EXPECT_EQ(portableLog2(INFINITY), INFINITY);
+  EXPECT_EQ(portableLog2(DBL_TRUE_MIN), -1074.0);
+  EXPECT_EQ(ulpDistance(portableLog2(0.5f), -1.0), 0);
+  // A float axis length as the footprint passes it: log2 of 0.85 * sqrt(2).
+  const double axis = double(float(0.85 * sqrt(2.0)));
+  EXPECT_LE(ulpDistance(portableLog2(axis), log2(axis)), 1);
+}
+
+TEST(PortableAtan2, MatchesTheLibraryInAllQuadrants) {
+  Uniform r;
+  int64_t worst = 0;
+  for (int n = 0; n < 400000; ++n) {
+    const double scale = exp2(r.next() * 40.0 - 20.0);
+    const double y = (r.next() * 2.0 - 1.0) * scale;
+    const double x = (r.next() * 2.0 - 1.0);
+    worst = std::max(worst, ulpDistance(portableAtan2(y, x), atan2(y, x)));
+    worst = std::max(worst, ulpDistance(portableAtan2(x, y), atan2(x, y)));
+  }
+  EXPECT_LE(worst, 1);
+}
+
+TEST(PortableAtan2, AxesZerosAndInfinities) {
+  const double zeros[] = {0.0, -0.0};
+  const double values[] = {0.0, -0.0, 1.0, -1.0, 1e-310, -1e-310, 1e300, -1e300, INFINITY, -INFINITY, 3.5, -2.25};
+  for (double y : values) {
+    for (double x : values) {
+      const double got = portableAtan2(y, x);
+      const double want = atan2(y, x);
+      EXPECT_LE(ulpDistance(got, want), 1) << "atan2(" << y << ", " << x << ")";
+      EXPECT_EQ(signbit(got), signbit(want)) << "atan2(" << y << ", " << x << ")";
+    }
+  }
+  for (double z : zeros) {
+    EXPECT_TRUE(isnan(portableAtan2(NAN, z)));
+    EXPECT_TRUE(isnan(portableAtan2(z, NAN)));
+  }
+  EXPECT_EQ(portableAtan2(1.0, 1.0), M_PI / 4);
+  EXPECT_EQ(portableAtan2(0.0, -1.0), M_PI);
+  EXPECT_EQ(portableAtan2(-1.0, 0.0), -M_PI / 2);
+}
+
+TEST(TruncToInt32, TruncatesTowardZeroAndGivesIntMinOutside) {
+  EXPECT_EQ(truncToInt32(2.9), 2);
+  EXPECT_EQ(truncToInt32(-2.9), -2);
+  EXPECT_EQ(truncToInt32(-0.5f), 0);
+  EXPECT_EQ(truncToInt32(2147483647.0), INT32_MAX);
+  EXPECT_EQ(truncToInt32(-2147483648.0), INT32_MIN);
+  EXPECT_EQ(truncToInt32(-2147483648.9), INT32_MIN);
+  EXPECT_EQ(truncToInt32(2147483648.0), INT32_MIN);
+  EXPECT_EQ(truncToInt32(1e20), INT32_MIN);
+  EXPECT_EQ(truncToInt32(-1e20f), INT32_MIN);
+  EXPECT_EQ(truncToInt32(2147483648.0f), INT32_MIN);
+  EXPECT_EQ(truncToInt32(2147483520.0f), 2147483520);
+  EXPECT_EQ(truncToInt32(double(NAN)), INT32_MIN);
+  EXPECT_EQ(truncToInt32(float(NAN)), INT32_MIN);
+  EXPECT_EQ(truncToInt32(float(INFINITY)), INT32_MIN);
+}
+
+TEST(FloatBits, RoundTrip) {
+  EXPECT_EQ(floatBits(1.0f), 0x3f800000u);
+  EXPECT_EQ(floatBits(-0.0f), 0x80000000u);
+  EXPECT_EQ(bitsToFloat(0x40490fdbu), 3.14159274f);
+}
+
+}  // namespace

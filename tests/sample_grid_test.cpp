@@ -1,0 +1,486 @@
+// The sample grid and the pixel sampling of a render unit: the grid's shape
+// and index arithmetic, the cells after the fill (keys, starts, landing
+// points), the identity map where the layer is solid, independence from the
+// partition into units, NaN points, the missing cell array, and the small
+// helpers (key hash, averages, the no-hit colour).
+#include <gtest/gtest.h>
+
+#include <math.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <vector>
+
+#include "grid/opaque_walk.h"
+#include "grid/pixel_sampling.h"
+#include "grid/sample_grid.h"
+#include "host/blocks.h"
+#include "host/plugin_main.h"
+#include "platform/platform.h"
+#include "run/job_pool.h"
+#include "store/footprint.h"
+#include "store/pixel_store.h"
+#include "store/resample.h"
+
+namespace {
+
+// A layer of kind 3 with its solid map and distance field, hung from blocks of
+// the test's own in hostContext, as a run has them during the render.
+struct RenderWorld {
+  InstanceBlock* instance;
+  ParamBlock* params;
+  int32_t width;
+  int32_t height;
+
+  RenderWorld(int32_t w, int32_t h) : width(w), height(h) {
+    instance = static_cast<InstanceBlock*>(calloc(1, sizeof(InstanceBlock)));
+    params = static_cast<ParamBlock*>(calloc(1, sizeof(ParamBlock)));
+    pixelStoreInit(&instance->sourceStore);
+    EXPECT_TRUE(pixelStoreBuild(&instance->sourceStore, w, h, kKindRgba8, 0, false));
+    params->opaqueStore = pixelStoreCreate(w, h, kKindGray8, 0, false);
+    params->distanceStore = pixelStoreCreate(w + 18, h + 18, kKindFloat, 0, true);
+    params->sampleRate = 1;
+    instance->runCols = w;
+    instance->runRows = h;
+    instance->wholeFilterRect = VRect{0, 0, h, w};
+    instance->workerCount = 1;
+    hostContext.instanceBlock = instance;
+    hostContext.paramBlock = params;
+  }
+  ~RenderWorld() {
+    pixelStoreDestroy(&params->opaqueStore);
+    pixelStoreDestroy(&params->distanceStore);
+    pixelStoreRelease(&instance->sourceStore);
+    hostContext.instanceBlock = nullptr;
+    hostContext.paramBlock = nullptr;
+    free(params);
+    free(instance);
+  }
+
+  PixelStore* source() { return &instance->sourceStore; }
+
+  // Colours at every level; alpha as given at level 0.
+  template <class F>
+  void paint(F colourAt) {
+    PixelStore* s = source();
+    for (int32_t level = 0; level <= s->topLevel; ++level)
+      for (int32_t y = 0; y < s->levelHeight[level]; ++y)
+        for (int32_t x = 0; x < s->levelWidth[level]; ++x) {
+          int32_t c[4];
+          colourAt(x, y, level, c);
+          writeU8x4(x, y, s, level, c);
+        }
+  }
+
+  void patterned(int32_t alpha) {
+    paint([alpha](int32_t x, int32_t y, int32_t level, int32_t c[4]) {
+      c[0] = (x * 37 + y * 11 + level * 50) & 255;
+      c[1] = (x * 5 + y * 71) & 255;
+      c[2] = (x * y * 3 + 17) & 255;
+      c[3] = alpha;
+    });
+  }
+
+  void allSolid() {
+    for (int32_t y = 0; y < height; ++y)
+      for (int32_t x = 0; x < width; ++x) writeU8(x, y, params->opaqueStore, 0, 255);
+    fillField([](float, float) { return -9000000.0f; });
+  }
+
+  // Solid inside the rectangle [x0, x1) x [y0, y1), bare elsewhere, with a
+  // distance field of that rectangle: 0 in the bare pixels next to it.
+  void solidRect(int32_t x0, int32_t y0, int32_t x1, int32_t y1) {
+    for (int32_t y = 0; y < height; ++y)
+      for (int32_t x = 0; x < width; ++x)
+        writeU8(x, y, params->opaqueStore, 0, (x >= x0 && x < x1 && y >= y0 && y < y1) ? 255 : 0);
+    fillField([=](float sx, float sy) {
+      float dx = fmaxf(fmaxf(float(x0) - sx, sx - float(x1 - 1)), 0.0f);
+      float dy = fmaxf(fmaxf(float(y0) - sy, sy - float(y1 - 1)), 0.0f);
+      if (dx > 0.0f || dy > 0.0f) return sqrtf(dx * dx + dy * dy) - 1.0f;
+      float in = fminf(fminf(sx - float(x0), float(x1 - 1) - sx), fminf(sy - float(y0), float(y1 - 1) - sy));
+      return -(in + 1.0f);
+    });
+  }
+
+  // f(source x, source y) at every cell of the field, margin included.
+  template <class F>
+  void fillField(F f) {
+    PixelStore* s = params->distanceStore;
+    for (int32_t fy = 0; fy < s->levelHeight[0]; ++fy)
+      for (int32_t fx = 0; fx < s->levelWidth[0]; ++fx)
+        writeFloat(fx, fy, s, 0, f(float(fx - kFieldMargin), float(fy - kFieldMargin)));
+  }
+};
+
+// One render unit of the given rectangle, with its grid and cell array.
+struct TestUnit {
+  JobUnit* unit;
+  SampleGrid* grid;
+  explicit TestUnit(VRect rect, bool allocate = true) {
+    unit = static_cast<JobUnit*>(calloc(1, sizeof(JobUnit)));
+    grid = static_cast<SampleGrid*>(calloc(1, sizeof(SampleGrid)));
+    unit->kind = kJobRender;
+    unit->cursor.unitRect = rect;
+    unit->grids = grid;
+    unit->gridCount = 1;
+    unit->instance = hostContext.instanceBlock;
+    unit->sourceStore = hostContext.instanceBlock != nullptr ? &hostContext.instanceBlock->sourceStore : nullptr;
+    if (allocate) {
+      EXPECT_TRUE(gridAllocate(unit, grid, 1));
+    }
+  }
+  ~TestUnit() {
+    gridRelease(grid, 1);
+    free(grid);
+    free(unit);
+  }
+  SampleCell* cell(int32_t x, int32_t y) { return cellAt(grid, x, y); }
+};
+
+void expectColour(const float* c, float r, float g, float b, float a) {
+  EXPECT_EQ(c[0], r);
+  EXPECT_EQ(c[1], g);
+  EXPECT_EQ(c[2], b);
+  EXPECT_EQ(c[3], a);
+}
+
+// ---- the grid's shape ------------------------------------------------------------------------------
+
+TEST(SampleGrid, OnePixelRectangleHasThreeByThreeCells) {
+  RenderWorld world(8, 8);
+  TestUnit t(VRect{4, 2, 5, 3});
+  EXPECT_EQ(gridsPerUnit(), 1);
+  EXPECT_EQ(t.unit->cursor.gridCols, 3);
+  EXPECT_EQ(t.unit->cursor.gridRows, 3);
+  EXPECT_EQ(t.grid->slotIndex, 0);
+  EXPECT_EQ(t.grid->slotTag, 1000);
+  EXPECT_EQ(t.grid->workUnit, t.unit);
+  ASSERT_NE(t.grid->cells, nullptr);
+  // Points from (left - 1, top - 1) to (right, bottom), row-major from the first.
+  for (int32_t y = 3; y <= 5; ++y)
+    for (int32_t x = 1; x <= 3; ++x) EXPECT_EQ(t.cell(x, y), t.grid->cells + (y - 3) * 3 + (x - 1));
+  // The array is zero-filled.
+  for (int32_t i = 0; i < 9; ++i) EXPECT_EQ(t.grid->cells[i].keyA, 0);
+}
+
+TEST(SampleGrid, CellAtIsNullOutsideTheArray) {
+  RenderWorld world(16, 16);
+  TestUnit t(VRect{4, 2, 9, 7});  // 5 wide, 5 high: 7 by 7 cells
+  EXPECT_EQ(t.unit->cursor.gridCols, 7);
+  EXPECT_EQ(t.unit->cursor.gridRows, 7);
+  EXPECT_NE(t.cell(1, 3), nullptr);
+  EXPECT_NE(t.cell(7, 9), nullptr);
+  EXPECT_EQ(t.cell(8, 5), nullptr);  // right + 1
+  EXPECT_EQ(t.cell(0, 5), nullptr);  // left - 2
+  EXPECT_EQ(t.cell(4, 10), nullptr);  // bottom + 1
+  EXPECT_EQ(t.cell(4, 2), nullptr);  // top - 2
+  EXPECT_EQ(t.cell(INT32_MIN, 5), nullptr);
+}
+
+TEST(SampleGrid, ReleaseFreesAndNullsTheCells) {
+  RenderWorld world(8, 8);
+  TestUnit t(VRect{0, 0, 2, 2});
+  ASSERT_NE(t.grid->cells, nullptr);
+  gridRelease(t.grid, 1);
+  EXPECT_EQ(t.grid->cells, nullptr);
+  EXPECT_EQ(t.cell(0, 0), nullptr);
+  gridRelease(t.grid, 1);  // harmless twice
+}
+
+// ---- the cells --------------------------------------------------------------------------------------
+
+TEST(FillCells, EveryCellHoldsTheSameKeys) {
+  RenderWorld world(12, 10);
+  world.solidRect(3, 2, 8, 7);
+  TestUnit t(VRect{0, 0, 10, 12});
+  renderUnit(t.unit);
+  const int32_t cells = t.unit->cursor.gridCols * t.unit->cursor.gridRows;
+  EXPECT_EQ(cells, 14 * 12);
+  for (int32_t i = 0; i < cells; ++i) {
+    const SampleCell& c = t.grid->cells[i];
+    EXPECT_EQ(c.keyA, -7) << i;
+    EXPECT_EQ(c.keyB, 2) << i;
+    EXPECT_EQ(c.keyC, 0) << i;
+    EXPECT_EQ(c.noHit, 0) << i;
+    EXPECT_EQ(c.spanA, 0) << i;
+    EXPECT_EQ(c.spanB, 0) << i;
+    EXPECT_EQ(c.rawU, c.startU) << i;
+    EXPECT_EQ(c.rawV, c.startV) << i;
+  }
+  EXPECT_EQ(keyHash(-7, 2, 0), 185);
+}
+
+TEST(FillCells, StartIsTheCornerAndLandingIsTheWalk) {
+  RenderWorld world(16, 6);
+  world.solidRect(5, 0, 16, 6);  // a straight edge before column 5
+  TestUnit t(VRect{0, 0, 6, 16});
+  // The grid as renderUnit prepares it, by hand.
+  t.grid->store = world.source();
+  t.grid->sampleRate = 1;
+  fillCells(t.unit, t.grid);
+
+  float u, v, s, tt;
+  // A solid corner: stays, walked.
+  SampleCell* solid = t.cell(9, 2);
+  pointToUnit(9.0f, 2.0f, 1, 0, 0, world.source(), &u, &v, &s, &tt);
+  EXPECT_EQ(solid->startU, u);
+  EXPECT_EQ(solid->startV, v);
+  EXPECT_EQ(solid->landU, u);
+  EXPECT_EQ(solid->landV, v);
+  EXPECT_EQ(solid->walked, 1);
+
+  // A bare corner lands where the walk takes it.
+  SampleCell* bare = t.cell(2, 3);
+  float lx, ly;
+  EXPECT_TRUE(nearestOpaque(2.0f, 3.0f, &lx, &ly));
+  EXPECT_GE(lx, 5.0f);
+  pointToUnit(lx, ly, 1, 0, 0, world.source(), &u, &v, &s, &tt);
+  EXPECT_EQ(bare->landU, u);
+  EXPECT_EQ(bare->landV, v);
+  EXPECT_EQ(bare->walked, 1);
+
+  // The corner beyond the right edge beside a solid pixel: taken as it stands.
+  SampleCell* outside = t.cell(16, 6);
+  pointToUnit(16.0f, 6.0f, 1, 0, 0, world.source(), &u, &v, &s, &tt);
+  EXPECT_EQ(outside->walked, 0);
+  EXPECT_EQ(outside->landU, u);
+  EXPECT_EQ(outside->landV, v);
+  EXPECT_EQ(u, 17.0f / 16.0f);
+
+  // The corner before the left edge beside a bare pixel walks.
+  SampleCell* before = t.cell(-1, 2);
+  EXPECT_EQ(before->walked, 1);
+  EXPECT_GT(before->landU, 5.0f / 16.0f);
+}
+
+TEST(FillCells, RateAndShiftComeFromTheParameterBlock) {
+  RenderWorld world(8, 8);
+  world.allSolid();
+  world.params->tileShiftH = 3;
+  world.params->tileShiftV = 1;
+  TestUnit t(VRect{2, 2, 4, 4});
+  renderUnit(t.unit);
+  EXPECT_EQ(t.grid->sampleRate, 1);
+  EXPECT_EQ(t.grid->offsetX, 3);
+  EXPECT_EQ(t.grid->offsetY, 1);
+  float u, v, s, tt;
+  pointToUnit(2.0f, 3.0f, 1, 3, 1, world.source(), &u, &v, &s, &tt);
+  EXPECT_EQ(t.cell(2, 3)->startU, u);
+  EXPECT_EQ(t.cell(2, 3)->startV, v);
+  EXPECT_EQ(u, 6.0f / 8.0f);
+}
+
+// ---- render units ------------------------------------------------------------------------------------
+
+TEST(RenderUnit, FlatSolidLayerCopiesItsColourExactly) {
+  RenderWorld world(20, 12);
+  world.paint([](int32_t, int32_t, int32_t, int32_t c[4]) {
+    c[0] = 200;
+    c[1] = 17;
+    c[2] = 255;
+    c[3] = 255;
+  });
+  world.allSolid();
+  TestUnit t(VRect{0, 0, 12, 20});
+  renderUnit(t.unit);
+  const float k = world.source()->valueToUnit;
+  for (int32_t y = 0; y < 12; ++y)
+    for (int32_t x = 0; x < 20; ++x) expectColour(t.cell(x, y)->colour, 200.0f * k, 17.0f * k, 255.0f * k, 1.0f);
+}
+
+TEST(RenderUnit, SolidLayerMapIsTheIdentity) {
+  // Every corner lands on itself, every pixel is read at its centre at level
+  // 0, and the source's alpha is replaced by 1.
+  RenderWorld world(24, 18);
+  world.patterned(90);
+  world.allSolid();
+  TestUnit t(VRect{5, 3, 18, 24});
+  renderUnit(t.unit);
+  for (int32_t y = 4; y <= 18; ++y)
+    for (int32_t x = 2; x <= 24; ++x) {
+      const SampleCell* c = t.cell(x, y);
+      EXPECT_EQ(c->landU, c->startU);
+      EXPECT_EQ(c->landV, c->startV);
+    }
+  for (int32_t y = 5; y < 18; ++y)
+    for (int32_t x = 3; x < 24; ++x) {
+      float u = averageU(averageU(t.cell(x - 1, y)->landU, t.cell(x - 1, y - 1)->landU, 0),
+                         averageU(t.cell(x, y - 1)->landU, t.cell(x, y)->landU, 0), 0);
+      float v = averageV(averageV(t.cell(x - 1, y)->landV, t.cell(x - 1, y - 1)->landV, 0),
+                         averageV(t.cell(x, y - 1)->landV, t.cell(x, y)->landV, 0), 0);
+      EXPECT_NEAR(u, (x + 0.5) / 24.0, 1e-6);
+      EXPECT_NEAR(v, (y + 0.5) / 18.0, 1e-6);
+      float expected[4];
+      filterUnitPixel(world.source(), 0, 0.0f, u, v, expected);
+      const float* got = t.cell(x, y)->colour;
+      EXPECT_EQ(got[0], expected[0]) << x << "," << y;
+      EXPECT_EQ(got[1], expected[1]) << x << "," << y;
+      EXPECT_EQ(got[2], expected[2]) << x << "," << y;
+      EXPECT_EQ(got[3], 1.0f);
+    }
+}
+
+TEST(RenderUnit, ColoursDoNotDependOnThePartition) {
+  RenderWorld world(21, 15);
+  world.patterned(255);
+  world.solidRect(6, 4, 14, 10);
+  TestUnit whole(VRect{0, 0, 15, 21});
+  renderUnit(whole.unit);
+  const VRect parts[] = {VRect{0, 0, 7, 9}, VRect{0, 9, 7, 21}, VRect{7, 0, 15, 9}, VRect{7, 9, 15, 21}};
+  int32_t differing = 0;
+  for (const VRect& r : parts) {
+    TestUnit part(r);
+    renderUnit(part.unit);
+    for (int32_t y = r.top; y < r.bottom; ++y)
+      for (int32_t x = r.left; x < r.right; ++x) {
+        const float* a = whole.cell(x, y)->colour;
+        const float* b = part.cell(x, y)->colour;
+        for (int c = 0; c < 4; ++c) EXPECT_EQ(floatBits(a[c]), floatBits(b[c])) << x << "," << y;
+        if (a[0] != whole.cell(10, 7)->colour[0]) ++differing;
+      }
+  }
+  EXPECT_GT(differing, 0);
+  // The bare pixels took colour from the solid rectangle and are opaque.
+  for (int32_t y = 0; y < 15; ++y)
+    for (int32_t x = 0; x < 21; ++x) EXPECT_EQ(whole.cell(x, y)->colour[3], 1.0f);
+}
+
+TEST(RenderUnit, BareLayerWithFlatFieldGivesBlackOpaque) {
+  // No solid pixel and no gradient: every walk ends at NaN, the footprint
+  // gives zero colour, and the window makes it opaque.
+  RenderWorld world(9, 7);
+  world.patterned(0);
+  world.fillField([](float, float) { return 9000000.0f; });
+  TestUnit t(VRect{0, 0, 7, 9});
+  renderUnit(t.unit);
+  EXPECT_TRUE(isnan(t.cell(4, 4)->landU));
+  for (int32_t y = 0; y < 7; ++y)
+    for (int32_t x = 0; x < 9; ++x) expectColour(t.cell(x, y)->colour, 0.0f, 0.0f, 0.0f, 1.0f);
+}
+
+TEST(RenderUnit, MissingCellArrayEndsTheUnitUntouched) {
+  RenderWorld world(8, 8);
+  world.allSolid();
+  TestUnit t(VRect{0, 0, 8, 8}, false);
+  t.grid->cells = nullptr;
+  renderUnit(t.unit);
+  EXPECT_EQ(t.grid->cells, nullptr);
+  EXPECT_EQ(t.cell(3, 3), nullptr);
+}
+
+TEST(RenderUnit, NoGridsArrayDoesNothing) {
+  RenderWorld world(8, 8);
+  world.instance->workerCount = 1;
+  TestUnit t(VRect{0, 0, 8, 8}, false);
+  t.unit->grids = nullptr;
+  renderUnit(t.unit);
+  EXPECT_EQ(world.instance->workerCount, 1);
+}
+
+TEST(RenderUnit, WritesTheWorkerCount) {
+  const int32_t processors = platformProcessorCount();
+  {
+    RenderWorld world(1, 1);
+    world.allSolid();
+    TestUnit t(VRect{0, 0, 1, 1});
+    renderUnit(t.unit);
+    EXPECT_EQ(world.instance->workerCount, processors < 2 ? processors : 2);
+  }
+  {
+    RenderWorld world(300, 2);
+    world.allSolid();
+    TestUnit t(VRect{0, 0, 1, 1});
+    renderUnit(t.unit);
+    EXPECT_EQ(world.instance->workerCount, processors < 301 ? processors : 301);
+  }
+}
+
+TEST(RenderUnit, GridIsPreparedFromTheBlocks) {
+  RenderWorld world(40, 10);
+  world.allSolid();
+  world.instance->scratch[0] = &world;  // any address: the grid only carries it
+  TestUnit t(VRect{2, 8, 6, 20});
+  t.grid->state.maxProbes = 3;
+  t.grid->state.fixedLod = true;
+  renderUnit(t.unit);
+  EXPECT_EQ(t.grid->store, world.source());
+  EXPECT_EQ(t.grid->scratchBlock, static_cast<void*>(&world));
+  EXPECT_EQ(t.grid->state.maxProbes, 20);
+  EXPECT_FALSE(t.grid->state.fixedLod);
+  EXPECT_EQ(t.grid->imageMetrics[0], 40.0f);
+  EXPECT_EQ(t.grid->imageMetrics[1], 10.0f);
+  EXPECT_EQ(t.grid->imageMetrics[2], 0.25f);
+  EXPECT_EQ(t.grid->imageMetrics[6], 1.0f / 40.0f);
+  // The outer corners (left - 1, top - 1) and (right, bottom) of the grid.
+  EXPECT_FLOAT_EQ(t.grid->bandMinU, 8.0f / 40.0f);
+  EXPECT_FLOAT_EQ(t.grid->bandMinV, 2.0f / 10.0f);
+  EXPECT_FLOAT_EQ(t.grid->bandMaxU, 21.0f / 40.0f);
+  EXPECT_FLOAT_EQ(t.grid->bandMaxV, 7.0f / 10.0f);
+}
+
+// ---- pixel sampling ------------------------------------------------------------------------------------
+
+TEST(PixelSampling, NoHitCellShowsMagenta) {
+  RenderWorld world(8, 8);
+  world.patterned(255);
+  world.allSolid();
+  TestUnit t(VRect{0, 0, 8, 8});
+  renderUnit(t.unit);
+  t.cell(3, 4)->keyA = -5;
+  samplePixels(t.unit);
+  expectColour(t.cell(3, 4)->colour, 1.0f, 0.0f, 1.0f, 1.0f);
+  EXPECT_TRUE(cellMissed(*t.cell(3, 4)));
+  EXPECT_FALSE(cellMissed(*t.cell(3, 3)));
+  // Its neighbours are read as usual.
+  EXPECT_NE(t.cell(4, 4)->colour[1], 0.0f);
+}
+
+TEST(PixelSampling, SampleRecordAfterOnePixel) {
+  RenderWorld world(8, 8);
+  world.patterned(255);
+  world.allSolid();
+  TestUnit t(VRect{0, 0, 8, 8});
+  renderUnit(t.unit);
+  PixelSample sample;
+  memset(&sample, 0x55, sizeof sample);
+  samplePixel(kDefaultSharpness, world.source(), 2, 5, t.grid, kSamplerMode, 1, sample, t.unit);
+  EXPECT_EQ(sample.cornerFlags, 0);
+  EXPECT_EQ(sample.sampleCount, 1);
+  EXPECT_EQ(sample.cornerPattern, 0);
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(sample.hash[i], 185);
+    EXPECT_EQ(sample.keyA[i], -7);
+  }
+  for (int c = 0; c < 4; ++c) EXPECT_EQ(sample.resultColour[c], t.cell(2, 5)->colour[c]);
+}
+
+TEST(PixelSampling, AveragesSkipMissingCornersAndUseDouble) {
+  EXPECT_EQ(averageV(-1.0f, 0.25f, 0), 0.25f);
+  EXPECT_EQ(averageV(0.25f, -1.0f, 0), 0.25f);
+  EXPECT_EQ(averageU(-1.0f, 0.75f, 0), 0.75f);
+  EXPECT_EQ(averageU(-1.0f, -1.0f, 0), -1.0f);
+  EXPECT_EQ(averageV(0.25f, 0.5f, 0), 0.375f);
+  const float a = 0.1f, b = 0.7f;
+  EXPECT_EQ(averageU(a, b, 0), float((double(a) + double(b)) * 0.5));
+  EXPECT_EQ(averageV(a, b, 0), float((double(a) + double(b)) * 0.5));
+}
+
+TEST(PixelSampling, CircleAveragesOfTheWrapModes) {
+  EXPECT_NEAR(averageV(0.9f, 0.1f, 1), 1.0f, 1e-6);
+  EXPECT_NEAR(averageV(0.2f, 0.4f, 1), 0.3f, 1e-6);
+  EXPECT_NEAR(averageU(0.9f, 0.2f, 1), 0.05f, 1e-6);
+  EXPECT_NEAR(averageU(0.9f, 0.2f, 0), 0.55f, 1e-6);
+  // averageV's wrap test is under mode 1 only; averageU's under any mode but 0.
+  EXPECT_NEAR(averageV(0.9f, 0.2f, 2), 0.55f, 1e-6);
+  EXPECT_NEAR(averageU(0.9f, 0.2f, 2), 0.05f, 1e-6);
+}
+
+TEST(PixelSampling, KeyHashOfOtherKeys) {
+  EXPECT_EQ(keyHash(0, 0, 0), 0);
+  EXPECT_EQ(keyHash(1, 0, 0), 311);
+  EXPECT_EQ(keyHash(0, 1, 1), 1181 + 2099);
+  EXPECT_EQ(keyHash(-5, 2, 0), -5 * 311 + 2 * 1181);
+}
+
+}  // namespace
