@@ -137,7 +137,7 @@ BENCHMARK(BM_BuildFillFields)->UseManualTime()->Unit(benchmark::kMillisecond)->I
 // The parts of the fields alone: the sweeps and the smoothing.
 void BM_FieldSweeps(benchmark::State& state) {
   PixelStore* layer = loadedLayer();
-  PixelStore* field = pixelStoreCreate(kSide + kFieldGrowth, kSide + kFieldGrowth, kKindFloat, 0, true);
+  PixelStore* field = pixelStoreCreate(kSide + kDistanceGrowth, kSide + kDistanceGrowth, kKindFloat, 0, true);
   for (auto _ : state) {
     seedDistanceStore(layer, field, 0);
     const auto start = std::chrono::steady_clock::now();
@@ -152,7 +152,7 @@ BENCHMARK(BM_FieldSweeps)->UseManualTime()->Unit(benchmark::kMillisecond)->Itera
 
 void BM_FieldSmoothing(benchmark::State& state) {
   benchHost();
-  PixelStore* field = pixelStoreCreate(kSide + kFieldGrowth, kSide + kFieldGrowth, kKindFloat, 0, true);
+  PixelStore* field = pixelStoreCreate(kSide + kDistanceGrowth, kSide + kDistanceGrowth, kKindFloat, 0, true);
   for (auto _ : state) {
     const auto start = std::chrono::steady_clock::now();
     smoothStore(field, 0, levelRect(field, 0), kFieldSmoothRadius);

@@ -125,7 +125,8 @@ void BM_UnitPixel(benchmark::State& state) {
   for (int n = 0; n < kPositions; ++n) {
     // About one pixel apart along a row of a patch, as neighbouring output pixels land.
     const float jitter = float(nextRandom(&seed) % 1024) / 1024.0f;
-    points.push_back({(700.0f + float(n % 64) + jitter) / float(kWidth), (300.0f + float(n / 64) + jitter) / float(kHeight)});
+    points.push_back(
+        {(700.0f + float(n % 64) + jitter) / float(kWidth), (300.0f + float(n / 64) + jitter) / float(kHeight)});
   }
   size_t i = 0;
   for (auto _ : state) {

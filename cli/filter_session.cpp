@@ -52,7 +52,10 @@ void PI_CALL interposedEntry(int16_t selector, void* record, intptr_t* data, int
 }  // namespace
 
 bool openFilter(FilterSession& session, const std::string& path, std::string& problem) {
-  if (!standin::loadModule(session.module, path)) {
+  // A bare name would send the loader through the library search path; the
+  // user means the file here.
+  std::string where = path.find('/') == std::string::npos ? "./" + path : path;
+  if (!standin::loadModule(session.module, where)) {
     problem = session.module.error;
     return false;
   }

@@ -113,11 +113,19 @@ bool identityOrder(const std::vector<int>& order) {
 }
 
 // Formats whose files hold colour multiplied by alpha. The others are read
-// with the library's "keep it straight" hint; a TIFF says which it holds.
+// with the library's "keep it straight" hint. A TIFF says which it holds: an
+// alpha marked associated is multiplied, one marked unassociated is not, and
+// an extra channel marked neither is taken as straight.
 bool holdsPremultiplied(const std::string& format, const ImageSpec& spec) {
   if (format == "openexr") return true;
-  if (format == "tiff") return spec.get_int_attribute("oiio:UnassociatedAlpha", 0) == 0;
+  if (format == "tiff")
+    return spec.alpha_channel >= 0 && spec.get_int_attribute("oiio:UnassociatedAlpha", 0) == 0;
   return false;
+}
+
+// Formats whose files hold float samples.
+bool holdsFloats(const std::string& format) {
+  return format == "openexr" || format == "tiff" || format == "hdr" || format == "fits";
 }
 
 uint8_t floatTo8(float v) {
@@ -382,6 +390,11 @@ IoResult writeLayer(const std::string& path, const standin::Document& document, 
 
   TypeDesc type = depth == 8 ? TypeDesc::UINT8 : depth == 16 ? TypeDesc::UINT16 : TypeDesc::FLOAT;
   if (depth == 32 && source.spec.format.basetype == TypeDesc::HALF) type = TypeDesc::HALF;
+  // Float samples into a format of integers only: 16 bits where it has them
+  // (the writers would otherwise fall back to 8).
+  if (depth == 32 && !holdsFloats(format)) type = TypeDesc::UINT16;
+  // EXR has no 16-bit integers, and half would lose the low bits of 16-bit samples.
+  if (depth == 16 && format == "openexr") type = TypeDesc::FLOAT;
   ImageSpec spec(document.width, document.height, channels, type);
   if (source.spec.width == document.width && source.spec.height == document.height) {
     spec.x = source.spec.x;

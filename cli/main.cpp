@@ -327,6 +327,7 @@ int runTool(int argc, char** argv) {
   }
 
   int failures = 0;
+  bool stopReported = false;
   std::set<std::string> outputsTaken;
   size_t count = options.inputs.size();
   for (size_t i = 0; i < count && !interrupted(); ++i) {
@@ -337,8 +338,9 @@ int runTool(int argc, char** argv) {
       ++failures;
       continue;
     }
-    std::string label = input;
-    if (count > 1) label = "[" + std::to_string(i + 1) + "/" + std::to_string(count) + "] " + input;
+    // The progress line names the file by its last part; messages give the whole path.
+    std::string label = baseName(input);
+    if (count > 1) label = "[" + std::to_string(i + 1) + "/" + std::to_string(count) + "] " + label;
     FileResult result;
     try {
       result = processFile(session, options, input, output, label);
@@ -346,12 +348,16 @@ int runTool(int argc, char** argv) {
       report(input, "not enough memory");
       result = FileResult::failed;
     }
-    if (result == FileResult::interrupted) break;
+    if (result == FileResult::interrupted) {
+      report(input, "stopped; " + output + " was not written");
+      stopReported = true;
+      break;
+    }
     if (result == FileResult::failed) ++failures;
   }
   progressClear();
   if (interrupted()) {
-    fprintf(stderr, "mendaris: stopped; no partial output was left\n");
+    if (!stopReported) fprintf(stderr, "mendaris: stopped\n");
     return interruptStatus();
   }
   return failures == 0 ? 0 : 1;

@@ -26,11 +26,11 @@ constexpr double kCoveredAlpha = 0.0158730159;
 // A distance that nothing has reached yet.
 constexpr float kFarDistance = 9000000.0f;
 
-// Image pixel (x, y) lies at (x + kFieldMargin, y + kFieldMargin) of the
-// distance field. The field is made kFieldGrowth larger than the image and
+// Image pixel (x, y) lies at (x + kDistanceMargin, y + kDistanceMargin) of the
+// distance field. The field is made kDistanceGrowth larger than the image and
 // bordered, which adds 2 more: so the margin is 9 before and 11 after.
-constexpr int32_t kFieldMargin = 9;
-constexpr int32_t kFieldGrowth = 18;
+constexpr int32_t kDistanceMargin = 9;
+constexpr int32_t kDistanceGrowth = 18;
 
 // Reach of the box blur that smooths the field.
 constexpr float kFieldSmoothRadius = 6.0f;

@@ -97,7 +97,7 @@ void compositeOver(const PixelValue* src, PixelValue* dst) {
   dst->a = (1.0f - dst->a) * src->a + dst->a;
 }
 
-void finishPixel(int32_t x, int32_t y, PixelValue* sample, const TileCursor& tile, PreviewBuffer* preview,
+void finishPixel(int32_t x, int32_t y, PixelValue* sample, const TileCursor& tile, PreviewBuffer* previewBuffer,
                  int32_t rowMode) {
   const HostTileView& view = tile.view;
   int32_t blendMode = finishBlendMode();
@@ -174,5 +174,5 @@ void finishPixel(int32_t x, int32_t y, PixelValue* sample, const TileCursor& til
     out.a = (out.a - dst.a) * coverage + dst.a;
   }
 
-  writeHostPixel(x, y, out, tile, preview, rowMode);
+  writeHostPixel(x, y, out, tile, previewBuffer, rowMode);
 }

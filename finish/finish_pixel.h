@@ -39,8 +39,8 @@ constexpr double kSpillHalf = 0.5;
 // Carries `sample`, the colour computed for pixel (x, y) of the unit, into
 // the host's output tile; `sample` may be changed on the way. `tile` is the
 // unit's cursor, whose view was filled for the tile at hand and whose unitRect
-// is the frame of x and y. `preview` is read only by a display stage.
-void finishPixel(int32_t x, int32_t y, PixelValue* sample, const TileCursor& tile, PreviewBuffer* preview,
+// is the frame of x and y. `previewBuffer` is read only by a display stage.
+void finishPixel(int32_t x, int32_t y, PixelValue* sample, const TileCursor& tile, PreviewBuffer* previewBuffer,
                  int32_t rowMode = kRowModeRows);
 
 // Colour above 1.0 in one or two of red, green, blue moves into the others, so

@@ -41,7 +41,7 @@ void writePreviewPixel(int32_t x, int32_t y, const PixelValue& value, PreviewBuf
 
 int32_t finishBlendMode() {
   const ParamBlock* params = hostContext.paramBlock;
-  return params != nullptr ? params->blendMode : kBlendCopy;
+  return params != nullptr ? params->blendMode : kFilterBlendMode;
 }
 
 int32_t finishRunStage() {
@@ -56,6 +56,8 @@ float selectionCoverage(int32_t x, int32_t y, const TileCursor& tile, int32_t ro
   int32_t dx = x - tile.unitRect.left;
   int32_t dy = y - tile.unitRect.top;
   if (!insideUnit(dx, dy, tile.unitRect)) return 0.0f;
+  // A host that hands back a smaller mask rectangle delivers no byte beyond it.
+  if (dx >= view.maskRect[3] - view.maskRect[1] || dy >= view.maskRect[2] - view.maskRect[0]) return 0.0f;
   // The mask is one byte a pixel at every depth.
   const uint8_t* mask = static_cast<const uint8_t*>(view.maskData);
   uint8_t weight = mask[rowOffset(dy, view.maskRowBytes, rowMode) + dx];
@@ -69,6 +71,8 @@ PixelValue readHostPixel(int32_t x, int32_t y, const TileCursor& tile, int32_t r
   int32_t dx = x - tile.unitRect.left;
   int32_t dy = y - tile.unitRect.top;
   if (!insideUnit(dx, dy, tile.unitRect)) return value;
+  // Nor is anything read past the input rectangle the host handed back.
+  if (dx >= view.inRect[3] - view.inRect[1] || dy >= view.inRect[2] - view.inRect[0]) return value;
   ptrdiff_t stride = ptrdiff_t(view.inHiPlane) - view.inLoPlane + 1;
   bool colour = view.planes >= 3;
   float scale = view.invColourScale;
@@ -88,7 +92,8 @@ PixelValue readHostPixel(int32_t x, int32_t y, const TileCursor& tile, int32_t r
     value.b = colour ? float(p[2]) * scale : value.r;
     value.a = view.hasTransparency ? float(p[alphaPlane]) * alphaScale : 1.0f;
   } else if (view.is32Bit) {
-    const float* p = static_cast<const float*>(view.inData) + rowOffset(dy, view.inRowBytes >> 2, rowMode) + dx * stride;
+    const float* p =
+        static_cast<const float*>(view.inData) + rowOffset(dy, view.inRowBytes >> 2, rowMode) + dx * stride;
     value.r = p[0] * scale;
     value.g = colour ? p[1] * scale : value.r;
     value.b = colour ? p[2] * scale : value.r;
@@ -97,12 +102,12 @@ PixelValue readHostPixel(int32_t x, int32_t y, const TileCursor& tile, int32_t r
   return value;
 }
 
-void writeHostPixel(int32_t x, int32_t y, const PixelValue& value, const TileCursor& tile, PreviewBuffer* preview,
+void writeHostPixel(int32_t x, int32_t y, const PixelValue& value, const TileCursor& tile, PreviewBuffer* previewBuffer,
                     int32_t rowMode) {
   int32_t stage = finishRunStage();
   if (stage >= 2) return;
   if (stage == 1) {
-    writePreviewPixel(x, y, value, preview);
+    writePreviewPixel(x, y, value, previewBuffer);
     return;
   }
   const HostTileView& view = tile.view;

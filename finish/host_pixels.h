@@ -57,7 +57,7 @@ PixelValue readHostPixel(int32_t x, int32_t y, const TileCursor& tile, int32_t r
 
 // Stores `value` into the output tile at (x, y). Dropped silently when there is
 // no output buffer or the pixel lies outside the unit or outside the host's
-// outRect (by width and height). At a display stage it draws into `preview`
+// outRect (by width and height). At a display stage it draws into `previewBuffer`
 // instead, and later stages store nothing.
 void writeHostPixel(int32_t x, int32_t y, const PixelValue& value, const TileCursor& tile,
-                    PreviewBuffer* preview, int32_t rowMode = kRowModeRows);
+                    PreviewBuffer* previewBuffer, int32_t rowMode = kRowModeRows);

@@ -40,4 +40,8 @@ struct HostTileView {
   float invAlphaScale;
   float invColourScale;
   int32_t levelStep;
+  // What the host delivered: a host that cannot pad hands back rectangles
+  // smaller than asked, and no read goes past them.
+  int32_t inRect[4];    // top, left, bottom, right
+  int32_t maskRect[4];  // top, left, bottom, right
 };

@@ -100,8 +100,14 @@ void renderUnit(JobUnit* unit) {
   if (processors < workers) workers = processors;
   if (instance->workerCount != workers) instance->workerCount = workers;
 
-  int32_t count = gridsPerUnit();
   PixelStore* store = unit->sourceStore != nullptr ? unit->sourceStore : &instance->sourceStore;
+  // A run whose stores could not be made has nothing to walk or read: the
+  // unit ends without touching its cells.
+  if (params == nullptr || params->opaqueStore == nullptr || params->distanceStore == nullptr ||
+      store->tiles == nullptr) {
+    return;
+  }
+  int32_t count = gridsPerUnit();
   VRect whole = instance->wholeFilterRect;
   float width = float(whole.right - whole.left);
   float height = float(whole.bottom - whole.top);

@@ -50,7 +50,7 @@ void applyPrepareDefaults() {
   p->rerunRequested = false;
   for (int i = 0; i < 3; ++i) instance->runFlagWords[i] = 0;
   p->guardB = -999;
-  p->blendMode = kBlendCopy;
+  p->blendMode = kFilterBlendMode;
   instance->viewFlagA = 0;
 }
 

@@ -16,7 +16,8 @@
 typedef int32_t RunStage;
 constexpr RunStage kRunStageWhole = 0;
 
-constexpr int32_t kBlendCopy = 1;
+// The filter's blend mode: a plain copy of the computed colour.
+constexpr int32_t kFilterBlendMode = 1;
 constexpr int kScratchBlocks = 4;
 constexpr int kScratchSizeEntries = 8;
 constexpr int32_t kCellBytes = 72;

@@ -204,6 +204,16 @@ void takeHostTileView(TileCursor* cursor) {
   v.invAlphaScale = float(1.0 / double(v.alphaScaleInt));
   v.invColourScale = float(1.0 / double(v.colourScale));
   v.levelStep = v.is8Bit ? 1 : 128;
+  VRect in = getInRect();
+  v.inRect[0] = in.top;
+  v.inRect[1] = in.left;
+  v.inRect[2] = in.bottom;
+  v.inRect[3] = in.right;
+  VRect mask = getMaskRect();
+  v.maskRect[0] = mask.top;
+  v.maskRect[1] = mask.left;
+  v.maskRect[2] = mask.bottom;
+  v.maskRect[3] = mask.right;
 }
 
 // ---- format tests ----------------------------------------------------------------------------------

@@ -172,6 +172,10 @@ void doStart() {
   if (instance != nullptr) {
     instance->parametersPending = false;
     runFilter();
+    // A host calls no Finish after a Start that failed or was cancelled: the
+    // run's memory goes now rather than never. Finish would release it again,
+    // which is harmless.
+    if (getResult() != 0) releaseScratch(instance);
   }
 }
 

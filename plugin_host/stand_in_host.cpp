@@ -439,6 +439,14 @@ OSErr Host::advanceState() {
   bool fail = options_.failAdvanceAt != 0 && advanceCalls_ == options_.failAdvanceAt;
   OSErr answer = fail ? options_.advanceError : OSErr(noErr);
   if (fail) {
+    // The tile already written is kept; the host hands out no buffers after
+    // refusing, so a filter that writes on anyway finds null pointers.
+    commitOutput();
+    FilterRecord& r = *record_;
+    r.inData = r.outData = r.maskData = nullptr;
+    in_.bytes.clear();
+    out_.bytes.clear();
+    mask_.bytes.clear();
     logCall("advanceState", answer);
     return answer;
   }

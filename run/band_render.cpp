@@ -3,10 +3,22 @@
 #include "finish/finish_pixel.h"
 #include "finish/host_pixels.h"
 #include "grid/sample_grid.h"
+#include "host/blocks.h"
 #include "host/host_record.h"
+#include "host/plugin_main.h"
+#include "platform/platform.h"
 #include "run/job_pool.h"
 
 void renderImage(uint32_t tag) {
+  // The number of workers the render keeps busy, which every unit would
+  // compute alike: taken here, on the host's thread, so that the units only
+  // find it in place.
+  InstanceBlock* instance = hostContext.instanceBlock;
+  if (instance != nullptr) {
+    int32_t workers = instance->runCols + 1;
+    int32_t processors = platformProcessorCount();
+    instance->workerCount = processors < workers ? processors : workers;
+  }
   JobRequest request = makeJobRequest(tag);
   runJob(kJobRender, kTilingSquares, request);
 }

@@ -324,7 +324,7 @@ inline float readUnitScalar(int32_t x, int32_t y, const PixelStore* store, int32
 inline void readUnitPixel(int32_t x, int32_t y, const PixelStore* store, int32_t level, float out[4]) {
   int32_t kind = store->kind;
   if (kind == kKindRgba8 || kind == kKindRgba16) {
-    int32_t c[4];
+    int32_t c[4] = {0, 0, 0, 0};
     readChannels(x, y, store, level, c);
     float scale = store->valueToUnit;
     out[0] = float(c[0]) * scale;
@@ -353,16 +353,30 @@ inline float readBilinear(float fx, float fy, const PixelStore* store, int32_t l
   int32_t iy = fy >= 0.0f ? truncToInt32(fy) : truncToInt32(fy - 1.0f);
   float tx = fx - float(ix);
   float ty = fy - float(iy);
-  int32_t maxX = store->levelMaxX[level];
-  int32_t maxY = store->levelMaxY[level];
-  int32_t x0 = clampToLevel(ix, maxX);
-  int32_t x1 = clampToLevel(int32_t(uint32_t(ix) + 1u), maxX);
-  int32_t y0 = clampToLevel(iy, maxY);
-  int32_t y1 = clampToLevel(int32_t(uint32_t(iy) + 1u), maxY);
-  float a = readFloatUnclamped(x0, y0, store, level);
-  float b = readFloatUnclamped(x1, y0, store, level);
-  float c = readFloatUnclamped(x0, y1, store, level);
-  float d = readFloatUnclamped(x1, y1, store, level);
+  const int32_t maxX = store->levelMaxX[level];
+  const int32_t maxY = store->levelMaxY[level];
+  float a;
+  float b;
+  float c;
+  float d;
+  if (uint32_t(ix) < uint32_t(maxX) && uint32_t(iy) < uint32_t(maxY) && (ix & kTileMask) != kTileMask &&
+      (iy & kTileMask) != kTileMask) {
+    // All four neighbours inside the level and inside one tile: one address.
+    const uint32_t* p = storePixel<const uint32_t>(store, level, ix, iy);
+    a = loadFloat(p);
+    b = loadFloat(p + 1);
+    c = loadFloat(p + kTileWidth);
+    d = loadFloat(p + kTileWidth + 1);
+  } else {
+    const int32_t x0 = clampToLevel(ix, maxX);
+    const int32_t x1 = clampToLevel(int32_t(uint32_t(ix) + 1u), maxX);
+    const int32_t y0 = clampToLevel(iy, maxY);
+    const int32_t y1 = clampToLevel(int32_t(uint32_t(iy) + 1u), maxY);
+    a = readFloatUnclamped(x0, y0, store, level);
+    b = readFloatUnclamped(x1, y0, store, level);
+    c = readFloatUnclamped(x0, y1, store, level);
+    d = readFloatUnclamped(x1, y1, store, level);
+  }
   float top = a + (b - a) * tx;
   float bottom = c + (d - c) * tx;
   return top + (bottom - top) * ty;

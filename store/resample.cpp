@@ -90,7 +90,9 @@ inline void gatherBlock(const PixelStore* store, int32_t level, int32_t i, int32
     const StoreTile* tileRow = levelTiles + (rows[r] >> kTileShift) * across;
     const int32_t rowOffset = (rows[r] & kTileMask) * kTileWidth * kBytes;
     uint8_t* dst = block + r * 5 * kBytes;
-    for (int c = 0; c < 5; ++c) memcpy(dst + c * kBytes, tileRow[colTile[c]].pixels + rowOffset + colOffset[c], kBytes);
+    for (int c = 0; c < 5; ++c) {
+      memcpy(dst + c * kBytes, tileRow[colTile[c]].pixels + rowOffset + colOffset[c], kBytes);
+    }
   }
 }
 

@@ -749,6 +749,56 @@ TEST_F(ToolTest, FormatWithoutAlphaGetsTheColourAlone) {
   EXPECT_EQ(out.width, 32);
 }
 
+TEST_F(ToolTest, LayoutsTheFilterDoesNotTake) {
+  REQUIRE_TOOL();
+  struct Case {
+    const char* name;
+    int channels;
+    TypeDesc type;
+    const char* says;
+  } cases[] = {
+      {"five.tif", 5, TypeDesc::UINT8, "has 5 channels"},
+      {"wide_integers.tif", 4, TypeDesc::UINT32, "holds samples of type uint"},
+  };
+  for (const Case& c : cases) {
+    auto out = OIIO::ImageOutput::create(path(c.name));
+    ImageSpec spec(8, 8, c.channels, c.type);
+    std::vector<float> samples(size_t(8 * 8 * c.channels), 0.5f);
+    ASSERT_TRUE(out->open(path(c.name), spec));
+    ASSERT_TRUE(out->write_image(TypeDesc::FLOAT, samples.data()));
+    ASSERT_TRUE(out->close());
+    ToolRun r = tool({path(c.name), path("out.png")});
+    EXPECT_EQ(r.status, 1) << c.name;
+    EXPECT_EQ(r.err.rfind("mendaris: " + path(c.name) + ": " + c.says, 0), 0u) << r.err;
+    EXPECT_EQ(lineCount(r.err), 1);
+    EXPECT_FALSE(fs::exists(path("out.png")));
+  }
+}
+
+TEST_F(ToolTest, DepthsAFormatCannotHoldGoToTheNearestItCan) {
+  REQUIRE_TOOL();
+  writeFile(path("float.exr"), islandFile(24, 16, 3, TypeDesc::FLOAT, true, 7));
+  writeFile(path("sixteen.png"), islandFile(24, 16, 3, TypeDesc::UINT16, false, 8));
+  struct Case {
+    const char* in;
+    const char* out;
+    TypeDesc type;
+  } cases[] = {
+      {"float.exr", "float.png", TypeDesc::UINT16},  // not the writer's own fall-back to 8 bits
+      {"float.exr", "float.tga", TypeDesc::UINT8},
+      {"sixteen.png", "sixteen.exr", TypeDesc::FLOAT},  // half would lose bits
+      {"sixteen.png", "sixteen.tga", TypeDesc::UINT8},
+  };
+  for (const Case& c : cases) {
+    ToolRun r = tool({path(c.in), path(c.out)});
+    ASSERT_EQ(r.status, 0) << r.err;
+    FileImage out;
+    ASSERT_TRUE(readFile(path(c.out), out));
+    EXPECT_EQ(out.type, c.type) << c.out << ": " << out.type.c_str();
+    EXPECT_EQ(out.channels, 4) << c.out;
+  }
+}
+
 TEST_F(ToolTest, BatchGoesOnPastBadFiles) {
   REQUIRE_TOOL();
   writeFile(path("a.png"), islandFile(60, 40, 3, TypeDesc::UINT8, false, 21));

@@ -71,8 +71,8 @@ struct CoverageFixture : ::testing::Test {
 
   // The field as the sweeps leave it, before smoothing.
   PixelStore* unsmoothedField() {
-    PixelStore* field = pixelStoreCreate(source->levelWidth[0] + kFieldGrowth,
-                                         source->levelHeight[0] + kFieldGrowth, kKindFloat, 0, true);
+    PixelStore* field = pixelStoreCreate(source->levelWidth[0] + kDistanceGrowth,
+                                         source->levelHeight[0] + kDistanceGrowth, kKindFloat, 0, true);
     seedDistanceStore(source, field, 0);
     sweepDistance(field);
     invertDistanceStore(field);
@@ -109,7 +109,7 @@ TEST_F(CoverageFixture, OpaqueMapTakesSolidFrom32383In16Bits) {
   for (int32_t x = 0; x < 4; ++x) EXPECT_EQ(readU8(x, 0, opaque, 0), expected[x]) << "alpha " << alphas[x];
   pixelStoreDestroy(&opaque);
   // The seed draws the same line: the alpha below it, far from it on.
-  PixelStore* field = pixelStoreCreate(4 + kFieldGrowth, 1 + kFieldGrowth, kKindFloat, 0, true);
+  PixelStore* field = pixelStoreCreate(4 + kDistanceGrowth, 1 + kDistanceGrowth, kKindFloat, 0, true);
   seedDistanceStore(source, field, 0);
   EXPECT_EQ(cell(field, 9, 9), 521.0f * float(1.0 / 32768.0));
   EXPECT_EQ(cell(field, 10, 9), 32382.0f * float(1.0 / 32768.0));
@@ -143,7 +143,7 @@ TEST_F(CoverageFixture, SeedHoldsAlphaBelowSolidAndFarAboveIt) {
   put(1, 0, 0.5f);
   put(2, 0, 0.98f);
   put(3, 0, 1.0f);
-  PixelStore* field = pixelStoreCreate(4 + kFieldGrowth, 1 + kFieldGrowth, kKindFloat, 0, true);
+  PixelStore* field = pixelStoreCreate(4 + kDistanceGrowth, 1 + kDistanceGrowth, kKindFloat, 0, true);
   ASSERT_NE(field, nullptr);
   seedDistanceStore(source, field, 0);
   EXPECT_EQ(cell(field, 9, 9), 0.0f);
@@ -158,7 +158,7 @@ TEST_F(CoverageFixture, SeedRunsTheImageEdgesThroughTheMargin) {
   makeSource(3, 2, kKindRgbaFloat, 1.0f);
   put(0, 0, 0.25f);  // top-left corner, soft
   put(2, 1, 0.75f);  // bottom-right corner, soft
-  PixelStore* field = pixelStoreCreate(3 + kFieldGrowth, 2 + kFieldGrowth, kKindFloat, 0, true);
+  PixelStore* field = pixelStoreCreate(3 + kDistanceGrowth, 2 + kDistanceGrowth, kKindFloat, 0, true);
   ASSERT_NE(field, nullptr);
   ASSERT_EQ(field->levelWidth[0], 23);
   ASSERT_EQ(field->levelHeight[0], 22);
@@ -318,7 +318,7 @@ TEST_F(CoverageFixture, StraightEdgeCountsWholePixelsBothWays) {
 TEST_F(CoverageFixture, FirstSweepFreezesALoneSolidPixelBelowOne) {
   makeSource(9, 9, kKindRgba8, 0.0f);
   put(4, 4, 255.0f);
-  PixelStore* field = pixelStoreCreate(9 + kFieldGrowth, 9 + kFieldGrowth, kKindFloat, 0, true);
+  PixelStore* field = pixelStoreCreate(9 + kDistanceGrowth, 9 + kDistanceGrowth, kKindFloat, 0, true);
   seedDistanceStore(source, field, 0);
   sweepDistance(field);
   const float depth = float(sqrt(2.0) * 0.5);  // (0 + 0 + sqrt(2)) / 2
@@ -343,7 +343,7 @@ TEST_F(CoverageFixture, SoftPixelStaysNegativeAndItsNeighboursStartAtHalf) {
   // round changes nothing; after inversion the soft pixel is -0.5 and final.
   makeSource(15, 15, kKindRgbaFloat, 0.0f);
   put(7, 7, 0.5f);
-  PixelStore* field = pixelStoreCreate(15 + kFieldGrowth, 15 + kFieldGrowth, kKindFloat, 0, true);
+  PixelStore* field = pixelStoreCreate(15 + kDistanceGrowth, 15 + kDistanceGrowth, kKindFloat, 0, true);
   seedDistanceStore(source, field, 0);
   sweepDistance(field);
   EXPECT_EQ(cell(field, 16, 16), 0.5f);
@@ -440,9 +440,12 @@ TEST_F(CoverageFixture, SmoothingSpreadsASpikeIntoABellHalfACellBack) {
       const float v = readFloat(x, y, field, 0);
       const double expected = profile[x] * profile[y];
       ASSERT_NEAR(v, expected, 1e-7) << x << "," << y;
-      // The running sums may leave a trace of rounding outside the bell, no more.
+      // Every cell of the bell has weight; outside it the running sums may
+      // leave a trace of rounding, which the comparison above bounds.
       const bool inside = x >= 12 && x <= 27 && y >= 12 && y <= 27;
-      if (inside) ASSERT_GT(v, 2e-5f) << x << "," << y;
+      if (inside) {
+        ASSERT_GT(v, 2e-5f) << x << "," << y;
+      }
       mass += v;
       sumX += v * x;
       sumY += v * y;
@@ -533,7 +536,7 @@ TEST_F(CoverageFixture, DiscIsNegativeInsideAndPositiveOutside) {
   }
   buildFillFields(source);
   const PixelStore* field = params.distanceStore;
-  auto at = [&](int32_t x, int32_t y) { return cell(field, x + kFieldMargin, y + kFieldMargin); };
+  auto at = [&](int32_t x, int32_t y) { return cell(field, x + kDistanceMargin, y + kDistanceMargin); };
   EXPECT_LT(at(32, 32), -8.0f);
   EXPECT_GT(at(32, 32), -13.0f);
   EXPECT_GT(at(2, 32), 15.0f);

@@ -67,6 +67,11 @@ struct TestTile {
     v.outRect[1] = unit.left;
     v.outRect[2] = unit.bottom;
     v.outRect[3] = unit.right;
+    // The host delivered the input and the mask for the whole unit.
+    v.inRect[0] = v.maskRect[0] = unit.top;
+    v.inRect[1] = v.maskRect[1] = unit.left;
+    v.inRect[2] = v.maskRect[2] = unit.bottom;
+    v.inRect[3] = v.maskRect[3] = unit.right;
     v.maskData = mask.data();
     v.maskRowBytes = maskRowBytes;
     v.hostSig = 0x3842494D;  // '8BIM'
@@ -631,6 +636,8 @@ struct WriteUnitFixture : ::testing::Test {
     record.outRowBytes = kRowBytes;
     // The host's tile at an offset of its own (a floating layer).
     record.outRect = PIRect{12, 13, 14, 17};
+    record.inRect = record.outRect;
+    record.maskRect = record.outRect;
     record.haveMask = 1;
     record.maskData = mask.data();
     record.maskRowBytes = 4;

@@ -60,6 +60,11 @@ struct TestTile {
     v.outRect[1] = unit.left - 7;
     v.outRect[2] = unit.bottom + 40;
     v.outRect[3] = unit.right - 7;
+    // The host delivered the input and the mask for the whole unit.
+    v.inRect[0] = v.maskRect[0] = unit.top;
+    v.inRect[1] = v.maskRect[1] = unit.left;
+    v.inRect[2] = v.maskRect[2] = unit.bottom;
+    v.inRect[3] = v.maskRect[3] = unit.right;
     v.maskData = mask.data();
     v.maskRowBytes = maskRowBytes;
     v.hostSig = 0x3842494D;  // '8BIM'
@@ -421,4 +426,37 @@ TEST_F(HostPixels, DisplayStageDrawsIntoThePlanarBufferClamped) {
   writeHostPixel(0, 0, PixelValue{1.0f, 0.5f, 0.2f, 1.0f}, t.cursor, &gray);
   EXPECT_EQ(single[0], 127);
   writeHostPixel(0, 0, PixelValue{1.0f, 0.5f, 0.2f, 1.0f}, t.cursor, nullptr);  // no buffer: nothing
+}
+
+// A host that cannot pad hands back smaller input and mask rectangles: nothing
+// is read past them.
+TEST(HostPixelsShortHost, ReadsStopAtTheDeliveredRectangles) {
+  std::vector<uint8_t> in(4 * 4, 200);
+  std::vector<uint8_t> mask(4, 255);
+  TileCursor tile;
+  memset(&tile, 0, sizeof(tile));
+  tile.unitRect = VRect{0, 0, 4, 4};
+  HostTileView& v = tile.view;
+  v.planes = 4;
+  v.inHiPlane = 3;
+  v.inLayerPlanes = 3;
+  v.hasTransparency = true;
+  v.is8Bit = true;
+  v.invColourScale = 1.0f / 255.0f;
+  v.invAlphaScale = 1.0f / 255.0f;
+  v.inData = in.data();
+  v.inRowBytes = 16;
+  v.haveMask = true;
+  v.maskData = mask.data();
+  v.maskRowBytes = 4;
+  // Only the first row came, and of the input only one pixel of it.
+  int32_t delivered[4] = {0, 0, 1, 4};
+  memcpy(v.maskRect, delivered, sizeof delivered);
+  int32_t oneInput[4] = {0, 0, 1, 1};
+  memcpy(v.inRect, oneInput, sizeof oneInput);
+  EXPECT_GT(selectionCoverage(3, 0, tile), 0.99f);
+  EXPECT_EQ(selectionCoverage(0, 1, tile), 0.0f);
+  EXPECT_GT(readHostPixel(0, 0, tile).a, 0.7f);
+  EXPECT_EQ(readHostPixel(1, 0, tile).a, 0.0f);
+  EXPECT_EQ(readHostPixel(0, 1, tile).a, 0.0f);
 }

@@ -7,6 +7,10 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <memory>
+
+#include "host/blocks.h"
+#include "host/plugin_main.h"
 #include "store/memory_blocks.h"
 #include "store/pixel_store.h"
 
@@ -338,6 +342,30 @@ TEST(StoreLifecycle, EmbeddedStoreIsReleasedNotFreed) {
   EXPECT_EQ(embedded.tilesReleased, 1);
 }
 
+TEST(StoreLifecycle, EmbeddedSourceStoreTakesTheDocumentKind) {
+  FilterRecord record;
+  memset(&record, 0, sizeof record);
+  record.imageMode = plugInModeRGB48;
+  record.depth = 16;
+  int procs = 0;
+  record.bufferProcs = &procs;
+  const HostContext saved = hostContext;
+  hostContext.filterRecord = &record;
+
+  std::unique_ptr<InstanceBlock> instance(new InstanceBlock());
+  pixelStoreInit(&instance->sourceStore);
+  EXPECT_EQ(instance->sourceStore.hostBufferProcs, static_cast<void*>(&procs));
+  ASSERT_TRUE(pixelStoreBuildEmbedded(300, 200, instance.get()));
+  EXPECT_EQ(instance->sourceStore.kind, kKindRgba16);
+  EXPECT_EQ(instance->sourceStore.pixelBytes, 8);
+  EXPECT_EQ(instance->sourceStore.levelWidth[0], 300);
+  EXPECT_FALSE(instance->sourceStore.ownsItself);
+  EXPECT_FALSE(pixelStoreBuildEmbedded(0, 200, instance.get()));
+  pixelStoreRelease(&instance->sourceStore);
+  EXPECT_EQ(instance->sourceStore.tiles, nullptr);
+  hostContext = saved;
+}
+
 TEST(StoreLifecycle, InitFillsTheKernelTable) {
   PixelStore s;
   memset(&s, 0, sizeof s);
@@ -618,6 +646,37 @@ TEST(StoreAccess, BilinearReadOfTheFloatKind) {
   // Just left of 0 mixes columns -1 and 0, both column 0.
   EXPECT_EQ(readBilinear(-0.25f, 0.0f, s.store, 0), 0.0f);
   EXPECT_EQ(readBilinear(2.5f, 0.0f, s.store, 0), 2.5f);
+}
+
+TEST(StoreAccess, BilinearReadMatchesFourClampedReadsEverywhere) {
+  OwnedStore s(1030, 600, kKindFloat);
+  ASSERT_NE(s.store, nullptr);
+  uint32_t state = 17;
+  for (int y = 0; y < 600; ++y) {
+    for (int x = 0; x < 1030; ++x) {
+      state = state * 1664525u + 1013904223u;
+      writeFloat(x, y, s.store, 0, float(state >> 8) / 65536.0f - 128.0f);
+    }
+  }
+  // Points around the tile borders, the edges and outside, with several fractions.
+  const float xs[] = {-3.5f,  -1.0f,  -0.3f,   0.0f,    0.6f,    255.25f, 510.5f,
+                      511.0f, 511.75f, 512.5f, 1023.5f, 1028.9f, 1029.0f, 1035.0f};
+  const float ys[] = {-2.0f, -0.7f, 0.4f, 300.5f, 510.9f, 511.5f, 512.0f, 598.5f, 599.0f, 640.2f};
+  for (float fx : xs) {
+    for (float fy : ys) {
+      const int32_t ix = fx >= 0.0f ? int32_t(fx) : int32_t(fx - 1.0f);
+      const int32_t iy = fy >= 0.0f ? int32_t(fy) : int32_t(fy - 1.0f);
+      const float tx = fx - float(ix);
+      const float ty = fy - float(iy);
+      const float a = readFloat(ix, iy, s.store, 0);
+      const float b = readFloat(ix + 1, iy, s.store, 0);
+      const float c = readFloat(ix, iy + 1, s.store, 0);
+      const float d = readFloat(ix + 1, iy + 1, s.store, 0);
+      const float top = a + (b - a) * tx;
+      const float bottom = c + (d - c) * tx;
+      EXPECT_EQ(readBilinear(fx, fy, s.store, 0), top + (bottom - top) * ty) << fx << "," << fy;
+    }
+  }
 }
 
 // ---- tile-count helpers -----------------------------------------------------------------------------

@@ -154,7 +154,7 @@ float referenceScalar(const PixelStore* s, int32_t level, float x, float y) {
   const Taps t = tapsAt(x, y);
   const ResampleKernelTable& k = s->kernelTable;
   int64_t total8 = 0;
-  uint32_t total16 = 0;  // the 16-bit scalar wraps in 32 bits by design
+  uint32_t total16 = 0;  // the 16-bit scalar wraps in 32 bits, as the kernel does
   float totalF = 0.0f;
   for (int r = 0; r < 5; ++r) {
     int64_t row8 = 0;
@@ -235,7 +235,10 @@ TEST_F(KernelTable, TellingRowsMatch) {
     int32_t q16[5];
   };
   const Row rows[] = {
-      {0, {0, -0.046494f, 0.594386f, 0.497274f, -0.045166f}, {0, -95, 1217, 1018, -92}, {0, -1523, 19476, 16294, -1479}},
+      {0,
+       {0, -0.046494f, 0.594386f, 0.497274f, -0.045166f},
+       {0, -95, 1217, 1018, -92},
+       {0, -1523, 19476, 16294, -1479}},
       {32,
        {-0.001998f, -0.00993f, 0.794354f, 0.243777f, -0.026203f},
        {-4, -20, 1626, 499, -53},
@@ -248,7 +251,10 @@ TEST_F(KernelTable, TellingRowsMatch) {
        {-0.034671f, 0.336326f, 0.731495f, -0.032616f, -0.000534f},
        {-71, 688, 1498, -66, -1},
        {-1136, 11020, 23969, -1068, -17}},
-      {127, {-0.046609f, 0.586659f, 0.505418f, -0.045469f, 0}, {-95, 1201, 1035, -93, 0}, {-1527, 19223, 16561, -1489, 0}},
+      {127,
+       {-0.046609f, 0.586659f, 0.505418f, -0.045469f, 0},
+       {-95, 1201, 1035, -93, 0},
+       {-1527, 19223, 16561, -1489, 0}},
   };
   for (const Row& r : rows) {
     for (int t = 0; t < 5; ++t) {
