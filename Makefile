@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure -j$(JOBS)
 
-.PHONY: all deps native win64 win32 native32 asan tsan windows test test-native test-asan test-tsan demo bench fuzz clean
+.PHONY: all deps native win64 win32 native32 asan tsan fuzz-build windows test test-native test-asan test-tsan test-fuzz demo bench fuzz clean
 
 all: native
 
@@ -43,10 +43,15 @@ tsan: deps
 	  -DMENDARIS_CLI=OFF -DMENDARIS_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build build/tsan -j$(JOBS) --target MendarisK $(shell ls tests/job_pool*_test.cpp 2>/dev/null | xargs -rn1 basename | sed 's/\.cpp$$//')
 
+# libFuzzer targets under ASan and UBSan, built with clang.
+fuzz-build: deps
+	@CC=clang CXX=clang++ cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMENDARIS_FUZZ=ON $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/fuzz -j$(JOBS)
+
 windows: win64 win32
 
-test: native windows native32 asan tsan
-	@$(MAKE) --no-print-directory test-native test-asan test-tsan
+test: native windows native32 asan tsan fuzz-build
+	@$(MAKE) --no-print-directory test-native test-asan test-tsan test-fuzz
 
 test-native:
 	cd build/native && $(CTEST)
@@ -58,6 +63,13 @@ test-tsan:
 	@if ls tests/job_pool*_test.cpp >/dev/null 2>&1; then \
 	  cd build/tsan && TSAN_OPTIONS=halt_on_error=1 $(CTEST) -R '^JobPool'; \
 	else echo "no job-pool tests yet"; fi
+
+# A short run of each fuzz target; `make fuzz` runs them for ten minutes each.
+test-fuzz:
+	@bash scripts/fuzz.sh 25
+
+fuzz: fuzz-build
+	@bash scripts/fuzz.sh 600
 
 demo: native
 	@bash scripts/demo.sh

@@ -184,7 +184,6 @@ class Host {
   bool abortRequested_ = false;
   std::vector<double> advanceTimes_;
   double startTime_ = 0.0;
-  bool parametersKnown_ = false;
 };
 
 // A stable 64-bit digest (FNV-1a) of bytes, printed as 16 hex digits.

@@ -7,6 +7,7 @@ packages=(
   g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix binutils-mingw-w64-x86-64 binutils-mingw-w64-i686
   wine wine64 xvfb xauth
   libgtest-dev libgmock-dev libbenchmark-dev
+  clang libclang-rt-14-dev
   libopenimageio-dev openimageio-tools
 )
 missing=()
