@@ -93,4 +93,15 @@ std::string describeResult(int16_t result) {
   }
 }
 
+int32_t renderedTiles(const standin::RunOutcome& outcome) {
+  int32_t n = 0;
+  for (const standin::HostCall& call : outcome.calls) n += call.name == "advanceState" && call.value == 0 ? 1 : 0;
+  return n;
+}
+
+int32_t expectedTiles(const standin::Document& d) {
+  auto tiles = [](int32_t n, int32_t side) { return (n + side - 1) / side; };
+  return tiles(d.width, 512) * tiles(d.height, 512) + tiles(d.width, 128) * tiles(d.height, 128);
+}
+
 }  // namespace mendaris_cli

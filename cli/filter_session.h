@@ -43,4 +43,9 @@ constexpr int16_t kUserCancelled = -128;
 // The text of the filter's refusal of a layer with no transparency.
 extern const char kRefusalText[];
 
+// Tiles the host was asked to present during a run, and those a whole run of
+// a layer of this size asks for: one per 512 by 512 read, one per 128 by 128 written.
+int32_t renderedTiles(const standin::RunOutcome& outcome);
+int32_t expectedTiles(const standin::Document& document);
+
 }  // namespace mendaris_cli

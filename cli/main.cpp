@@ -269,6 +269,13 @@ FileResult processFile(FilterSession& session, const Options& options, const std
     report(input, describeResult(outcome.result));
     return FileResult::failed;
   }
+  // A cancel holds in the plug-in for as long as it stays loaded: later runs
+  // read the layer and write none of it back. Say so rather than write the
+  // layer out unchanged.
+  if (renderedTiles(outcome) < expectedTiles(session.document)) {
+    report(input, "the filter wrote nothing back: it was cancelled earlier in this process; nothing written");
+    return FileResult::failed;
+  }
 
   progressShow("writing", 0.0);
   IoResult written = writeLayer(output, session.document, source, problem);

@@ -938,3 +938,34 @@ TEST_F(ToolTest, InterruptWhileFilteringLeavesNoOutput) {
 }
 
 #endif  // MENDARIS_CLI_TEST_IMAGES
+
+#if defined(MENDARIS_CLI_TEST_IMAGES)
+#include "cli/filter_session.h"
+#include "plugin_host/scenarios.h"
+
+// A cancel holds in the plug-in while it stays loaded: a later run in the same
+// process reads the layer and writes nothing back. The tool's session sees
+// that the tiles were never written, rather than taking the unchanged layer
+// for a result.
+TEST(CliSession, RunsAfterACancelAreSeenToWriteNothing) {
+  mendaris_cli::FilterSession session;
+  std::string problem;
+  ASSERT_TRUE(mendaris_cli::openFilter(session, MENDARIS_MODULE_PATH, problem)) << problem;
+  session.document = standin::makeIslandDocument(300, 200, 8, 3, 5);
+  standin::RunOutcome whole = mendaris_cli::filterDocument(session);
+  ASSERT_EQ(whole.result, 0);
+  EXPECT_EQ(mendaris_cli::renderedTiles(whole), mendaris_cli::expectedTiles(session.document));
+
+  session.document = standin::makeIslandDocument(300, 200, 8, 3, 6);
+  session.host->options().abortAtPoll = 1;
+  standin::RunOutcome cancelled = mendaris_cli::filterDocument(session);
+  EXPECT_EQ(cancelled.result, -128);
+
+  session.host->options().abortAtPoll = 0;
+  session.document = standin::makeIslandDocument(300, 200, 8, 3, 7);
+  standin::Document before = session.document;
+  standin::RunOutcome later = mendaris_cli::filterDocument(session);
+  EXPECT_LT(mendaris_cli::renderedTiles(later), mendaris_cli::expectedTiles(session.document));
+  EXPECT_EQ(session.document.pixels, before.pixels);
+}
+#endif

@@ -14,7 +14,11 @@ fi
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 "$build/scenario_digests" "$build/MendarisK.so" >"$out/native.txt"
-wine "$win64/scenario_digests.exe" "$win64/MendarisK.8bf" 2>/dev/null | tr -d '\r' >"$out/win64.txt"
+wine "$win64/scenario_digests.exe" "$win64/MendarisK.8bf" 2>/dev/null | tr -d '\r' >"$out/win64-all.txt" || true
+# The Windows run first reads the module's PiPL through the resource calls.
+grep '^pipl:' "$out/win64-all.txt" || true
+grep -q '^pipl: ok' "$out/win64-all.txt" || { echo "FAIL: the Windows module's PiPL does not read back"; exit 1; }
+grep -v '^pipl:' "$out/win64-all.txt" >"$out/win64.txt"
 "$native32/scenario_digests" "$native32/MendarisK.so" >"$out/native32.txt"
 status=0
 for other in win64 native32; do
