@@ -53,6 +53,18 @@ if [ -z "$font" ]; then
   oiiotool "${before[@]}" "${after[@]}" --mosaic:pad=12 2x1 -o "$picture"
 fi
 
+# Inside the filter: a generated layer's fill and its distance field.
+fields=""
+if [ -x "$(dirname "$tool")/dump_fill" ]; then
+  "$(dirname "$tool")/dump_fill" 512 512 3 build/demo/inside >/dev/null
+  oiiotool build/demo/inside_layer.ppm build/demo/inside_filled.ppm build/demo/inside_distance.ppm \
+    --mosaic:pad=12 3x1 -o build/demo/inside_fill.png
+  rm -f build/demo/inside_*.ppm
+  fields=build/demo/inside_fill.png
+fi
+
 echo "input:          $input"
 echo "result:         $output"
 echo "before / after: $picture"
+[ -n "$fields" ] && echo "layer, filled level 0, distance field: $fields"
+exit 0

@@ -194,7 +194,8 @@ TEST(Filter, OddRectangles) {
     int32_t w, h;
     int renderTiles;
   };
-  for (Size s : {Size{1, 1, 1}, Size{130, 1, 2}, Size{1, 130, 2}, Size{513, 20, 5}, Size{2, 2, 1}}) {
+  for (Size s : {Size{1, 1, 1}, Size{130, 1, 2}, Size{1, 130, 2}, Size{513, 20, 5}, Size{2, 2, 1}, Size{1, 5000, 40},
+                 Size{5000, 1, 40}}) {
     SCOPED_TRACE(testing::Message() << s.w << "x" << s.h);
     Document d = standin::makeIslandDocument(s.w, s.h, 8, 3, 21);
     Host host(nativeModule(), d);
