@@ -1,11 +1,31 @@
 #include "fill/fill_schedule.h"
 
+#include <stddef.h>
 #include <string.h>
 
 #include "store/pixel_store.h"
+#include "store/portable_math.h"
 #include "store/resample.h"
 
+#if (defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)) && \
+    !defined(MENDARIS_SCALAR_KERNELS)
+#include <emmintrin.h>
+#define MENDARIS_SSE2_FILL 1
+#else
+#define MENDARIS_SSE2_FILL 0
+#endif
+
+// Two roads lead through every step. The row road works on the tiles' rows
+// directly, for the three four-channel kinds whose integer values survive the
+// trip to unit range and back unchanged; it skips what cannot change (a bare
+// neighbourhood, a covered run) and touches only the channels that do change.
+// The pixel road goes through the accessors one pixel at a time, for every
+// other store. Both visit in the same order and compute each changed value by
+// the same single-precision operations, so they leave the same bits.
+
 namespace {
+
+// ---- the pixel road ----------------------------------------------------------------------------
 
 // The accessors of the store's own kind, inline, so that each level is worked
 // flat for its kind: the same conversions as readUnitPixel and writeUnitPixel
@@ -63,7 +83,7 @@ inline void addWeighted(const float q[4], float* r, float* g, float* b, float* a
 }
 
 template <int32_t kKind>
-void diffuseLevelOf(PixelStore* store, int32_t level, int32_t passes) {
+void diffuseLevelByPixel(PixelStore* store, int32_t level, int32_t passes) {
   const int32_t width = store->levelWidth[level];
   const int32_t height = store->levelHeight[level];
 
@@ -131,7 +151,7 @@ void diffuseLevelOf(PixelStore* store, int32_t level, int32_t passes) {
 }
 
 template <int32_t kKind>
-void reduceColoursOf(PixelStore* store, int32_t level) {
+void reduceColoursByPixel(PixelStore* store, int32_t level) {
   const int32_t target = level + 1;
   const int32_t width = store->levelWidth[target];
   const int32_t height = store->levelHeight[target];
@@ -170,8 +190,16 @@ void reduceColoursOf(PixelStore* store, int32_t level) {
   }
 }
 
+// Clamps a colour brought down from the level above: the kernel's negative
+// lobes and overshoot end here.
+inline float clampColour(float c, float limit) {
+  if (0.0f > c) return 0.0f;
+  if (c > limit) return limit;
+  return c;
+}
+
 template <int32_t kKind>
-void expandIntoOf(PixelStore* store, int32_t level, float limit) {
+void expandIntoByPixel(PixelStore* store, int32_t level, float limit) {
   const int32_t width = store->levelWidth[level];
   const int32_t height = store->levelHeight[level];
   for (int32_t y = 0; y < height; ++y) {
@@ -186,14 +214,7 @@ void expandIntoOf(PixelStore* store, int32_t level, float limit) {
         const float fx = float(x) * 0.5f;
         const float fy = float(y) * 0.5f;
         filterUnitPixelAt(store, level + 1, 0.0f, fx, fy, p);
-        // The kernel's negative lobes and overshoot end here.
-        for (int32_t c = 0; c < 3; ++c) {
-          if (0.0f > p[c]) {
-            p[c] = 0.0f;
-          } else if (p[c] > limit) {
-            p[c] = limit;
-          }
-        }
+        for (int32_t c = 0; c < 3; ++c) p[c] = clampColour(p[c], limit);
       }
       p[3] = 1.0f;
       writePixel<kKind>(x, y, store, level, p);
@@ -201,36 +222,747 @@ void expandIntoOf(PixelStore* store, int32_t level, float limit) {
   }
 }
 
+// ---- the row road: pixels in the tiles ---------------------------------------------------------
+
+template <int32_t kKind>
+struct KindBytes;
+template <>
+struct KindBytes<kKindRgba8> {
+  static constexpr int32_t kValue = 4;
+};
+template <>
+struct KindBytes<kKindRgba16> {
+  static constexpr int32_t kValue = 8;
+};
+template <>
+struct KindBytes<kKindRgbaFloat> {
+  static constexpr int32_t kValue = 16;
+};
+
+inline uint32_t load16(const uint8_t* p) {
+  uint16_t v;
+  memcpy(&v, p, sizeof v);
+  return v;
+}
+
+inline void store16(uint8_t* p, uint32_t v) {
+  const uint16_t h = uint16_t(v);
+  memcpy(p, &h, sizeof h);
+}
+
+// Row y of a level: the tiles of its tile row, and the byte offset of its
+// column 0 inside each of them.
+struct RowRef {
+  const StoreTile* tiles;
+  size_t offset;
+};
+
+inline RowRef rowRef(const PixelStore* store, int32_t level, int32_t y, int32_t bytes) {
+  RowRef row;
+  row.tiles = store->tiles + store->firstTile[level] + (y >> kTileShift) * store->tilesAcross[level];
+  row.offset = size_t(y & kTileMask) * kTileWidth * size_t(bytes);
+  return row;
+}
+
+template <int32_t kBytes>
+inline uint8_t* pixelIn(const RowRef& row, int32_t x) {
+  return row.tiles[x >> kTileShift].pixels + row.offset + size_t(x & kTileMask) * kBytes;
+}
+
+// The alpha's bits, zero exactly when the unit alpha is 0.0 (integer kinds: a
+// stored 0; floats: either zero).
+template <int32_t kKind>
+inline uint32_t alphaBits(const uint8_t* p) {
+  if (kKind == kKindRgba8) return loadWord(p) & 0xffu;
+  if (kKind == kKindRgba16) return load16(p + 6);
+  return loadWord(p + 12) & 0x7fffffffu;
+}
+
+// The stored alpha of an integer kind.
+template <int32_t kKind>
+inline uint32_t storedAlpha(const uint8_t* p) {
+  return kKind == kKindRgba8 ? (loadWord(p) & 0xffu) : load16(p + 6);
+}
+
+template <int32_t kKind>
+inline void setStoredAlpha(uint8_t* p, uint32_t alpha) {
+  if (kKind == kKindRgba8) {
+    storeWord(p, (loadWord(p) & 0xffffff00u) | (alpha & 0xffu));
+  } else {
+    store16(p + 6, alpha);
+  }
+}
+
+// readUnitPixel of the kind, from the pixel's address.
+template <int32_t kKind>
+inline void unitPixel(const uint8_t* p, float scale, float out[4]) {
+  if (kKind == kKindRgba8) {
+    const uint32_t w = loadWord(p);
+    out[0] = float(int32_t(w >> 24)) * scale;
+    out[1] = float(int32_t((w >> 16) & 0xffu)) * scale;
+    out[2] = float(int32_t((w >> 8) & 0xffu)) * scale;
+    out[3] = float(int32_t(w & 0xffu)) * scale;
+  } else if (kKind == kKindRgba16) {
+    out[0] = float(int32_t(load16(p))) * scale;
+    out[1] = float(int32_t(load16(p + 2))) * scale;
+    out[2] = float(int32_t(load16(p + 4))) * scale;
+    out[3] = float(int32_t(load16(p + 6))) * scale;
+  } else {
+    memcpy(out, p, 16);
+  }
+}
+
+// writeUnitPixel of the kind, to the pixel's address.
+template <int32_t kKind>
+inline void storeUnitPixel(uint8_t* p, const float rgba[4], float scale) {
+  if (kKind == kKindRgba8) {
+    const int32_t c[4] = {truncToInt32(rgba[0] * scale), truncToInt32(rgba[1] * scale),
+                          truncToInt32(rgba[2] * scale), truncToInt32(rgba[3] * scale)};
+    storeWord(p, packU8x4(c));
+  } else if (kKind == kKindRgba16) {
+    store16(p, uint32_t(truncToInt32(rgba[0] * scale)));
+    store16(p + 2, uint32_t(truncToInt32(rgba[1] * scale)));
+    store16(p + 4, uint32_t(truncToInt32(rgba[2] * scale)));
+    store16(p + 6, uint32_t(truncToInt32(rgba[3] * scale)));
+  } else {
+    memcpy(p, rgba, 16);
+  }
+}
+
+// The row road rewrites only the channels that change, which is right only
+// when every stored value comes back from unit range as it was: (v * scale)
+// * inverse, truncated, gives v. It does for the kinds' own scales (1/255 and
+// 255 for all 256 bytes; powers of two for 16 bits); a store with other
+// scales takes the pixel road.
+bool unitTripKeepsValues(const PixelStore* store) {
+  const float toUnit = store->valueToUnit;
+  const float toValue = store->unitToValue;
+  if (store->kind == kKindRgbaFloat) return true;
+  if (store->kind == kKindRgba8) {
+    for (int32_t v = 0; v < 256; ++v) {
+      if ((uint32_t(truncToInt32(float(v) * toUnit * toValue)) & 0xffu) != uint32_t(v)) return false;
+    }
+    return true;
+  }
+  if (store->kind == kKindRgba16) {
+    if (toUnit == 0x1p-15f && toValue == 32768.0f) return true;
+    for (int32_t v = 0; v < 65536; ++v) {
+      if ((uint32_t(truncToInt32(float(v) * toUnit * toValue)) & 0xffffu) != uint32_t(v)) return false;
+    }
+    return true;
+  }
+  return false;
+}
+
+// The thresholds on stored integer alphas. The unit alpha grows with the
+// stored value, so each test splits the values at one point: the first value
+// whose unit alpha is not below `limit`, and the first whose unit alpha is
+// above it.
+int32_t firstValueNotBelow(double limit, float scale, int32_t maxValue) {
+  int32_t v = 0;
+  while (v <= maxValue && limit > double(float(v) * scale)) ++v;
+  return v;
+}
+
+int32_t firstValueAbove(double limit, float scale, int32_t maxValue) {
+  int32_t v = 0;
+  while (v <= maxValue && !(double(float(v) * scale) > limit)) ++v;
+  return v;
+}
+
+template <int32_t kKind>
+constexpr int32_t maxStoredValue() {
+  return kKind == kKindRgba8 ? 255 : 65535;
+}
+
+// The stored alpha that 1.0 becomes.
+inline uint32_t fullStoredAlpha(const PixelStore* store) { return uint32_t(truncToInt32(1.0f * store->unitToValue)); }
+
+// Every pixel of the level, row by row and tile by tile: f(pixel, count) for
+// each row's run of `count` pixels in one tile.
+template <int32_t kBytes, class RunFunction>
+inline void forEachRun(PixelStore* store, int32_t level, RunFunction f) {
+  const int32_t width = store->levelWidth[level];
+  const int32_t height = store->levelHeight[level];
+  const int32_t across = store->tilesAcross[level];
+  for (int32_t y = 0; y < height; ++y) {
+    const RowRef row = rowRef(store, level, y, kBytes);
+    for (int32_t t = 0; t < across; ++t) {
+      const int32_t x0 = t * kTileWidth;
+      const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
+      if (count <= 0) break;
+      f(row.tiles[t].pixels + row.offset, count);
+    }
+  }
+}
+
+// ---- diffusion on rows ---------------------------------------------------------------------------
+
+// One hole of a half-pass with its four neighbours; the sums as the pixel
+// road forms them.
+template <int32_t kKind>
+inline void fillHole(uint8_t* p, const uint8_t* up, const uint8_t* left, const uint8_t* right, const uint8_t* down,
+                     float toUnit, float toValue) {
+  float qu[4];
+  float ql[4];
+  float qr[4];
+  float qd[4];
+  unitPixel<kKind>(up, toUnit, qu);
+  unitPixel<kKind>(left, toUnit, ql);
+  unitPixel<kKind>(right, toUnit, qr);
+  unitPixel<kKind>(down, toUnit, qd);
+  const float a = ((qu[3] + ql[3]) + qr[3]) + qd[3];
+  if (!(double(a) > kNeighbourFloor)) return;
+  float r = 0.0f;
+  float g = 0.0f;
+  float b = 0.0f;
+  float weight = 0.0f;
+  addWeighted(qu, &r, &g, &b, &weight);
+  addWeighted(ql, &r, &g, &b, &weight);
+  addWeighted(qr, &r, &g, &b, &weight);
+  addWeighted(qd, &r, &g, &b, &weight);
+  const float filled[4] = {r / a, g / a, b / a, 1.0f};
+  storeUnitPixel<kKind>(p, filled, toValue);
+}
+
+// A hole whose four neighbours all have alpha 0 has nothing to take (their
+// sum is 0, not above the floor); a covered pixel is no hole.
+template <int32_t kKind>
+inline void visitPixel(uint8_t* p, const uint8_t* up, const uint8_t* left, const uint8_t* right,
+                       const uint8_t* down, float toUnit, float toValue) {
+  if (alphaBits<kKind>(p) != 0) return;
+  if ((alphaBits<kKind>(up) | alphaBits<kKind>(left) | alphaBits<kKind>(right) | alphaBits<kKind>(down)) == 0) {
+    return;
+  }
+  fillHole<kKind>(p, up, left, right, down, toUnit, toValue);
+}
+
+#if MENDARIS_SSE2_FILL
+// Kind 3: whether the four pixels from p on, with their neighbours, hold
+// nothing for a half-pass to do: all of them covered, or every alpha around
+// them 0. p must have a pixel of its row before it and four after it.
+inline bool quietBlockU8(const uint8_t* p, const uint8_t* up, const uint8_t* down) {
+  const __m128i alphaMask = _mm_set1_epi32(0xff);
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i own = _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), alphaMask);
+  if (_mm_movemask_epi8(_mm_cmpeq_epi32(own, zero)) == 0) return true;
+  __m128i around = _mm_or_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(up)),
+                                _mm_loadu_si128(reinterpret_cast<const __m128i*>(down)));
+  around = _mm_or_si128(around, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p - 4)));
+  around = _mm_or_si128(around, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 4)));
+  return _mm_movemask_epi8(_mm_cmpeq_epi32(_mm_and_si128(around, alphaMask), zero)) == 0xffff;
+}
+#endif
+
+// One row's run within one tile for a half-pass: pixels first, first + 2, ...
+// below count. beforeRun and afterRun are the pixels just outside the run
+// (the edge pixel itself where the level ends).
+template <int32_t kKind>
+inline void halfPassRun(uint8_t* row, const uint8_t* up, const uint8_t* down, const uint8_t* beforeRun,
+                        const uint8_t* afterRun, int32_t first, int32_t count, float toUnit, float toValue) {
+  constexpr int32_t kBytes = KindBytes<kKind>::kValue;
+  int32_t k = first;
+#if MENDARIS_SSE2_FILL
+  if (kKind == kKindRgba8) {
+    // Blocks of four pixels inside the run, each with its neighbours in the
+    // run, are passed over when quiet; the others go pixel by pixel.
+    for (; k < count && k < 4; k += 2) {
+      uint8_t* p = row + k * kBytes;
+      visitPixel<kKind>(p, up + k * kBytes, k > 0 ? p - kBytes : beforeRun, k + 1 < count ? p + kBytes : afterRun,
+                        down + k * kBytes, toUnit, toValue);
+    }
+    const int32_t phase = first & 1;
+    int32_t block = 4;
+    for (; block + 4 < count; block += 4) {
+      uint8_t* b = row + block * kBytes;
+      if (quietBlockU8(b, up + block * kBytes, down + block * kBytes)) continue;
+      for (int32_t i = block + phase; i < block + 4; i += 2) {
+        uint8_t* p = row + i * kBytes;
+        visitPixel<kKind>(p, up + i * kBytes, p - kBytes, p + kBytes, down + i * kBytes, toUnit, toValue);
+      }
+    }
+    k = block + phase;
+  }
+#endif
+  for (; k < count; k += 2) {
+    uint8_t* p = row + k * kBytes;
+    visitPixel<kKind>(p, up + k * kBytes, k > 0 ? p - kBytes : beforeRun, k + 1 < count ? p + kBytes : afterRun,
+                      down + k * kBytes, toUnit, toValue);
+  }
+}
+
+template <int32_t kKind>
+void diffuseLevelByRow(PixelStore* store, int32_t level, int32_t passes) {
+  constexpr int32_t kBytes = KindBytes<kKind>::kValue;
+  const int32_t width = store->levelWidth[level];
+  const int32_t height = store->levelHeight[level];
+  const int32_t across = store->tilesAcross[level];
+  const float toUnit = store->valueToUnit;
+  const float toValue = store->unitToValue;
+
+  // Floor: only the alpha of a faint pixel changes; the rest of the pixel
+  // comes back from unit range as it was.
+  if (kKind == kKindRgbaFloat) {
+    forEachRun<kBytes>(store, level, [](uint8_t* run, int32_t count) {
+      for (int32_t k = 0; k < count; ++k) {
+        uint8_t* alpha = run + k * kBytes + 12;
+        if (kCoverFloor > double(loadFloat(alpha))) storeFloat(alpha, 0.0f);
+      }
+    });
+  } else {
+    const uint32_t floorValue = uint32_t(firstValueNotBelow(kCoverFloor, toUnit, maxStoredValue<kKind>()));
+    forEachRun<kBytes>(store, level, [floorValue](uint8_t* run, int32_t count) {
+      for (int32_t k = 0; k < count; ++k) {
+        uint8_t* p = run + k * kBytes;
+        if (storedAlpha<kKind>(p) < floorValue) setStoredAlpha<kKind>(p, 0);
+      }
+    });
+  }
+
+  // The red-black passes, in the pixel road's order: x + y even first, then
+  // odd; rows from the top, pixels from the left. Reads clamp at the edges,
+  // where the hole stands in for its missing neighbour.
+  for (int32_t pass = 0; pass < passes; ++pass) {
+    for (int32_t parity = 0; parity < 2; ++parity) {
+      for (int32_t y = 0; y < height; ++y) {
+        const RowRef row = rowRef(store, level, y, kBytes);
+        const RowRef rowUp = rowRef(store, level, y > 0 ? y - 1 : 0, kBytes);
+        const RowRef rowDown = rowRef(store, level, y < height - 1 ? y + 1 : height - 1, kBytes);
+        for (int32_t t = 0; t < across; ++t) {
+          const int32_t x0 = t * kTileWidth;
+          const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
+          if (count <= 0) break;
+          uint8_t* run = row.tiles[t].pixels + row.offset;
+          const uint8_t* beforeRun = x0 > 0 ? pixelIn<kBytes>(row, x0 - 1) : run;
+          const uint8_t* afterRun = x0 + count < width ? pixelIn<kBytes>(row, x0 + count) : run + (count - 1) * kBytes;
+          // Tiles start at even columns, so the first pixel's parity is the row's.
+          halfPassRun<kKind>(run, rowUp.tiles[t].pixels + rowUp.offset, rowDown.tiles[t].pixels + rowDown.offset,
+                             beforeRun, afterRun, (parity ^ y) & 1, count, toUnit, toValue);
+        }
+      }
+    }
+  }
+
+  // Binarise: a covered pixel's alpha becomes full, a bare one stays 0.
+  if (kKind == kKindRgbaFloat) {
+    forEachRun<kBytes>(store, level, [](uint8_t* run, int32_t count) {
+      for (int32_t k = 0; k < count; ++k) {
+        uint8_t* alpha = run + k * kBytes + 12;
+        storeFloat(alpha, loadFloat(alpha) == 0.0f ? 0.0f : 1.0f);
+      }
+    });
+  } else {
+    const uint32_t full = fullStoredAlpha(store);
+    forEachRun<kBytes>(store, level, [full](uint8_t* run, int32_t count) {
+      for (int32_t k = 0; k < count; ++k) {
+        uint8_t* p = run + k * kBytes;
+        if (storedAlpha<kKind>(p) != 0) setStoredAlpha<kKind>(p, full);
+      }
+    });
+  }
+}
+
+// ---- reduction on rows ---------------------------------------------------------------------------
+
+template <int32_t kKind>
+void reduceColoursByRow(PixelStore* store, int32_t level) {
+  constexpr int32_t kBytes = KindBytes<kKind>::kValue;
+  const int32_t target = level + 1;
+  const int32_t width = store->levelWidth[target];
+  const int32_t height = store->levelHeight[target];
+  const int32_t maxX = store->levelMaxX[level];
+  const int32_t maxY = store->levelMaxY[level];
+  const float toUnit = store->valueToUnit;
+  const float toValue = store->unitToValue;
+  const uint32_t floorValue =
+      kKind == kKindRgbaFloat ? 0u : uint32_t(firstValueNotBelow(kCoverFloor, toUnit, maxStoredValue<kKind>()));
+  for (int32_t oy = 0; oy < height; ++oy) {
+    // Past the end of an odd level the clamped read repeats the edge pixel,
+    // which then weighs twice.
+    const int32_t sy = 2 * oy;
+    const RowRef row0 = rowRef(store, level, sy < maxY ? sy : maxY, kBytes);
+    const RowRef row1 = rowRef(store, level, sy + 1 < maxY ? sy + 1 : maxY, kBytes);
+    const RowRef out = rowRef(store, target, oy, kBytes);
+    for (int32_t ox = 0; ox < width; ++ox) {
+      const int32_t sx = 2 * ox;
+      const int32_t x0 = sx < maxX ? sx : maxX;
+      const int32_t x1 = sx + 1 < maxX ? sx + 1 : maxX;
+      const uint8_t* quad[4] = {pixelIn<kBytes>(row0, x0), pixelIn<kBytes>(row0, x1), pixelIn<kBytes>(row1, x0),
+                                pixelIn<kBytes>(row1, x1)};
+      uint8_t* dst = pixelIn<kBytes>(out, ox);
+      if (kKind != kKindRgbaFloat && storedAlpha<kKind>(quad[0]) < floorValue &&
+          storedAlpha<kKind>(quad[1]) < floorValue && storedAlpha<kKind>(quad[2]) < floorValue &&
+          storedAlpha<kKind>(quad[3]) < floorValue) {
+        // No weight at all: every sum stays 0, which is stored as 0.
+        memset(dst, 0, kBytes);
+        continue;
+      }
+      float r = 0.0f;
+      float g = 0.0f;
+      float b = 0.0f;
+      float a = 0.0f;
+      for (const uint8_t* source : quad) {
+        float q[4];
+        unitPixel<kKind>(source, toUnit, q);
+        if (kCoverFloor > double(q[3])) q[3] = 0.0f;
+        addWeighted(q, &r, &g, &b, &a);
+      }
+      float pixel[4];
+      if (a > 0.0f) {
+        pixel[0] = r / a;
+        pixel[1] = g / a;
+        pixel[2] = b / a;
+        pixel[3] = 1.0f;
+      } else {
+        pixel[0] = r;
+        pixel[1] = g;
+        pixel[2] = b;
+        pixel[3] = 0.0f;
+      }
+      storeUnitPixel<kKind>(dst, pixel, toValue);
+    }
+  }
+}
+
+// ---- expansion on rows ---------------------------------------------------------------------------
+
+// Base pixel and phase of one axis of the five-tap kernel, as the kernel
+// finds them: p = coord + 0.5 in double, rounded to float; the base pixel is
+// trunc(p) and the phase the first 7 bits of the fraction.
+inline int32_t kernelBase(float coord, int32_t* phase) {
+  const float p = float(double(coord) + 0.5);
+  const int32_t i = truncToInt32(p);
+  *phase = truncToInt32(double(p - float(i)) * 128.0);
+  return i;
+}
+
+// Where pixel x of a level reads the level above, in pixels of that level:
+// x / 2 to unit coordinates through the inverse size of level + 1, and on
+// through the scale of the level read, exactly as filterUnitPixelAt goes.
+inline float positionAbove(int32_t x, float inverseSize, float scale) {
+  const float f = float(x) * 0.5f;
+  const float u = (f + 0.5f) * inverseSize;
+  return scale * u - 0.5f;
+}
+
+template <int32_t kKind>
+inline bool isHole(const uint8_t* p, uint32_t holeValue) {
+  if (kKind == kKindRgbaFloat) return !(double(loadFloat(p + 12)) > kHoleAlpha);
+  return storedAlpha<kKind>(p) < holeValue;
+}
+
+// A pixel that is no hole keeps its colour and takes full alpha.
+template <int32_t kKind>
+inline void setFullAlpha(uint8_t* p, uint32_t full) {
+  if (kKind == kKindRgbaFloat) {
+    storeFloat(p + 12, 1.0f);
+  } else {
+    setStoredAlpha<kKind>(p, full);
+  }
+}
+
+// A hole's colour from the kernel's output in stored units: to unit range,
+// clamped, alpha 1.0, stored.
+template <int32_t kKind>
+inline void storeBroughtDown(uint8_t* p, float red, float green, float blue, float toUnit, float toValue,
+                             float limit) {
+  float c[4];
+  c[0] = clampColour(red * toUnit, limit);
+  c[1] = clampColour(green * toUnit, limit);
+  c[2] = clampColour(blue * toUnit, limit);
+  c[3] = 1.0f;
+  storeUnitPixel<kKind>(p, c, toValue);
+}
+
+// Any kind, any level read: every hole calls the kernel of its kind at the
+// position the pixel road would compute, taken once per column and row.
+template <int32_t kKind>
+void expandIntoByKernelCall(PixelStore* store, int32_t level, int32_t readLevel, float limit) {
+  constexpr int32_t kBytes = KindBytes<kKind>::kValue;
+  const int32_t width = store->levelWidth[level];
+  const int32_t height = store->levelHeight[level];
+  const int32_t across = store->tilesAcross[level];
+  const float toUnit = store->valueToUnit;
+  const float toValue = store->unitToValue;
+  const float inverseX = store->invInnerWidth[level + 1];
+  const float inverseY = store->invInnerHeight[level + 1];
+  const float scaleX = store->levelScaleX[readLevel];
+  const float scaleY = store->levelScaleY[readLevel];
+  const uint32_t holeValue =
+      kKind == kKindRgbaFloat ? 0u : uint32_t(firstValueAbove(kHoleAlpha, toUnit, maxStoredValue<kKind>()));
+  const uint32_t full = kKind == kKindRgbaFloat ? 0u : fullStoredAlpha(store);
+  float columnX[kTileWidth];
+  for (int32_t t = 0; t < across; ++t) {
+    const int32_t x0 = t * kTileWidth;
+    const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
+    if (count <= 0) break;
+    for (int32_t k = 0; k < count; ++k) columnX[k] = positionAbove(x0 + k, inverseX, scaleX);
+    for (int32_t y = 0; y < height; ++y) {
+      const RowRef row = rowRef(store, level, y, kBytes);
+      uint8_t* run = row.tiles[t].pixels + row.offset;
+      const float rowY = positionAbove(y, inverseY, scaleY);
+      for (int32_t k = 0; k < count; ++k) {
+        uint8_t* p = run + k * kBytes;
+        if (!isHole<kKind>(p, holeValue)) {
+          setFullAlpha<kKind>(p, full);
+          continue;
+        }
+        float c[4];
+        filterPixel<kKind>(store, readLevel, columnX[k], rowY, &c[0], &c[1], &c[2], &c[3]);
+        storeBroughtDown<kKind>(p, c[0], c[1], c[2], toUnit, toValue, limit);
+      }
+    }
+  }
+}
+
+// Kind 3 on a level read of 5 by 5 pixels or more with clamped edges: there
+// every 5 x 5 block the kernel reads is the clamped block, on whichever of its
+// roads. The 8-bit kernel is exact integer arithmetic modulo 2^32, so its
+// double sum may be taken columns first: for a row of holes, every column of
+// the level above gets its sum over the row's five rows once, and each hole
+// then weighs five of those column sums.
+
+// Column sums can need a few columns either side of the half-width a tile
+// column of the level reads; a run whose reach is wider takes the kernel call.
+constexpr int32_t kColumnSumSpan = kTileWidth / 2 + 16;
+
+// The five-row sums of `count` columns of the level above, all in one tile
+// column, into sums (four lanes a column, lane 0 the alpha byte). rows[r]
+// points at the first column in row r.
+inline void columnSumsU8(const uint8_t* const rows[5], const int32_t weights[5], int32_t count, int32_t* sums) {
+#if MENDARIS_SSE2_FILL
+  // Every weight fits 16 bits signed and every byte is below 256: pmaddwd
+  // forms the pairs exactly, and the sums stay far inside 32 bits.
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i w01 = _mm_set1_epi32(int((uint32_t(weights[1]) << 16) | (uint32_t(weights[0]) & 0xffffu)));
+  const __m128i w23 = _mm_set1_epi32(int((uint32_t(weights[3]) << 16) | (uint32_t(weights[2]) & 0xffffu)));
+  const __m128i w4 = _mm_set1_epi32(int(uint32_t(weights[4]) & 0xffffu));
+  int32_t c = 0;
+  for (; c + 2 <= count; c += 2) {
+    const __m128i r0 = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(rows[0] + 4 * c));
+    const __m128i r1 = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(rows[1] + 4 * c));
+    const __m128i r2 = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(rows[2] + 4 * c));
+    const __m128i r3 = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(rows[3] + 4 * c));
+    const __m128i r4 = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(rows[4] + 4 * c));
+    const __m128i p01 = _mm_unpacklo_epi8(r0, r1);
+    const __m128i p23 = _mm_unpacklo_epi8(r2, r3);
+    const __m128i p4 = _mm_unpacklo_epi8(r4, zero);
+    __m128i first = _mm_madd_epi16(_mm_unpacklo_epi8(p01, zero), w01);
+    first = _mm_add_epi32(first, _mm_madd_epi16(_mm_unpacklo_epi8(p23, zero), w23));
+    first = _mm_add_epi32(first, _mm_madd_epi16(_mm_unpacklo_epi8(p4, zero), w4));
+    __m128i second = _mm_madd_epi16(_mm_unpackhi_epi8(p01, zero), w01);
+    second = _mm_add_epi32(second, _mm_madd_epi16(_mm_unpackhi_epi8(p23, zero), w23));
+    second = _mm_add_epi32(second, _mm_madd_epi16(_mm_unpackhi_epi8(p4, zero), w4));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(sums + 4 * c), first);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(sums + 4 * c + 4), second);
+  }
+  if (c < count) {
+    const __m128i r0 = _mm_cvtsi32_si128(int(loadWord(rows[0] + 4 * c)));
+    const __m128i r1 = _mm_cvtsi32_si128(int(loadWord(rows[1] + 4 * c)));
+    const __m128i r2 = _mm_cvtsi32_si128(int(loadWord(rows[2] + 4 * c)));
+    const __m128i r3 = _mm_cvtsi32_si128(int(loadWord(rows[3] + 4 * c)));
+    const __m128i r4 = _mm_cvtsi32_si128(int(loadWord(rows[4] + 4 * c)));
+    __m128i s = _mm_madd_epi16(_mm_unpacklo_epi8(_mm_unpacklo_epi8(r0, r1), zero), w01);
+    s = _mm_add_epi32(s, _mm_madd_epi16(_mm_unpacklo_epi8(_mm_unpacklo_epi8(r2, r3), zero), w23));
+    s = _mm_add_epi32(s, _mm_madd_epi16(_mm_unpacklo_epi8(_mm_unpacklo_epi8(r4, zero), zero), w4));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(sums + 4 * c), s);
+  }
+#else
+  for (int32_t c = 0; c < count; ++c) {
+    for (int32_t lane = 0; lane < 4; ++lane) {
+      uint32_t s = 0;
+      for (int32_t r = 0; r < 5; ++r) s += uint32_t(rows[r][4 * c + lane]) * uint32_t(weights[r]);
+      sums[4 * c + lane] = int32_t(s);
+    }
+  }
+#endif
+}
+
+// The weights of one axis in pixel order: pixel i - 2 takes tap 4, pixel
+// i + 2 tap 0.
+inline void pixelOrderWeights(const int32_t (*taps)[kKernelPhases], int32_t phase, int32_t w[5]) {
+  w[0] = taps[4][phase];
+  w[1] = taps[3][phase];
+  w[2] = taps[2][phase];
+  w[3] = taps[1][phase];
+  w[4] = taps[0][phase];
+}
+
+// The 8-bit kernel's total scale, weights times 2048 twice.
+const float kScale8 = 0x1p-22f;
+
+// Whether expandIntoByColumnSums can take this level: the block read must be
+// the clamped one on every road.
+bool columnSumsApply(const PixelStore* store, int32_t readLevel) {
+  return store->edgeMode != 1 && store->edgeMode != 2 && store->levelWidth[readLevel] >= 5 &&
+         store->levelHeight[readLevel] >= 5;
+}
+
+void expandIntoByColumnSums(PixelStore* store, int32_t level, int32_t readLevel, float limit) {
+  constexpr int32_t kBytes = 4;
+  const int32_t width = store->levelWidth[level];
+  const int32_t height = store->levelHeight[level];
+  const int32_t across = store->tilesAcross[level];
+  const int32_t maxX = store->levelMaxX[readLevel];
+  const int32_t maxY = store->levelMaxY[readLevel];
+  const float toUnit = store->valueToUnit;
+  const float toValue = store->unitToValue;
+  const float inverseX = store->invInnerWidth[level + 1];
+  const float inverseY = store->invInnerHeight[level + 1];
+  const float scaleX = store->levelScaleX[readLevel];
+  const float scaleY = store->levelScaleY[readLevel];
+  const int32_t (*taps)[kKernelPhases] = store->kernelTable.weights2048;
+  const uint32_t holeValue = uint32_t(firstValueAbove(kHoleAlpha, toUnit, 255));
+  const uint32_t full = fullStoredAlpha(store);
+
+  // Per column of the tile column: the five columns read (counted from the
+  // first column summed) and their weights.
+  int32_t columns[kTileWidth][5];
+  uint32_t weightsX[kTileWidth][5];
+  alignas(16) int32_t sums[4 * kColumnSumSpan];
+  for (int32_t t = 0; t < across; ++t) {
+    const int32_t x0 = t * kTileWidth;
+    const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
+    if (count <= 0) break;
+    int32_t lowest = maxX;
+    int32_t highest = 0;
+    for (int32_t k = 0; k < count; ++k) {
+      int32_t phase;
+      const int32_t i = kernelBase(positionAbove(x0 + k, inverseX, scaleX), &phase);
+      int32_t w[5];
+      pixelOrderWeights(taps, phase, w);
+      for (int32_t m = 0; m < 5; ++m) {
+        const int32_t c = clampToLevel(int32_t(uint32_t(i) - 2u + uint32_t(m)), maxX);
+        columns[k][m] = c;
+        weightsX[k][m] = uint32_t(w[m]);
+        if (c < lowest) lowest = c;
+        if (c > highest) highest = c;
+      }
+    }
+    const bool summed = highest - lowest + 1 <= kColumnSumSpan;
+    for (int32_t k = 0; summed && k < count; ++k) {
+      for (int32_t m = 0; m < 5; ++m) columns[k][m] -= lowest;
+    }
+
+    for (int32_t y = 0; y < height; ++y) {
+      const RowRef row = rowRef(store, level, y, kBytes);
+      uint8_t* run = row.tiles[t].pixels + row.offset;
+      bool rowReady = false;
+      for (int32_t k = 0; k < count; ++k) {
+        uint8_t* p = run + k * kBytes;
+        if (storedAlpha<kKindRgba8>(p) >= holeValue) {
+          setStoredAlpha<kKindRgba8>(p, full);
+          continue;
+        }
+        if (!summed) {
+          // Not a reach that halving gives; the kernel call takes any.
+          float c[4];
+          filterPixel<kKindRgba8>(store, readLevel, positionAbove(x0 + k, inverseX, scaleX),
+                                  positionAbove(y, inverseY, scaleY), &c[0], &c[1], &c[2], &c[3]);
+          storeBroughtDown<kKindRgba8>(p, c[0], c[1], c[2], toUnit, toValue, limit);
+          continue;
+        }
+        if (!rowReady) {
+          // The first hole of the run: the column sums of its five rows.
+          rowReady = true;
+          int32_t phaseY;
+          const int32_t j = kernelBase(positionAbove(y, inverseY, scaleY), &phaseY);
+          int32_t weightsY[5];
+          pixelOrderWeights(taps, phaseY, weightsY);
+          RowRef readRows[5];
+          for (int32_t r = 0; r < 5; ++r) {
+            const int32_t readY = clampToLevel(int32_t(uint32_t(j) - 2u + uint32_t(r)), maxY);
+            readRows[r] = rowRef(store, readLevel, readY, kBytes);
+          }
+          for (int32_t c = lowest; c <= highest;) {
+            const int32_t tileColumn = c >> kTileShift;
+            const int32_t tileEnd = (tileColumn + 1) * kTileWidth;
+            const int32_t stop = highest + 1 < tileEnd ? highest + 1 : tileEnd;
+            const uint8_t* rows[5];
+            for (int32_t r = 0; r < 5; ++r) {
+              rows[r] = readRows[r].tiles[tileColumn].pixels + readRows[r].offset + size_t(c & kTileMask) * kBytes;
+            }
+            columnSumsU8(rows, weightsY, stop - c, sums + 4 * (c - lowest));
+            c = stop;
+          }
+        }
+        const int32_t* col = columns[k];
+        const uint32_t* w = weightsX[k];
+        // Lanes 3, 2 and 1 hold red, green and blue; the alpha is not needed.
+        float value[3];
+        for (int32_t lane = 3; lane >= 1; --lane) {
+          const uint32_t total = uint32_t(sums[4 * col[0] + lane]) * w[0] + uint32_t(sums[4 * col[1] + lane]) * w[1] +
+                                 uint32_t(sums[4 * col[2] + lane]) * w[2] + uint32_t(sums[4 * col[3] + lane]) * w[3] +
+                                 uint32_t(sums[4 * col[4] + lane]) * w[4];
+          value[3 - lane] = float(int32_t(total)) * kScale8;
+        }
+        storeBroughtDown<kKindRgba8>(p, value[0], value[1], value[2], toUnit, toValue, limit);
+      }
+    }
+  }
+}
+
+// ---- roads by kind -------------------------------------------------------------------------------
+
+inline bool rowRoadKind(int32_t kind) { return kind == kKindRgba8 || kind == kKindRgba16 || kind == kKindRgbaFloat; }
+
 }  // namespace
 
 void diffuseLevel(PixelStore* store, int32_t level, int32_t passes) {
   if (passes < 1) return;
+  if (rowRoadKind(store->kind) && unitTripKeepsValues(store)) {
+    switch (store->kind) {
+      case kKindRgba8: diffuseLevelByRow<kKindRgba8>(store, level, passes); return;
+      case kKindRgba16: diffuseLevelByRow<kKindRgba16>(store, level, passes); return;
+      default: diffuseLevelByRow<kKindRgbaFloat>(store, level, passes); return;
+    }
+  }
   switch (store->kind) {
-    case kKindRgba8: diffuseLevelOf<kKindRgba8>(store, level, passes); return;
-    case kKindRgba16: diffuseLevelOf<kKindRgba16>(store, level, passes); return;
-    case kKindRgbaFloat: diffuseLevelOf<kKindRgbaFloat>(store, level, passes); return;
-    default: diffuseLevelOf<-1>(store, level, passes); return;
+    case kKindRgba8: diffuseLevelByPixel<kKindRgba8>(store, level, passes); return;
+    case kKindRgba16: diffuseLevelByPixel<kKindRgba16>(store, level, passes); return;
+    case kKindRgbaFloat: diffuseLevelByPixel<kKindRgbaFloat>(store, level, passes); return;
+    default: diffuseLevelByPixel<-1>(store, level, passes); return;
   }
 }
 
 void reduceColours(PixelStore* store, int32_t level) {
-  switch (store->kind) {
-    case kKindRgba8: reduceColoursOf<kKindRgba8>(store, level); return;
-    case kKindRgba16: reduceColoursOf<kKindRgba16>(store, level); return;
-    case kKindRgbaFloat: reduceColoursOf<kKindRgbaFloat>(store, level); return;
-    default: reduceColoursOf<-1>(store, level); return;
+  if (rowRoadKind(store->kind)) {
+    switch (store->kind) {
+      case kKindRgba8: reduceColoursByRow<kKindRgba8>(store, level); return;
+      case kKindRgba16: reduceColoursByRow<kKindRgba16>(store, level); return;
+      default: reduceColoursByRow<kKindRgbaFloat>(store, level); return;
+    }
   }
+  reduceColoursByPixel<-1>(store, level);
 }
 
 void expandInto(PixelStore* store, int32_t level) {
   const int32_t kind = store->kind;
   const bool integerKind = kind == kKindRgba8 || kind == kKindRgba16 || kind == kKindGray8 || kind == kKindGray16;
   const float limit = integerKind ? 1.0f : kFloatColourLimit;
+  // The level read: level + 1, held below the top. Where that is the level
+  // itself, the pixels read are the ones being rewritten and the order of
+  // the pixel road is part of the result.
+  int32_t readLevel = level + 1 < 0 ? 0 : level + 1;
+  if (readLevel > store->topLevel - 1) readLevel = store->topLevel - 1;
+  if (readLevel != level && rowRoadKind(kind) && unitTripKeepsValues(store)) {
+    switch (kind) {
+      case kKindRgba8:
+        if (columnSumsApply(store, readLevel)) {
+          expandIntoByColumnSums(store, level, readLevel, limit);
+        } else {
+          expandIntoByKernelCall<kKindRgba8>(store, level, readLevel, limit);
+        }
+        return;
+      case kKindRgba16: expandIntoByKernelCall<kKindRgba16>(store, level, readLevel, limit); return;
+      default: expandIntoByKernelCall<kKindRgbaFloat>(store, level, readLevel, limit); return;
+    }
+  }
   switch (kind) {
-    case kKindRgba8: expandIntoOf<kKindRgba8>(store, level, limit); return;
-    case kKindRgba16: expandIntoOf<kKindRgba16>(store, level, limit); return;
-    case kKindRgbaFloat: expandIntoOf<kKindRgbaFloat>(store, level, limit); return;
-    default: expandIntoOf<-1>(store, level, limit); return;
+    case kKindRgba8: expandIntoByPixel<kKindRgba8>(store, level, limit); return;
+    case kKindRgba16: expandIntoByPixel<kKindRgba16>(store, level, limit); return;
+    case kKindRgbaFloat: expandIntoByPixel<kKindRgbaFloat>(store, level, limit); return;
+    default: expandIntoByPixel<-1>(store, level, limit); return;
   }
 }
 

@@ -2,6 +2,12 @@
 
 #include "finish/blend_modes.h"
 
+#include <string.h>
+
+#include "host/blocks.h"
+#include "store/portable_math.h"
+#include "store/resample.h"
+
 namespace {
 
 // Display and partial stages of the engine; a whole-image run is stage 0.
@@ -20,10 +26,8 @@ void spillCascade(float* p, float* q) {
   if (*q > 1.0f) *p = addExcess(*q, *p);
 }
 
-}  // namespace
-
-void spillExcess(PixelValue* value, const HostTileView& view) {
-  if (view.floatMath) return;
+// The spill itself, for the integer depths.
+inline void spillInto(PixelValue* value) {
   float excess = 0.0f;
   int32_t mask = 0;
   if (value->r > 1.0f) {
@@ -38,6 +42,8 @@ void spillExcess(PixelValue* value, const HostTileView& view) {
     excess = addExcess(value->b, excess);
     mask += 4;
   }
+  // Nothing above 1, or all three: nobody has room, and nothing moves.
+  if (mask == 0 || mask == 7) return;
   excess = excess * kSpillGain;
   float share = float(double(excess) * kSpillScale);
   float half = float(double(share) * kSpillHalf);
@@ -69,6 +75,13 @@ void spillExcess(PixelValue* value, const HostTileView& view) {
     default:  // nothing above 1, or all three: nobody has room
       break;
   }
+}
+
+}  // namespace
+
+void spillExcess(PixelValue* value, const HostTileView& view) {
+  if (view.floatMath) return;
+  spillInto(value);
 }
 
 void mixAlphaAware(PixelValue* out, const PixelValue* a, const PixelValue* b, float t) {
@@ -175,4 +188,202 @@ void finishPixel(int32_t x, int32_t y, PixelValue* sample, const TileCursor& til
   }
 
   writeHostPixel(x, y, out, tile, previewBuffer, rowMode);
+}
+
+namespace {
+
+// The sample types of the three depths and their conversions, as the pixel
+// reader and writer of the host's tiles make them: one multiplication, and a
+// truncation for the integer depths. kShift turns a row step in bytes into
+// one in samples.
+struct Depth8 {
+  typedef uint8_t Sample;
+  static constexpr int kShift = 0;
+  static float read(Sample s, float scale) { return float(s) * scale; }
+  static Sample write(float c, float scale) { return uint8_t(truncFloat(c * scale)); }
+  static Sample writeAlpha(float a, float scale) { return uint8_t(truncFloat(a * scale)); }
+};
+
+struct Depth16 {
+  typedef uint16_t Sample;
+  static constexpr int kShift = 1;
+  static float read(Sample s, float scale) { return float(s) * scale; }
+  static Sample write(float c, float scale) { return uint16_t(truncFloat(c * scale)); }
+  static Sample writeAlpha(float a, float scale) { return uint16_t(truncFloat(a * scale)); }
+};
+
+struct DepthFloat {
+  typedef float Sample;
+  static constexpr int kShift = 2;
+  static float read(Sample s, float scale) { return s * scale; }
+  static Sample write(float c, float scale) { return c * scale; }
+  static Sample writeAlpha(float a, float scale) { return scale * a; }
+};
+
+// One row that lies wholly inside the unit and the host's outRect, at blend
+// mode 1 and the whole-image stage, with an output buffer: finishPixel's
+// steps for each pixel in turn, with what the view decides for the whole tile
+// (mask or none, the input row and how far it reaches, planes, scales) taken
+// once. Each pixel reads its input before it writes its output, as
+// finishPixel does.
+template <class D>
+void finishRowAt(int32_t y, int32_t left, int32_t right, const uint8_t* colours, ptrdiff_t strideBytes,
+                 const TileCursor& tile) {
+  typedef typename D::Sample Sample;
+  const HostTileView& view = tile.view;
+  const int32_t dy = y - tile.unitRect.top;
+
+  // The selection: whole when the host masks by itself or there is no mask;
+  // nothing on a row or column the host's mask does not reach.
+  const bool maskWhole = view.hostSig == kSelfMaskingHostSig || !view.haveMask || view.maskData == nullptr;
+  const bool maskRowThere = !maskWhole && !(dy >= view.maskRect[2] - view.maskRect[0]);
+  const uint8_t* maskRow =
+      maskRowThere ? static_cast<const uint8_t*>(view.maskData) + ptrdiff_t(dy) * ptrdiff_t(view.maskRowBytes)
+                   : nullptr;
+  const int32_t maskWidth = view.maskRect[3] - view.maskRect[1];
+
+  // The input row, as far as the host delivered it.
+  const bool inRowThere = view.inData != nullptr && !(dy >= view.inRect[2] - view.inRect[0]);
+  const Sample* inRow =
+      inRowThere ? static_cast<const Sample*>(view.inData) + ptrdiff_t(dy) * ptrdiff_t(view.inRowBytes >> D::kShift)
+                 : nullptr;
+  const int32_t inWidth = view.inRect[3] - view.inRect[1];
+  const ptrdiff_t inStride = ptrdiff_t(view.inHiPlane) - view.inLoPlane + 1;
+
+  Sample* outRow = static_cast<Sample*>(view.outData) + ptrdiff_t(dy) * ptrdiff_t(view.outRowBytes >> D::kShift);
+  const ptrdiff_t outStride = view.outPixelStride;
+
+  const bool colourPlanes = view.planes >= 3;
+  const bool gray = view.isGrayPlanes;
+  const bool floatMath = view.floatMath;
+  const bool transparency = view.hasTransparency;
+  // The alpha plane of both tiles is found by the input's figure.
+  const int32_t alphaPlane = view.inLayerPlanes;
+  const float inScale = view.invColourScale;
+  const float inAlphaScale = view.invAlphaScale;
+  const float outScale = view.colourScale;
+  const float outAlphaScale = float(view.alphaScaleInt);
+
+  for (int32_t x = left; x < right; ++x) {
+    const int32_t dx = x - tile.unitRect.left;
+    PixelValue sample = {0.0f, 0.0f, 0.0f, 0.0f};
+    if (colours != nullptr) {
+      float c[4];
+      memcpy(c, colours + ptrdiff_t(x - left) * strideBytes, sizeof c);
+      sample = PixelValue{c[0], c[1], c[2], c[3]};
+    }
+
+    if (!floatMath) sample.a = sample.a * kAlphaGain;
+    if (sample.a < 0.0f) sample.a = 0.0f;
+    if (sample.a > 1.0f) sample.a = 1.0f;
+    if (sample.r < 0.0f) sample.r = 0.0f;
+    if (sample.g < 0.0f) sample.g = 0.0f;
+    if (sample.b < 0.0f) sample.b = 0.0f;
+    if (!floatMath) spillInto(&sample);
+    if (gray) {
+      float l = (sample.g * kGrayGreen + sample.r * kGrayRed) + sample.b * kGrayBlue;
+      sample.r = l;
+      sample.g = l;
+      sample.b = l;
+    }
+
+    float coverage;
+    if (maskWhole) {
+      coverage = 1.0f;
+    } else if (maskRow == nullptr || dx >= maskWidth) {
+      coverage = 0.0f;
+    } else {
+      coverage = float(maskRow[dx]) * kMaskByteScale;
+    }
+    const bool wholeCoverage = !(double(coverage) < kCoverageWhole);
+
+    PixelValue dst = {0.0f, 0.0f, 0.0f, 0.0f};
+    if (!(double(sample.a) < 1.0) && wholeCoverage) {
+      dst = PixelValue{0.0f, 0.0f, 0.0f, 1.0f};
+    } else if (inRow != nullptr && !(dx >= inWidth)) {
+      const Sample* p = inRow + ptrdiff_t(dx) * inStride;
+      dst.r = D::read(p[0], inScale);
+      dst.g = colourPlanes ? D::read(p[1], inScale) : dst.r;
+      dst.b = colourPlanes ? D::read(p[2], inScale) : dst.r;
+      dst.a = transparency ? D::read(p[alphaPlane], inAlphaScale) : 1.0f;
+    }
+
+    // Blend mode 1 is a plain copy of the sample.
+    PixelValue out = sample;
+    if (floatMath) {
+      if (out.r > kFloatColourMax) out.r = kFloatColourMax;
+      if (out.g > kFloatColourMax) out.g = kFloatColourMax;
+      if (out.b > kFloatColourMax) out.b = kFloatColourMax;
+    } else {
+      if (!transparency && out.a < 1.0f) {
+        PixelValue over = out;
+        out = dst;
+        compositeOver(&over, &out);
+      }
+      if (out.r > 1.0f) out.r = 1.0f;
+      if (out.g > 1.0f) out.g = 1.0f;
+      if (out.b > 1.0f) out.b = 1.0f;
+    }
+
+    if (!wholeCoverage) {
+      out.r = (out.r - dst.r) * coverage + dst.r;
+      out.g = (out.g - dst.g) * coverage + dst.g;
+      out.b = (out.b - dst.b) * coverage + dst.b;
+      out.a = (out.a - dst.a) * coverage + dst.a;
+    }
+
+    Sample* p = outRow + ptrdiff_t(dx) * outStride;
+    if (colourPlanes) {
+      p[0] = D::write(out.r, outScale);
+      p[1] = D::write(out.g, outScale);
+      p[2] = D::write(out.b, outScale);
+    } else {
+      p[0] = D::write(out.g, outScale);  // a gray tile takes the green channel
+    }
+    if (transparency) p[alphaPlane] = D::writeAlpha(out.a, outAlphaScale);
+  }
+}
+
+}  // namespace
+
+void finishRow(int32_t y, int32_t left, int32_t right, const void* colours, ptrdiff_t strideBytes,
+               const TileCursor& tile, PreviewBuffer* previewBuffer) {
+  const uint8_t* base = static_cast<const uint8_t*>(colours);
+  const HostTileView& view = tile.view;
+  const VRect& unit = tile.unitRect;
+  if (left < right && view.outData != nullptr && finishBlendMode() == kBlendCopy &&
+      finishRunStage() == kRunStageWhole) {
+    // Every pixel of the row inside the unit and inside the host's outRect:
+    // the tests of writeHostPixel, made for the row's last pixel, which bounds
+    // the others.
+    const int32_t dy = y - unit.top;
+    const int32_t firstDx = left - unit.left;
+    const int32_t lastDx = right - 1 - unit.left;
+    const bool rowInside = uint32_t(dy) < uint32_t(unit.bottom - unit.top) && !(dy >= view.outRect[2] - view.outRect[0]) &&
+                           firstDx >= 0 && uint32_t(lastDx) < uint32_t(unit.right - unit.left) &&
+                           !(lastDx >= view.outRect[3] - view.outRect[1]);
+    if (rowInside) {
+      if (view.is8Bit) {
+        finishRowAt<Depth8>(y, left, right, base, strideBytes, tile);
+        return;
+      }
+      if (view.is16Bit) {
+        finishRowAt<Depth16>(y, left, right, base, strideBytes, tile);
+        return;
+      }
+      if (view.is32Bit) {
+        finishRowAt<DepthFloat>(y, left, right, base, strideBytes, tile);
+        return;
+      }
+    }
+  }
+  for (int32_t x = left; x < right; ++x) {
+    PixelValue sample = {0.0f, 0.0f, 0.0f, 0.0f};
+    if (base != nullptr) {
+      float c[4];
+      memcpy(c, base + ptrdiff_t(x - left) * strideBytes, sizeof c);
+      sample = PixelValue{c[0], c[1], c[2], c[3]};
+    }
+    finishPixel(x, y, &sample, tile, previewBuffer, kRowModeRows);
+  }
 }

@@ -10,6 +10,7 @@
 // engine's other switches.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "finish/host_pixels.h"
@@ -42,6 +43,16 @@ constexpr double kSpillHalf = 0.5;
 // is the frame of x and y. `previewBuffer` is read only by a display stage.
 void finishPixel(int32_t x, int32_t y, PixelValue* sample, const TileCursor& tile, PreviewBuffer* previewBuffer,
                  int32_t rowMode = kRowModeRows);
+
+// finishPixel for the pixels x = left .. right - 1 of row y, in that order.
+// The colour of pixel x is the four floats (r, g, b, a) that start
+// (x - left) * strideBytes bytes after `colours`; null colours give every
+// pixel the sample (0, 0, 0, 0). The result is that of calling finishPixel
+// pixel by pixel. A row that the host's tile holds whole, at blend mode 1 and
+// the whole-image stage, runs in a loop made for the tile's depth, with the
+// view's per-tile decisions taken once for the row.
+void finishRow(int32_t y, int32_t left, int32_t right, const void* colours, ptrdiff_t strideBytes,
+               const TileCursor& tile, PreviewBuffer* previewBuffer);
 
 // Colour above 1.0 in one or two of red, green, blue moves into the others, so
 // that the pixel turns toward white instead of being cut. Does nothing in

@@ -6,77 +6,180 @@
 #include "host/plugin_main.h"
 #include "store/pixel_store.h"
 #include "store/portable_math.h"
+#include "store/resample.h"
 
 namespace {
 
-// The three stores a walk reads, fetched once per walk.
-struct WalkStores {
-  const PixelStore* source;
-  const PixelStore* opaque;
-  const PixelStore* field;
+// The unit-range value of a solid-map byte, as the store's reader gives it.
+inline bool solidByte(uint8_t value) { return float(double(value) * 0.003921568627451) > 0.5f; }
+
+// Whether pixel (x, y) lies in the source and is solid. The byte map is read
+// from its tile directly, clamped to the map's own level as its reader clamps.
+inline bool solidIn(const WalkView& w, int32_t x, int32_t y) {
+  if (uint32_t(x) >= uint32_t(w.width) || uint32_t(y) >= uint32_t(w.height)) return false;
+  if (!w.opaqueBytes) return readUnitScalar(x, y, w.opaque, 0) > 0.5f;
+  if (w.opaqueTiles == nullptr) return false;
+  x = clampToLevel(x, w.opaqueMaxX);
+  y = clampToLevel(y, w.opaqueMaxY);
+  const StoreTile& tile = w.opaqueTiles[(y >> kTileShift) * w.opaqueAcross + (x >> kTileShift)];
+  return solidByte(tile.pixels[(y & kTileMask) * kTileWidth + (x & kTileMask)]);
+}
+
+inline bool solidClampedIn(const WalkView& w, int32_t x, int32_t y) {
+  x = clampToLevel(x, w.width - 1);
+  y = clampToLevel(y, w.height - 1);
+  return solidIn(w, x, y);
+}
+
+// One axis of a bilinear read of the field: the base pixel, floor-like but
+// with an exact negative integer taken one below itself, and the fraction.
+struct FieldTap {
+  int32_t base;
+  float frac;
 };
 
-inline WalkStores walkStores() {
-  WalkStores w;
-  w.source = &hostContext.instanceBlock->sourceStore;
-  w.opaque = hostContext.paramBlock->opaqueStore;
-  w.field = hostContext.paramBlock->distanceStore;
-  return w;
+inline FieldTap fieldTap(float f) {
+  FieldTap t;
+  t.base = f >= 0.0f ? truncFloat(f) : truncFloat(f - 1.0f);
+  t.frac = f - float(t.base);
+  return t;
 }
 
-inline float opaqueIn(const WalkStores& w, int32_t x, int32_t y) {
-  if (pointOutside(x, y, w.source, 0)) return 0.0f;
-  return readUnitScalar(x, y, w.opaque, 0) > 0.5f ? 1.0f : 0.0f;
+inline float lerpCorners(float a, float b, float c, float d, float tx, float ty) {
+  float top = a + (b - a) * tx;
+  float bottom = c + (d - c) * tx;
+  return top + (bottom - top) * ty;
 }
 
-inline float opaqueClampedIn(const WalkStores& w, int32_t x, int32_t y) {
-  x = clampToLevel(x, w.source->levelWidth[0] - 1);
-  y = clampToLevel(y, w.source->levelHeight[0] - 1);
-  return opaqueIn(w, x, y);
+// The five field reads of a step: at X + 1, X - 1 on row Y, at Y + 1, Y - 1 on
+// column X, and at (X, Y) itself. Each is the store's bilinear read at the
+// float coordinates. The usual case, all 3 x 3 positions with their right
+// and lower neighbours inside the field and inside one tile, reads the tile
+// directly; anywhere else the store's reader does it, edges and all.
+struct FieldReads {
+  float right;
+  float left;
+  float down;
+  float up;
+  float here;
+};
+
+inline FieldReads readField(const WalkView& w, float xm, float x0, float xp, float ym, float y0, float yp) {
+  FieldReads r;
+  const FieldTap tm = fieldTap(xm);
+  const FieldTap t0 = fieldTap(x0);
+  const FieldTap tp = fieldTap(xp);
+  const FieldTap sm = fieldTap(ym);
+  const FieldTap s0 = fieldTap(y0);
+  const FieldTap sp = fieldTap(yp);
+  const int32_t loX = tm.base < t0.base ? tm.base : t0.base;
+  const int32_t hiX = tp.base > t0.base ? tp.base : t0.base;
+  const int32_t loY = sm.base < s0.base ? sm.base : s0.base;
+  const int32_t hiY = sp.base > s0.base ? sp.base : s0.base;
+  if (w.fieldTiles != nullptr && loX >= 0 && loY >= 0 && hiX < w.fieldMaxX && hiY < w.fieldMaxY &&
+      (loX >> kTileShift) == ((hiX + 1) >> kTileShift) && (loY >> kTileShift) == ((hiY + 1) >> kTileShift) &&
+      tm.base <= hiX && tp.base >= loX && sm.base <= hiY && sp.base >= loY) {
+    const StoreTile& tile = w.fieldTiles[(loY >> kTileShift) * w.fieldAcross + (loX >> kTileShift)];
+    const uint8_t* pixels = tile.pixels;
+    auto at = [pixels](int32_t x, int32_t y) {
+      return pixels + size_t(((y & kTileMask) * kTileWidth + (x & kTileMask))) * 4u;
+    };
+    auto read = [](const uint8_t* p, float tx, float ty) {
+      return lerpCorners(loadFloat(p), loadFloat(p + 4), loadFloat(p + kTileWidth * 4),
+                         loadFloat(p + kTileWidth * 4 + 4), tx, ty);
+    };
+    r.right = read(at(tp.base, s0.base), tp.frac, s0.frac);
+    r.left = read(at(tm.base, s0.base), tm.frac, s0.frac);
+    r.down = read(at(t0.base, sp.base), t0.frac, sp.frac);
+    r.up = read(at(t0.base, sm.base), t0.frac, sm.frac);
+    r.here = read(at(t0.base, s0.base), t0.frac, s0.frac);
+    return r;
+  }
+  r.right = readBilinear(xp, y0, w.field, 0);
+  r.left = readBilinear(xm, y0, w.field, 0);
+  r.down = readBilinear(x0, yp, w.field, 0);
+  r.up = readBilinear(x0, ym, w.field, 0);
+  r.here = readBilinear(x0, y0, w.field, 0);
+  return r;
 }
 
-inline float fieldAt(const WalkStores& w, double fx, double fy) {
-  return readBilinear(float(fx), float(fy), w.field, 0);
-}
-
-bool stepIn(const WalkStores& w, float x, float y, float* outX, float* outY) {
+// One step. `knownBare` says that the caller has just found the point itself
+// bare (the previous step's last test): unless the reflection moves it, the
+// test at the head of the step would give the same answer, and is skipped.
+bool stepIn(const WalkView& w, float x, float y, float* outX, float* outY, bool knownBare) {
   // Reflect once per side, in this order, the tests strict: a point at exactly
   // -1 or exactly at the width stays.
-  double width = double(w.source->levelWidth[0]);
-  double height = double(w.source->levelHeight[0]);
-  if (x < -1.0f) x = float(2.0 * -1.0 - double(x));
-  if (y < -1.0f) y = float(2.0 * -1.0 - double(y));
-  if (double(x) > width) x = float(2.0 * width - double(x));
-  if (double(y) > height) y = float(2.0 * height - double(y));
+  const double width = double(w.width);
+  const double height = double(w.height);
+  bool moved = false;
+  if (x < -1.0f) {
+    x = float(2.0 * -1.0 - double(x));
+    moved = true;
+  }
+  if (y < -1.0f) {
+    y = float(2.0 * -1.0 - double(y));
+    moved = true;
+  }
+  if (double(x) > width) {
+    x = float(2.0 * width - double(x));
+    moved = true;
+  }
+  if (double(y) > height) {
+    y = float(2.0 * height - double(y));
+    moved = true;
+  }
 
-  if (opaqueIn(w, truncToInt32(x), truncToInt32(y)) > 0.5f) {
+  if ((moved || !knownBare) && solidIn(w, truncFloat(x), truncFloat(y))) {
     *outX = x;
     *outY = y;
     return true;
   }
 
   // Field position: the field's margin of 9, less half a pixel, so that the
-  // bilinear read centres on the pixel.
-  double fx = double(x) + (double(kFieldMargin) - 0.5);
-  double fy = double(y) + (double(kFieldMargin) - 0.5);
+  // bilinear read centres on the pixel. Each read's coordinates are rounded to
+  // float from the double sums.
+  const double fx = double(x) + (double(kFieldMargin) - 0.5);
+  const double fy = double(y) + (double(kFieldMargin) - 0.5);
+  const FieldReads f =
+      readField(w, float(fx - 1.0), float(fx), float(fx + 1.0), float(fy - 1.0), float(fy), float(fy + 1.0));
   // Central differences over two field pixels, subtracted in single precision.
-  float gx = fieldAt(w, fx + 1.0, fy) - fieldAt(w, fx - 1.0, fy);
-  float gy = fieldAt(w, fx, fy + 1.0) - fieldAt(w, fx, fy - 1.0);
+  const float gx = f.right - f.left;
+  const float gy = f.down - f.up;
   // No guard: a flat spot gives NaN, and the NaN stays in the point.
-  double n = 1.0 / sqrt(double(gx) * double(gx) + double(gy) * double(gy));
-  double nx = double(gx) * n;
-  double ny = double(gy) * n;
-  float d = fieldAt(w, fx, fy);
+  const double n = 1.0 / sqrt(double(gx) * double(gx) + double(gy) * double(gy));
+  const double nx = double(gx) * n;
+  const double ny = double(gy) * n;
+  const float d = f.here;
   // The step is twice the distance, against the gradient; the factor is part
   // of the result, not a tuning knob.
-  float nextX = float(double(x) - 2.0 * double(d) * nx);
-  float nextY = float(double(y) - 2.0 * double(d) * ny);
+  const float nextX = float(double(x) - 2.0 * double(d) * nx);
+  const float nextY = float(double(y) - 2.0 * double(d) * ny);
   *outX = nextX;
   *outY = nextY;
-  return opaqueIn(w, truncToInt32(nextX), truncToInt32(nextY)) > 0.5f;
+  return solidIn(w, truncFloat(nextX), truncFloat(nextY));
 }
 
 }  // namespace
+
+void walkViewFromBlocks(WalkView* view) {
+  const PixelStore* source = &hostContext.instanceBlock->sourceStore;
+  const PixelStore* opaque = hostContext.paramBlock->opaqueStore;
+  const PixelStore* field = hostContext.paramBlock->distanceStore;
+  view->source = source;
+  view->opaque = opaque;
+  view->field = field;
+  view->width = source->levelWidth[0];
+  view->height = source->levelHeight[0];
+  view->opaqueBytes = opaque->kind == kKindGray8;
+  view->opaqueTiles = opaque->tiles != nullptr ? opaque->tiles + opaque->firstTile[0] : nullptr;
+  view->opaqueAcross = opaque->tilesAcross[0];
+  view->opaqueMaxX = opaque->levelMaxX[0];
+  view->opaqueMaxY = opaque->levelMaxY[0];
+  view->fieldTiles = field->tiles != nullptr ? field->tiles + field->firstTile[0] : nullptr;
+  view->fieldAcross = field->tilesAcross[0];
+  view->fieldMaxX = field->levelMaxX[0];
+  view->fieldMaxY = field->levelMaxY[0];
+}
 
 void pointToUnit(float x, float y, int32_t sampleRate, int32_t offsetX, int32_t offsetY, const PixelStore* store,
                  float* u, float* v, float* s, float* t) {
@@ -88,32 +191,103 @@ void pointToUnit(float x, float y, int32_t sampleRate, int32_t offsetX, int32_t 
   *t = (*v - 0.5f) * store->aspectY;
 }
 
-float opaqueAt(int32_t x, int32_t y) { return opaqueIn(walkStores(), x, y); }
+float opaqueAt(int32_t x, int32_t y) {
+  WalkView w;
+  walkViewFromBlocks(&w);
+  return solidIn(w, x, y) ? 1.0f : 0.0f;
+}
 
-float opaqueAtClamped(int32_t x, int32_t y) { return opaqueClampedIn(walkStores(), x, y); }
+float opaqueAtClamped(int32_t x, int32_t y) {
+  WalkView w;
+  walkViewFromBlocks(&w);
+  return solidClampedIn(w, x, y) ? 1.0f : 0.0f;
+}
 
-bool walkStep(float x, float y, float* outX, float* outY) { return stepIn(walkStores(), x, y, outX, outY); }
+bool walkStep(float x, float y, float* outX, float* outY) {
+  WalkView w;
+  walkViewFromBlocks(&w);
+  return stepIn(w, x, y, outX, outY, false);
+}
 
-bool nearestOpaque(float x, float y, float* outX, float* outY) {
-  WalkStores w = walkStores();
-  int32_t xi = truncToInt32(x);
-  int32_t yi = truncToInt32(y);
-  if (pointOutside(xi, yi, w.source, 0) && opaqueClampedIn(w, xi, yi) == 1.0f) {
+bool nearestOpaqueIn(const WalkView& w, float x, float y, float* outX, float* outY) {
+  const int32_t xi = truncFloat(x);
+  const int32_t yi = truncFloat(y);
+  const bool outside = uint32_t(xi) >= uint32_t(w.width) || uint32_t(yi) >= uint32_t(w.height);
+  if (outside && solidClampedIn(w, xi, yi)) {
     *outX = x;
     *outY = y;
     return false;
   }
+  // A point inside the source is never reflected, so the first step's test is
+  // the solid test of (xi, yi) itself: a corner on a solid pixel stays, for the
+  // cost of one read of the map. A point outside is never solid either: the
+  // first step need not look again.
+  if (!outside && solidIn(w, xi, yi)) {
+    *outX = x;
+    *outY = y;
+    return true;
+  }
   float cx = x;
   float cy = y;
+  bool knownBare = true;
   for (int32_t step = 0; step < kWalkSteps; ++step) {
     float nx;
     float ny;
-    bool arrived = stepIn(w, cx, cy, &nx, &ny);
+    const bool arrived = stepIn(w, cx, cy, &nx, &ny, knownBare);
     cx = nx;
     cy = ny;
     if (arrived) break;
+    knownBare = true;
   }
   *outX = cx;
   *outY = cy;
   return true;
+}
+
+void nearestOpaqueMany(const WalkView& w, int32_t count, const float* x, const float* y, float* outX,
+                       float* outY, int32_t* walked) {
+  // The walks of one round, by index; a batch at a time keeps the list on the stack.
+  constexpr int32_t kBatch = 256;
+  int32_t active[kBatch];
+  for (int32_t base = 0; base < count; base += kBatch) {
+    const int32_t end = count - base < kBatch ? count : base + kBatch;
+    int32_t n = 0;
+    for (int32_t i = base; i < end; ++i) {
+      const int32_t xi = truncFloat(x[i]);
+      const int32_t yi = truncFloat(y[i]);
+      const bool outside = uint32_t(xi) >= uint32_t(w.width) || uint32_t(yi) >= uint32_t(w.height);
+      // Outside beside a solid pixel: taken as it stands, not walked. Inside
+      // on a solid pixel: stays. Anything else walks.
+      const bool besideSolid = outside && solidClampedIn(w, xi, yi);
+      const bool onSolid = !outside && solidIn(w, xi, yi);
+      outX[i] = x[i];
+      outY[i] = y[i];
+      walked[i] = besideSolid ? 0 : 1;
+      active[n] = i;
+      n += (besideSolid || onSolid) ? 0 : 1;
+    }
+    // Each round steps every walk still under way once; a walk that arrives
+    // leaves the list. The first step of each needs no solid test of its own
+    // point (see nearestOpaqueIn), nor does any later one.
+    for (int32_t step = 0; step < kWalkSteps && n > 0; ++step) {
+      int32_t still = 0;
+      for (int32_t k = 0; k < n; ++k) {
+        const int32_t i = active[k];
+        float nx;
+        float ny;
+        const bool arrived = stepIn(w, outX[i], outY[i], &nx, &ny, true);
+        outX[i] = nx;
+        outY[i] = ny;
+        active[still] = i;
+        still += arrived ? 0 : 1;
+      }
+      n = still;
+    }
+  }
+}
+
+bool nearestOpaque(float x, float y, float* outX, float* outY) {
+  WalkView w;
+  walkViewFromBlocks(&w);
+  return nearestOpaqueIn(w, x, y, outX, outY);
 }

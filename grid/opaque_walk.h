@@ -25,6 +25,57 @@ constexpr int32_t kFieldMargin = 9;
 void pointToUnit(float x, float y, int32_t sampleRate, int32_t offsetX, int32_t offsetY, const PixelStore* store,
                  float* u, float* v, float* s, float* t);
 
+// The u and v of pointToUnit alone, inline for the grid's loops: the same
+// single-precision operations in the same order.
+inline void pointToUnitUV(float x, float y, float rate, float offsetX, float offsetY, float halfPixelU,
+                          float halfPixelV, float* u, float* v) {
+  float fx = x * rate + offsetX + 0.5f;
+  float fy = y * rate + offsetY + 0.5f;
+  *u = (fx + 1.0f + fx) * halfPixelU;
+  *v = (fy + 1.0f + fy) * halfPixelV;
+}
+
+struct StoreTile;
+
+// What the walks read, taken from the blocks and the stores once for many
+// walks (a render unit's worth): the source's size, and the solid map and
+// distance field with their level-0 tile tables. Valid while the stores stay
+// as they are, which holds for the whole render.
+struct WalkView {
+  const PixelStore* source;
+  const PixelStore* opaque;
+  const PixelStore* field;
+  int32_t width;  // level 0 of the source
+  int32_t height;
+  // The solid map, read straight from its tiles when it is the usual byte
+  // store; any other kind goes through the store's own reader.
+  bool opaqueBytes;
+  const StoreTile* opaqueTiles;  // level 0's first tile; null when the store has none
+  int32_t opaqueAcross;
+  int32_t opaqueMaxX;
+  int32_t opaqueMaxY;
+  // The distance field, level 0.
+  const StoreTile* fieldTiles;  // null when the store has none
+  int32_t fieldAcross;
+  int32_t fieldMaxX;
+  int32_t fieldMaxY;
+};
+
+// The view of the stores that the blocks in hostContext name. The source, the
+// solid map and the field must be there.
+void walkViewFromBlocks(WalkView* view);
+
+// nearestOpaque through a view taken beforehand: the same result.
+bool nearestOpaqueIn(const WalkView& view, float x, float y, float* outX, float* outY);
+
+// nearestOpaqueIn for `count` points (x[i], y[i]) at once: outX[i], outY[i]
+// and walked[i] (1 or 0) are what nearestOpaqueIn gives for point i. The
+// walks still under way take their steps in turn, one step each per round,
+// so that the processor overlaps independent walks instead of waiting on one
+// at a time; every walk takes exactly the steps it would take alone.
+void nearestOpaqueMany(const WalkView& view, int32_t count, const float* x, const float* y, float* outX,
+                       float* outY, int32_t* walked);
+
 // 1.0 when pixel (x, y) lies in the source and is solid, else 0.0.
 float opaqueAt(int32_t x, int32_t y);
 // opaqueAt of (x, y) limited to the source's level 0.

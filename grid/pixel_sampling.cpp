@@ -16,6 +16,31 @@ const float kNoHitColour[4] = {1.0f, 0.0f, 1.0f, 1.0f};
 
 inline void zeroColour(float out[4]) { out[0] = out[1] = out[2] = out[3] = 0.0f; }
 
+// The mean of the single-position window, weighted by alpha: with its one
+// sample at alpha 1.0 the colour comes back unchanged and opaque. The alpha
+// read from the source is dropped here.
+inline int32_t windowMean(float c[4]) {
+  float alpha = 1.0f;
+  float sumR = c[0] * alpha;
+  float sumG = c[1] * alpha;
+  float sumB = c[2] * alpha;
+  float sumA = alpha;
+  int32_t samples = 1;
+  if (sumA == 0.0f) {
+    zeroColour(c);
+  } else {
+    c[0] = sumR / sumA;
+    c[1] = sumG / sumA;
+    c[2] = sumB / sumA;
+    c[3] = sumA / float(samples);
+  }
+  return samples;
+}
+
+inline bool sameKeys(const SampleCell* a, const SampleCell* b) {
+  return a->keyA == b->keyA && a->keyB == b->keyB && a->keyC == b->keyC;
+}
+
 // The circle mean of two coordinates of period 1: across the wrap the short
 // way round.
 inline double circleMean(double a, double b) {
@@ -91,25 +116,7 @@ void sampleWindow(int32_t x, int32_t y, float offX, float offY, float sharpness,
   SampleCell cellCopy;
   sampleAtCorners(x, y, store, 0, sharpness, grid, sample, &cellCopy, false);
 
-  // The window's mean, weighted by alpha: with its one sample at alpha 1.0 the
-  // colour comes back unchanged and opaque. The alpha read from the source is
-  // dropped here.
-  float* c = sample.resultColour;
-  float alpha = 1.0f;
-  float sumR = c[0] * alpha;
-  float sumG = c[1] * alpha;
-  float sumB = c[2] * alpha;
-  float sumA = alpha;
-  int32_t samples = 1;
-  if (sumA == 0.0f) {
-    zeroColour(c);
-  } else {
-    c[0] = sumR / sumA;
-    c[1] = sumG / sumA;
-    c[2] = sumB / sumA;
-    c[3] = sumA / float(samples);
-  }
-  sample.sampleCount = samples;
+  sample.sampleCount = windowMean(sample.resultColour);
 }
 
 void samplePixel(float sharpness, const PixelStore* store, int32_t x, int32_t y, SampleGrid* grid, int32_t mode,
@@ -142,16 +149,81 @@ void samplePixel(float sharpness, const PixelStore* store, int32_t x, int32_t y,
   sampleWindow(x, y, 0.5f, 0.5f, sharpness, grid, store, kWindowKind, count, sample, unit);
 }
 
+namespace {
+
+// One pixel whose four corner cells are given: the sampler's whole road when
+// a corner is missing or the keys differ, else the road those always take.
+inline void sampleCorners(SampleGrid* grid, const PixelStore* store, int32_t x, int32_t y, SampleCell* here,
+                          const SampleCell* left, const SampleCell* up, const SampleCell* upLeft, JobUnit* unit) {
+  if (here == nullptr || left == nullptr || up == nullptr || upLeft == nullptr || !sameKeys(here, left) ||
+      !sameKeys(here, up) || !sameKeys(here, upLeft)) {
+    PixelSample sample;
+    samplePixel(kDefaultSharpness, store, x, y, grid, kSamplerMode, gridsPerUnit(), sample, unit);
+    if (here != nullptr) memcpy(here->colour, sample.resultColour, sizeof here->colour);
+    return;
+  }
+  // All four corners there, with equal keys: their hashes agree, so no corner
+  // class, no fixed level, and the single-position window over the corners.
+  // This is samplePixel's road for such a pixel, step by step.
+  grid->spanA = here->spanA;
+  grid->spanB = here->spanB;
+  grid->state.fixedLod = false;
+  grid->reuseFlag = 0;
+  float colour[4];
+  if (cellMissed(*here)) {
+    memcpy(colour, kNoHitColour, sizeof colour);
+  } else {
+    float c1 = averageV(up->landV, here->landV, 0);
+    float c2 = averageV(left->landV, upLeft->landV, 0);
+    const float v = averageV(c2, c1, 0);
+    c1 = averageU(up->landU, here->landU, 0);
+    c2 = averageU(left->landU, upLeft->landU, 0);
+    const float u = averageU(c2, c1, 0);
+    footprintFromCorners(left->landU, left->landV, up->landU, up->landV, here->landU, here->landV, u, v, store,
+                         colour, kDefaultSharpness, &grid->state);
+  }
+  windowMean(colour);
+  memcpy(here->colour, colour, sizeof here->colour);
+}
+
+}  // namespace
+
 void samplePixels(JobUnit* unit) {
   SampleGrid* grid = &unit->grids[0];
   const VRect& r = unit->cursor.unitRect;
-  // Signed 16-bit counters against the full edges, as in the cell fill.
-  for (int16_t y = int16_t(uint16_t(r.top)); int32_t(y) < r.bottom; y = int16_t(uint16_t(y + 1))) {
-    for (int16_t x = int16_t(uint16_t(r.left)); int32_t(x) < r.right; x = int16_t(uint16_t(x + 1))) {
-      PixelSample sample;
-      samplePixel(kDefaultSharpness, grid->store, x, y, grid, kSamplerMode, gridsPerUnit(), sample, unit);
-      SampleCell* cell = cellAt(grid, x, y);
-      if (cell != nullptr) memcpy(cell->colour, sample.resultColour, sizeof cell->colour);
+  const PixelStore* store = grid->store;
+  // Signed 16-bit counters against the full edges, as in the cell fill. A
+  // rectangle whose edges lie inside that range never wraps, and runs on
+  // plain counters with the cells of each row found once.
+  const bool plainCounters = int32_t(int16_t(r.top)) == r.top && int32_t(int16_t(r.left)) == r.left &&
+                             r.bottom <= 32767 && r.right <= 32767;
+  if (!plainCounters) {
+    for (int16_t y = int16_t(uint16_t(r.top)); int32_t(y) < r.bottom; y = int16_t(uint16_t(y + 1))) {
+      for (int16_t x = int16_t(uint16_t(r.left)); int32_t(x) < r.right; x = int16_t(uint16_t(x + 1))) {
+        sampleCorners(grid, store, x, y, cellAt(grid, x, y), cellAt(grid, x - 1, y), cellAt(grid, x, y - 1),
+                      cellAt(grid, x - 1, y - 1), unit);
+      }
+    }
+    return;
+  }
+  const int32_t width = r.right - r.left;
+  for (int32_t y = r.top; y < r.bottom; ++y) {
+    if (width <= 0) continue;
+    // The row of lower corners and the row of upper corners, from the column
+    // left of the rectangle to its last; when both ends of both rows have
+    // cells, the cells between follow each other in the array.
+    SampleCell* lower = cellAt(grid, r.left - 1, y);
+    SampleCell* upper = cellAt(grid, r.left - 1, y - 1);
+    if (lower != nullptr && upper != nullptr && cellAt(grid, r.right - 1, y) == lower + width &&
+        cellAt(grid, r.right - 1, y - 1) == upper + width) {
+      for (int32_t k = 0; k < width; ++k) {
+        sampleCorners(grid, store, r.left + k, y, lower + k + 1, lower + k, upper + k + 1, upper + k, unit);
+      }
+    } else {
+      for (int32_t x = r.left; x < r.right; ++x) {
+        sampleCorners(grid, store, x, y, cellAt(grid, x, y), cellAt(grid, x - 1, y), cellAt(grid, x, y - 1),
+                      cellAt(grid, x - 1, y - 1), unit);
+      }
     }
   }
 }

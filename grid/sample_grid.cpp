@@ -44,47 +44,112 @@ void gridRelease(SampleGrid* grids, int32_t count) {
   for (int32_t i = 0; i < count; ++i) globalBlockFree(&grids[i].cells);
 }
 
-void cellPoint(float x, float y, int32_t sampleRate, int32_t offsetX, int32_t offsetY, const PixelStore* store,
-               SampleGrid* grid, SampleCell* cell) {
+namespace {
+
+// What every cell of a unit shares: the walk's view of the stores, and the
+// grid's rate, offsets and half pixels as pointToUnit converts them.
+struct CellContext {
+  WalkView walk;
+  float rate;
+  float offsetX;
+  float offsetY;
+  float halfPixelU;
+  float halfPixelV;
+};
+
+inline void cellContext(const SampleGrid* grid, int32_t sampleRate, int32_t offsetX, int32_t offsetY,
+                        const PixelStore* store, CellContext* c) {
   (void)grid;
+  walkViewFromBlocks(&c->walk);
+  c->rate = float(sampleRate);
+  c->offsetX = float(offsetX);
+  c->offsetY = float(offsetY);
+  c->halfPixelU = store->halfPixelU;
+  c->halfPixelV = store->halfPixelV;
+}
+
+// A cell as cellPoint leaves it, given the walk's answer for its point: the
+// point's unit coordinates, its landing point, and the keys of what it hit.
+// The words are written in their final state; the colour and the spare word
+// are not touched.
+inline void storeCell(const CellContext& c, float x, float y, float landX, float landY, bool walked,
+                      SampleCell* cell) {
   float u;
   float v;
-  float s;
-  float t;
-  pointToUnit(x, y, sampleRate, offsetX, offsetY, store, &u, &v, &s, &t);
-  cell->rawU = u;
-  cell->rawV = v;
-  cell->startU = -997.0f;
-  cell->startV = -998.0f;
-  cell->keyA = kKeyObject;
-  cell->keyC = 0;
-  cell->noHit = 0;
-  cell->spanA = 0;
-  cell->spanB = 0;
-  cell->landU = -1.0f;
-  cell->landV = -1.0f;
-  cell->keyB = 0;
+  pointToUnitUV(x, y, c.rate, c.offsetX, c.offsetY, c.halfPixelU, c.halfPixelV, &u, &v);
+  float landU;
+  float landV;
+  pointToUnitUV(landX, landY, c.rate, c.offsetX, c.offsetY, c.halfPixelU, c.halfPixelV, &landU, &landV);
+  cell->landU = landU;
+  cell->landV = landV;
   cell->startU = u;
   cell->startV = v;
-  float landX;
-  float landY;
-  cell->walked = nearestOpaque(x, y, &landX, &landY) ? 1 : 0;
-  pointToUnit(landX, landY, sampleRate, offsetX, offsetY, store, &cell->landU, &cell->landV, &s, &t);
-  cell->keyB = kKeyHit;
+  cell->walked = walked ? 1 : 0;
+  cell->spanA = 0;
+  cell->spanB = 0;
+  cell->rawU = u;
+  cell->rawV = v;
+  cell->keyA = kKeyObject;
   // The engine marks landings outside 0..1 here and clears the mark at once:
   // the keys stay constant, and nothing else depends on where a point landed.
+  cell->keyB = kKeyHit;
   cell->keyC = 0;
+  cell->noHit = 0;
+}
+
+// The cells of a unit are computed in batches: the points of a batch are
+// walked together, then their cells are written.
+constexpr int32_t kCellBatch = 256;
+
+struct CellBatch {
+  int32_t count;
+  SampleCell* cells[kCellBatch];
+  float x[kCellBatch];
+  float y[kCellBatch];
+  float landX[kCellBatch];
+  float landY[kCellBatch];
+  int32_t walked[kCellBatch];
+};
+
+void flushCells(const CellContext& c, CellBatch* b) {
+  nearestOpaqueMany(c.walk, b->count, b->x, b->y, b->landX, b->landY, b->walked);
+  for (int32_t i = 0; i < b->count; ++i) {
+    storeCell(c, b->x[i], b->y[i], b->landX[i], b->landY[i], b->walked[i] != 0, b->cells[i]);
+  }
+  b->count = 0;
+}
+
+}  // namespace
+
+void cellPoint(float x, float y, int32_t sampleRate, int32_t offsetX, int32_t offsetY, const PixelStore* store,
+               SampleGrid* grid, SampleCell* cell) {
+  CellContext c;
+  cellContext(grid, sampleRate, offsetX, offsetY, store, &c);
+  float landX;
+  float landY;
+  const bool walked = nearestOpaqueIn(c.walk, x, y, &landX, &landY);
+  storeCell(c, x, y, landX, landY, walked, cell);
 }
 
 void fillCells(JobUnit* unit, SampleGrid* grid) {
   const VRect& r = unit->cursor.unitRect;
+  CellContext c;
+  cellContext(grid, grid->sampleRate, grid->offsetX, grid->offsetY, grid->store, &c);
+  CellBatch batch;
+  batch.count = 0;
   for (int16_t y = low16(r.top - 1); int32_t(y) < r.bottom + 1; y = low16(y + 1)) {
     for (int16_t x = low16(r.left - 1); int32_t(x) < r.right + 1; x = low16(x + 1)) {
       SampleCell* cell = cellAt(grid, x, y);
       if (cell == nullptr) continue;
-      cellPoint(float(x), float(y), grid->sampleRate, grid->offsetX, grid->offsetY, grid->store, grid, cell);
+      const int32_t i = batch.count;
+      batch.cells[i] = cell;
+      batch.x[i] = float(x);
+      batch.y[i] = float(y);
+      batch.count = i + 1;
+      if (batch.count == kCellBatch) flushCells(c, &batch);
     }
   }
+  flushCells(c, &batch);
 }
 
 void renderUnit(JobUnit* unit) {

@@ -45,6 +45,16 @@ void footprintFromCorners(float uLeft, float vLeft, float uUp, float vUp, float 
     derivs[2] = derivs[0];
     derivs[3] = derivs[1];
   }
+  // The common case first: a translation-like map (B within 1e-7 of zero) at a
+  // point in range is one level-0 read of the kernel, exactly what
+  // footprintSample comes to through levelSample, without the detours.
+  if (uCentre == uCentre && vCentre == vCentre) {
+    float b = (derivs[1] * derivs[0] + derivs[3] * derivs[2]) * -2.0f;
+    if (-1e-7f < b && b < 1e-7f && uCentre >= 0.0f && uCentre <= 1.0f && vCentre >= 0.0f && vCentre < 1.0f) {
+      filterUnitPixel(store, 0, 0.0f, uCentre, vCentre, out);
+      return;
+    }
+  }
   footprintSample(derivs, uCentre, vCentre, missing, store, out, sharpness, state);
 }
 

@@ -34,8 +34,8 @@ const float kScale16Wide = 0x1p-30f;
 // fraction. The half pixel matches the box offset built into the table.
 inline int32_t kernelBase(float coord, int32_t* phase) {
   float p = float(double(coord) + 0.5);
-  int32_t i = truncToInt32(p);
-  *phase = truncToInt32(double(p - float(i)) * 128.0);
+  int32_t i = truncFloat(p);
+  *phase = truncDouble(double(p - float(i)) * 128.0);
   return i;
 }
 
@@ -389,9 +389,16 @@ inline int32_t limitBlendLevel(const PixelStore* store, int32_t level) {
 
 // ---- four-channel kernels -----------------------------------------------------------------------------
 
+namespace {
+
+// The kernels of the four-channel kinds with their results in out[0..3]
+// (r, g, b, a). Inline, so that the level blend and the unit entry run them
+// without a call and without writing through four pointers.
+template <int32_t kKind>
+inline void kernelAt(const PixelStore* store, int32_t level, float x, float y, float out[4]);
+
 template <>
-void filterPixel<kKindRgba8>(const PixelStore* store, int32_t level, float x, float y, float* outR, float* outG,
-                             float* outB, float* outA) {
+inline void kernelAt<kKindRgba8>(const PixelStore* store, int32_t level, float x, float y, float out[4]) {
   int32_t phaseX;
   int32_t phaseY;
   const int32_t i = kernelBase(x, &phaseX);
@@ -404,17 +411,11 @@ void filterPixel<kKindRgba8>(const PixelStore* store, int32_t level, float x, fl
   alignas(16) uint8_t local[25 * 4];
   const uint8_t* block;
   const ptrdiff_t stride = locateBlock<4>(store, level, i, j, local, &block);
-  float out[4];
   filterBlockU8x4(block, stride, wx, wy, out);
-  *outR = out[0];
-  *outG = out[1];
-  *outB = out[2];
-  *outA = out[3];
 }
 
 template <>
-void filterPixel<kKindRgba16>(const PixelStore* store, int32_t level, float x, float y, float* outR, float* outG,
-                              float* outB, float* outA) {
+inline void kernelAt<kKindRgba16>(const PixelStore* store, int32_t level, float x, float y, float out[4]) {
   int32_t phaseX;
   int32_t phaseY;
   const int32_t i = kernelBase(x, &phaseX);
@@ -427,17 +428,11 @@ void filterPixel<kKindRgba16>(const PixelStore* store, int32_t level, float x, f
   alignas(16) uint8_t local[25 * 8];
   const uint8_t* block;
   const ptrdiff_t stride = locateBlock<8>(store, level, i, j, local, &block);
-  float out[4];
   filterBlockU16x4(block, stride, wx, wy, out);
-  *outR = out[0];
-  *outG = out[1];
-  *outB = out[2];
-  *outA = out[3];
 }
 
 template <>
-void filterPixel<kKindRgbaFloat>(const PixelStore* store, int32_t level, float x, float y, float* outR,
-                                 float* outG, float* outB, float* outA) {
+inline void kernelAt<kKindRgbaFloat>(const PixelStore* store, int32_t level, float x, float y, float out[4]) {
   int32_t phaseX;
   int32_t phaseY;
   const int32_t i = kernelBase(x, &phaseX);
@@ -450,8 +445,56 @@ void filterPixel<kKindRgbaFloat>(const PixelStore* store, int32_t level, float x
   alignas(16) uint8_t local[25 * 16];
   const uint8_t* block;
   const ptrdiff_t stride = locateBlock<16>(store, level, i, j, local, &block);
-  float out[4];
   filterBlockFloatx4(block, stride, wx, wy, out);
+}
+
+// filterPixelBlend with its results in out[0..3].
+template <int32_t kKind>
+inline void blendAt(const PixelStore* store, int32_t level, float frac, float u, float v, float out[4]) {
+  const int32_t l = limitBlendLevel(store, level);
+  const float x = store->levelScaleX[l] * u - 0.5f;
+  const float y = store->levelScaleY[l] * v - 0.5f;
+  kernelAt<kKind>(store, l, x, y, out);
+  if (frac == 0.0f) return;
+  float b[4];
+  const float x1 = store->levelScaleX[l + 1] * u - 0.5f;
+  const float y1 = store->levelScaleY[l + 1] * v - 0.5f;
+  kernelAt<kKind>(store, l + 1, x1, y1, b);
+  out[0] = out[0] + (b[0] - out[0]) * frac;
+  out[1] = out[1] + (b[1] - out[1]) * frac;
+  out[2] = out[2] + (b[2] - out[2]) * frac;
+  out[3] = out[3] + (b[3] - out[3]) * frac;
+}
+
+}  // namespace
+
+template <>
+void filterPixel<kKindRgba8>(const PixelStore* store, int32_t level, float x, float y, float* outR, float* outG,
+                             float* outB, float* outA) {
+  float out[4];
+  kernelAt<kKindRgba8>(store, level, x, y, out);
+  *outR = out[0];
+  *outG = out[1];
+  *outB = out[2];
+  *outA = out[3];
+}
+
+template <>
+void filterPixel<kKindRgba16>(const PixelStore* store, int32_t level, float x, float y, float* outR, float* outG,
+                              float* outB, float* outA) {
+  float out[4];
+  kernelAt<kKindRgba16>(store, level, x, y, out);
+  *outR = out[0];
+  *outG = out[1];
+  *outB = out[2];
+  *outA = out[3];
+}
+
+template <>
+void filterPixel<kKindRgbaFloat>(const PixelStore* store, int32_t level, float x, float y, float* outR,
+                                 float* outG, float* outB, float* outA) {
+  float out[4];
+  kernelAt<kKindRgbaFloat>(store, level, x, y, out);
   *outR = out[0];
   *outG = out[1];
   *outB = out[2];
@@ -526,22 +569,12 @@ float filterScalar<kKindFloat>(const PixelStore* store, int32_t level, float x, 
 template <int32_t kKind>
 void filterPixelBlend(const PixelStore* store, int32_t level, float frac, float u, float v, float* outR,
                       float* outG, float* outB, float* outA) {
-  const int32_t l = limitBlendLevel(store, level);
-  const float x = store->levelScaleX[l] * u - 0.5f;
-  const float y = store->levelScaleY[l] * v - 0.5f;
-  filterPixel<kKind>(store, l, x, y, outR, outG, outB, outA);
-  if (frac == 0.0f) return;
-  float r;
-  float g;
-  float b;
-  float a;
-  const float x1 = store->levelScaleX[l + 1] * u - 0.5f;
-  const float y1 = store->levelScaleY[l + 1] * v - 0.5f;
-  filterPixel<kKind>(store, l + 1, x1, y1, &r, &g, &b, &a);
-  *outR = *outR + (r - *outR) * frac;
-  *outG = *outG + (g - *outG) * frac;
-  *outB = *outB + (b - *outB) * frac;
-  *outA = *outA + (a - *outA) * frac;
+  float out[4];
+  blendAt<kKind>(store, level, frac, u, v, out);
+  *outR = out[0];
+  *outG = out[1];
+  *outB = out[2];
+  *outA = out[3];
 }
 
 template void filterPixelBlend<kKindRgba8>(const PixelStore*, int32_t, float, float, float, float*, float*, float*,
@@ -594,7 +627,17 @@ void filterBlendDispatch(const PixelStore* store, int32_t level, float frac, flo
 }
 
 void filterUnitPixel(const PixelStore* store, int32_t level, float frac, float u, float v, float out[4]) {
-  filterBlendDispatch(store, level, frac, u, v, &out[0], &out[1], &out[2], &out[3]);
+  // The four-channel kinds in the dispatch's order, their kernels inline.
+  const int32_t kind = store->kind;
+  if (kind == kKindRgba8) {
+    blendAt<kKindRgba8>(store, level, frac, u, v, out);
+  } else if (kind == kKindRgbaFloat) {
+    blendAt<kKindRgbaFloat>(store, level, frac, u, v, out);
+  } else if (kind == kKindRgba16) {
+    blendAt<kKindRgba16>(store, level, frac, u, v, out);
+  } else {
+    filterBlendDispatch(store, level, frac, u, v, &out[0], &out[1], &out[2], &out[3]);
+  }
   const float scale = store->valueToUnit;
   out[0] *= scale;
   out[1] *= scale;

@@ -17,6 +17,33 @@
 
 #include "store/pixel_store.h"
 
+#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
+#include <emmintrin.h>
+#define MENDARIS_SSE2_TRUNC 1
+#else
+#define MENDARIS_SSE2_TRUNC 0
+#endif
+
+// truncToInt32 for the hot loops of the render. The x86 conversion truncates
+// toward zero and gives INT32_MIN for NaN and for anything outside the int32
+// range, which is exactly what truncToInt32 answers after its range test; so
+// on SSE2 the instruction alone is taken, and elsewhere the helper.
+inline int32_t truncFloat(float value) {
+#if MENDARIS_SSE2_TRUNC
+  return _mm_cvttss_si32(_mm_set_ss(value));
+#else
+  return truncToInt32(value);
+#endif
+}
+
+inline int32_t truncDouble(double value) {
+#if MENDARIS_SSE2_TRUNC
+  return _mm_cvttsd_si32(_mm_set_sd(value));
+#else
+  return truncToInt32(value);
+#endif
+}
+
 // The 5 x 5 filter at (x, y) of `level`. Specialised for kinds 3 (8-bit words),
 // 4 (16-bit) and 9 (float), each written out flat: integer kinds in 32-bit
 // integer arithmetic on the integer weight rows, floats in single precision.

@@ -295,6 +295,158 @@ TEST(SweepDistance, MatchesTheColumnOuterOrderBitForBit) {
   }
 }
 
+// ---- the fields against plain ones ---------------------------------------------------------------
+//
+// The map, the seed and the inversion read and write the tiles' rows; here
+// they are written the plain way, one accessor call per pixel, and both must
+// give the same bits, margins and spare memory included.
+
+uint32_t nextRandom(uint32_t* state) {
+  *state = *state * 1664525u + 1013904223u;
+  return *state >> 8;
+}
+
+// Alphas of every grade on a source of any kind: bare runs, solid runs,
+// values around the solid and covered thresholds, and for floats also -0.0,
+// NaN, infinities and values above 1.
+void paintAlphas(PixelStore* s, uint32_t seed) {
+  uint32_t state = seed;
+  const float full = s->kind == kKindRgba8 ? 255.0f : (s->kind == kKindRgba16 ? 32768.0f : 1.0f);
+  const float nearSolid[] = {251.0f, 252.0f, 32382.0f, 32383.0f};
+  for (int32_t y = 0; y < s->levelHeight[0]; ++y) {
+    float runAlpha = 0.0f;
+    for (int32_t x = 0; x < s->levelWidth[0]; ++x) {
+      const uint32_t roll = nextRandom(&state) % 100u;
+      if (roll < 5) runAlpha = (roll & 1) != 0 ? full : 0.0f;
+      float a = runAlpha;
+      if (roll >= 90) {
+        if (s->kind == kKindRgbaFloat) {
+          const float odd[] = {-0.0f, nanf(""), INFINITY, -INFINITY, 1.5f, 0.9882353f, 0.98823524f, 0.5f, 0.01f};
+          a = odd[nextRandom(&state) % 9u];
+        } else if (s->kind == kKindRgba8) {
+          a = (roll & 1) != 0 ? nearSolid[nextRandom(&state) % 2u] : float(nextRandom(&state) % 256u);
+        } else {
+          a = (roll & 1) != 0 ? nearSolid[2 + nextRandom(&state) % 2u] : float(nextRandom(&state) % 65536u);
+        }
+      }
+      if (s->kind == kKindRgba8) {
+        const int32_t c[4] = {int32_t(x & 255), int32_t(y & 255), 7, int32_t(a)};
+        writeU8x4(x, y, s, 0, c);
+      } else if (s->kind == kKindRgba16) {
+        const int32_t c[4] = {x, y, 7, int32_t(a)};
+        writeU16x4(x, y, s, 0, c);
+      } else {
+        const float c[4] = {0.25f, 0.5f, 0.75f, a};
+        uint32_t w[4];
+        memcpy(w, c, sizeof w);
+        writeWord4(x, y, s, 0, w);
+      }
+    }
+  }
+}
+
+bool sameTiles(const PixelStore* a, const PixelStore* b) {
+  for (int32_t i = 0; i < a->tileCount; ++i) {
+    const size_t bytes = size_t(a->tiles[i].rows + kTileSpareRows) * kTileWidth * size_t(a->pixelBytes);
+    if (memcmp(a->tiles[i].pixels, b->tiles[i].pixels, bytes) != 0) return false;
+  }
+  return true;
+}
+
+TEST_F(CoverageFixture, MapSeedAndInversionMatchPlainAccessorLoops) {
+  struct Size {
+    int32_t w, h;
+  };
+  const Size sizes[] = {{1, 1}, {3, 7}, {40, 30}, {530, 20}, {17, 600}};
+  uint32_t seed = 5;
+  for (int32_t kind : {kKindRgba8, kKindRgba16, kKindRgbaFloat}) {
+    for (const Size& size : sizes) {
+      source = pixelStoreCreate(size.w, size.h, kind, 0, false);
+      ASSERT_NE(source, nullptr);
+      paintAlphas(source, ++seed);
+
+      PixelStore* map = buildOpaqueStore(source);
+      PixelStore* plainMap = pixelStoreCreate(size.w, size.h, kKindGray8, 0, false);
+      for (int32_t y = 0; y < size.h; ++y) {
+        for (int32_t x = 0; x < size.w; ++x) {
+          float p[4];
+          readUnitPixel(x, y, source, 0, p);
+          writeUnitScalar(x, y, plainMap, 0, double(p[3]) >= kSolidAlpha ? 1.0f : 0.0f);
+        }
+      }
+      EXPECT_TRUE(sameTiles(map, plainMap)) << "map, kind " << kind << ", " << size.w << " x " << size.h;
+
+      PixelStore* field = pixelStoreCreate(size.w + kDistanceGrowth, size.h + kDistanceGrowth, kKindFloat, 0, true);
+      PixelStore* plainField =
+          pixelStoreCreate(size.w + kDistanceGrowth, size.h + kDistanceGrowth, kKindFloat, 0, true);
+      seedDistanceStore(source, field, 0);
+      for (int32_t y = 0; y < plainField->levelHeight[0]; ++y) {
+        for (int32_t x = 0; x < plainField->levelWidth[0]; ++x) {
+          float p[4];
+          const int32_t sx = x - 9 < 0 ? 0 : (x - 9 > size.w - 1 ? size.w - 1 : x - 9);
+          const int32_t sy = y - 9 < 0 ? 0 : (y - 9 > size.h - 1 ? size.h - 1 : y - 9);
+          readUnitPixel(sx, sy, source, 0, p);
+          writeFloat(x, y, plainField, 0, kSolidAlpha > double(p[3]) ? p[3] : kFarDistance);
+        }
+      }
+      EXPECT_TRUE(sameTiles(field, plainField)) << "seed, kind " << kind << ", " << size.w << " x " << size.h;
+
+      invertDistanceStore(field);
+      for (int32_t y = 0; y < plainField->levelHeight[0]; ++y) {
+        for (int32_t x = 0; x < plainField->levelWidth[0]; ++x) {
+          const float v = readFloat(x, y, plainField, 0);
+          writeFloat(x, y, plainField, 0, v == 0.0f ? kFarDistance : -v);
+        }
+      }
+      EXPECT_TRUE(sameTiles(field, plainField)) << "inversion, kind " << kind << ", " << size.w << " x " << size.h;
+
+      pixelStoreDestroy(&map);
+      pixelStoreDestroy(&plainMap);
+      pixelStoreDestroy(&field);
+      pixelStoreDestroy(&plainField);
+      pixelStoreDestroy(&source);
+    }
+  }
+}
+
+TEST(SweepDistance, MatchesTheColumnOuterOrderOnRealFields) {
+  // Fields as the seed and inversion leave them, through both rounds: long
+  // runs of far cells, frozen runs, soft rims; sizes with runs of one, two
+  // and three cells at the tiles' ends.
+  struct Size {
+    int32_t w, h;
+  };
+  // The store adds 2 to each side: 511 and 512 leave runs of 1 and 2 cells in the second tile.
+  const Size sizes[] = {{1, 1}, {2, 9}, {3, 3}, {511, 6}, {512, 5}, {513, 30}, {1023, 12}, {60, 70}};
+  uint32_t state = 77;
+  for (const Size& size : sizes) {
+    PixelStore* a = pixelStoreCreate(size.w, size.h, kKindFloat, 0, true);
+    PixelStore* b = pixelStoreCreate(size.w, size.h, kKindFloat, 0, true);
+    const int32_t w = a->levelWidth[0];
+    const int32_t h = a->levelHeight[0];
+    for (int32_t y = 0; y < h; ++y) {
+      float run = kFarDistance;
+      for (int32_t x = 0; x < w; ++x) {
+        const uint32_t roll = nextRandom(&state) % 100u;
+        if (roll < 6) run = (roll & 1) != 0 ? kFarDistance : 0.0f;
+        float v = run;
+        if (roll >= 95) v = float(nextRandom(&state) % 1000u) / 1000.0f;
+        writeFloat(x, y, a, 0, v);
+        writeFloat(x, y, b, 0, v);
+      }
+    }
+    for (int32_t round = 0; round < 2; ++round) {
+      sweepDistance(a);
+      sweepColumnsOutermost(b);
+      ASSERT_TRUE(sameTiles(a, b)) << "round " << round << ", " << size.w << " x " << size.h;
+      invertDistanceStore(a);
+      invertDistanceStore(b);
+    }
+    pixelStoreDestroy(&a);
+    pixelStoreDestroy(&b);
+  }
+}
+
 TEST_F(CoverageFixture, StraightEdgeCountsWholePixelsBothWays) {
   // Columns 0..14 bare, 15..29 solid: field columns 0..23 bare (margin
   // included), 24..49 solid. Before smoothing the last bare column holds 0,

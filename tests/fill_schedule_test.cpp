@@ -491,4 +491,284 @@ TEST_F(FillFixture, FloatColoursAboveOnePassThroughAndClampAtTheLimit) {
   EXPECT_TRUE(samePx(get(st.s, 1, 15, 15), Px{70000.0f, 3.5f, -2.0f, 1.0f}));
 }
 
+
+// ---- the schedule against a plain one -------------------------------------------------------------
+//
+// The schedule works on the tiles' rows and skips what cannot change. Here the
+// same steps are written the plain way, one accessor call per pixel read or
+// written, in the stated order; both must leave every byte of every tile the
+// same, spare rows and the columns past each level included.
+
+void plainDiffuse(PixelStore* s, int32_t level, int32_t passes) {
+  if (passes < 1) return;
+  const int32_t w = s->levelWidth[level];
+  const int32_t h = s->levelHeight[level];
+  for (int32_t y = 0; y < h; ++y) {
+    for (int32_t x = 0; x < w; ++x) {
+      float p[4];
+      readUnitPixel(x, y, s, level, p);
+      if (kCoverFloor > double(p[3])) p[3] = 0.0f;
+      writeUnitPixel(x, y, s, level, p);
+    }
+  }
+  for (int32_t pass = 0; pass < passes; ++pass) {
+    for (int32_t parity = 0; parity < 2; ++parity) {
+      for (int32_t y = 0; y < h; ++y) {
+        for (int32_t x = (parity ^ y) & 1; x < w; x += 2) {
+          float p[4];
+          readUnitPixel(x, y, s, level, p);
+          if (p[3] != 0.0f) continue;
+          const int32_t offsets[4][2] = {{0, -1}, {-1, 0}, {1, 0}, {0, 1}};
+          float r = 0.0f, g = 0.0f, b = 0.0f, a = 0.0f;
+          for (const auto& o : offsets) {
+            float q[4];
+            readUnitPixel(x + o[0], y + o[1], s, level, q);
+            r += q[0] * q[3];
+            g += q[1] * q[3];
+            b += q[2] * q[3];
+            a += q[3];
+          }
+          if (double(a) > kNeighbourFloor) {
+            const float filled[4] = {r / a, g / a, b / a, 1.0f};
+            writeUnitPixel(x, y, s, level, filled);
+          }
+        }
+      }
+    }
+  }
+  for (int32_t y = 0; y < h; ++y) {
+    for (int32_t x = 0; x < w; ++x) {
+      float p[4];
+      readUnitPixel(x, y, s, level, p);
+      p[3] = p[3] == 0.0f ? 0.0f : 1.0f;
+      writeUnitPixel(x, y, s, level, p);
+    }
+  }
+}
+
+void plainReduce(PixelStore* s, int32_t level) {
+  for (int32_t oy = 0; oy < s->levelHeight[level + 1]; ++oy) {
+    for (int32_t ox = 0; ox < s->levelWidth[level + 1]; ++ox) {
+      float r = 0.0f, g = 0.0f, b = 0.0f, a = 0.0f;
+      const int32_t offsets[4][2] = {{0, 0}, {1, 0}, {0, 1}, {1, 1}};
+      for (const auto& o : offsets) {
+        float q[4];
+        readUnitPixel(2 * ox + o[0], 2 * oy + o[1], s, level, q);
+        if (kCoverFloor > double(q[3])) q[3] = 0.0f;
+        r += q[0] * q[3];
+        g += q[1] * q[3];
+        b += q[2] * q[3];
+        a += q[3];
+      }
+      const float pixel[4] = {a > 0.0f ? r / a : r, a > 0.0f ? g / a : g, a > 0.0f ? b / a : b,
+                              a > 0.0f ? 1.0f : 0.0f};
+      writeUnitPixel(ox, oy, s, level + 1, pixel);
+    }
+  }
+}
+
+void plainExpand(PixelStore* s, int32_t level) {
+  const bool integerKind = s->kind == kKindRgba8 || s->kind == kKindRgba16;
+  const float limit = integerKind ? 1.0f : kFloatColourLimit;
+  for (int32_t y = 0; y < s->levelHeight[level]; ++y) {
+    for (int32_t x = 0; x < s->levelWidth[level]; ++x) {
+      float p[4];
+      readUnitPixel(x, y, s, level, p);
+      if (!(double(p[3]) > kHoleAlpha)) {
+        filterUnitPixelAt(s, level + 1, 0.0f, float(x) * 0.5f, float(y) * 0.5f, p);
+        for (int32_t c = 0; c < 3; ++c) {
+          if (0.0f > p[c]) {
+            p[c] = 0.0f;
+          } else if (p[c] > limit) {
+            p[c] = limit;
+          }
+        }
+      }
+      p[3] = 1.0f;
+      writeUnitPixel(x, y, s, level, p);
+    }
+  }
+}
+
+void plainFill(PixelStore* s, int32_t passes) {
+  const int32_t top = s->topLevel;
+  for (int32_t level = 0; level < top; ++level) {
+    plainDiffuse(s, level, passes);
+    plainReduce(s, level);
+  }
+  for (int32_t level = top - 1; level >= 0; --level) plainExpand(s, level);
+}
+
+uint32_t nextRandom(uint32_t* state) {
+  *state = *state * 1664525u + 1013904223u;
+  return *state >> 8;
+}
+
+// Every pixel of every level: random colours under bare pixels, discs of
+// cover with soft rims, and scattered pixels of any alpha, the faint ones
+// around the floors included. Floats also get colours above 1 and below 0,
+// now and then a NaN or an infinity, and alphas of -0.0.
+void paintScene(PixelStore* s, uint32_t seed) {
+  uint32_t state = seed;
+  const bool floats = s->kind == kKindRgbaFloat;
+  const float full = s->kind == kKindRgba8 ? 255.0f : (s->kind == kKindRgba16 ? 32768.0f : 1.0f);
+  const float maxColour = s->kind == kKindRgba16 ? 32768.0f : full;
+  for (int32_t level = 0; level <= s->topLevel; ++level) {
+    const int32_t w = s->levelWidth[level];
+    const int32_t h = s->levelHeight[level];
+    struct Disc {
+      int32_t x, y, r;
+    };
+    std::vector<Disc> discs;
+    const int32_t discCount = 1 + int32_t(nextRandom(&state) % 6u);
+    for (int32_t i = 0; i < discCount; ++i) {
+      discs.push_back(Disc{int32_t(nextRandom(&state) % uint32_t(w)), int32_t(nextRandom(&state) % uint32_t(h)),
+                           1 + int32_t(nextRandom(&state) % uint32_t(w / 4 + 2))});
+    }
+    for (int32_t y = 0; y < h; ++y) {
+      for (int32_t x = 0; x < w; ++x) {
+        Px p;
+        if (floats) {
+          p.r = float(int32_t(nextRandom(&state) % 4000u) - 500) / 1000.0f;
+          p.g = float(nextRandom(&state) % 1000u) / 999.0f;
+          p.b = float(nextRandom(&state) % 1000u) / 999.0f;
+        } else {
+          p.r = float(nextRandom(&state) % uint32_t(maxColour + 1.0f));
+          p.g = float(nextRandom(&state) % uint32_t(maxColour + 1.0f));
+          p.b = float(nextRandom(&state) % uint32_t(maxColour + 1.0f));
+        }
+        double cover = 0.0;
+        for (const Disc& d : discs) {
+          const double dist = sqrt(double((x - d.x) * (x - d.x) + (y - d.y) * (y - d.y)));
+          const double c = double(d.r) + 0.5 - dist;
+          if (c > cover) cover = c;
+        }
+        if (cover > 1.0) cover = 1.0;
+        p.a = floats ? float(cover) : float(int32_t(cover * full));
+        const uint32_t roll = nextRandom(&state) % 100u;
+        if (roll < 4) {
+          // A scattered pixel of any alpha.
+          p.a = floats ? float(nextRandom(&state) % 1001u) / 1000.0f : float(nextRandom(&state) % uint32_t(full + 1));
+        } else if (roll < 7) {
+          // Faint alphas around the floors: 8-bit 3..10, 16-bit 515..530.
+          p.a = floats ? float(nextRandom(&state) % 40u) / 1000.0f
+                       : (s->kind == kKindRgba8 ? float(3 + nextRandom(&state) % 8u)
+                                                : float(515 + nextRandom(&state) % 16u));
+        }
+        if (floats && roll == 7) p.a = -0.0f;
+        if (floats && roll == 8) p.r = nanf("");
+        if (floats && roll == 9) p.g = INFINITY;
+        put(s, level, x, y, p);
+      }
+    }
+  }
+}
+
+// The first tile byte where two stores of the same geometry differ, or -1.
+int64_t firstDifference(const PixelStore* a, const PixelStore* b) {
+  int64_t offset = 0;
+  for (int32_t i = 0; i < a->tileCount; ++i) {
+    const size_t bytes = size_t(a->tiles[i].rows + kTileSpareRows) * kTileWidth * size_t(a->pixelBytes);
+    for (size_t k = 0; k < bytes; ++k) {
+      if (a->tiles[i].pixels[k] != b->tiles[i].pixels[k]) return offset + int64_t(k);
+    }
+    offset += int64_t(bytes);
+  }
+  return -1;
+}
+
+struct SceneSize {
+  int32_t w, h;
+};
+
+// Sizes for the tiles' edges, odd levels, thin and tiny images.
+const SceneSize kSceneSizes[] = {{1, 1},  {2, 2},   {3, 5},    {7, 1},   {1, 9},   {6, 6},    {37, 23},
+                                 {64, 48}, {130, 7}, {515, 40}, {40, 515}, {600, 530}, {1030, 33}};
+const int32_t kSceneKinds[] = {kKindRgba8, kKindRgba16, kKindRgbaFloat};
+
+TEST_F(FillFixture, WholeScheduleMatchesThePlainOneBitForBit) {
+  uint32_t seed = 99;
+  for (int32_t kind : kSceneKinds) {
+    for (const SceneSize& size : kSceneSizes) {
+      Store fast(size.w, size.h, kind);
+      Store plain(size.w, size.h, kind);
+      ASSERT_NE(fast.s, nullptr);
+      paintScene(fast.s, ++seed);
+      paintScene(plain.s, seed);
+      fillLevels(fast.s, kFillPasses);
+      plainFill(plain.s, kFillPasses);
+      EXPECT_EQ(firstDifference(fast.s, plain.s), -1) << "kind " << kind << ", " << size.w << " x " << size.h;
+    }
+  }
+}
+
+TEST_F(FillFixture, EachStepMatchesThePlainOneOnRandomLevels) {
+  // Each step alone, on levels as painted (not as the steps before would leave
+  // them): soft alphas reach the reduce and the way down, and the way down
+  // reads a level with holes.
+  uint32_t seed = 7000;
+  for (int32_t kind : kSceneKinds) {
+    for (const SceneSize& size : kSceneSizes) {
+      for (int32_t passes : {1, 3}) {
+        Store fast(size.w, size.h, kind);
+        Store plain(size.w, size.h, kind);
+        paintScene(fast.s, ++seed);
+        paintScene(plain.s, seed);
+        diffuseLevel(fast.s, 0, passes);
+        plainDiffuse(plain.s, 0, passes);
+        ASSERT_EQ(firstDifference(fast.s, plain.s), -1) << "diffuse, kind " << kind << ", " << size.w << " x "
+                                                         << size.h << ", passes " << passes;
+      }
+      Store fast(size.w, size.h, kind);
+      Store plain(size.w, size.h, kind);
+      paintScene(fast.s, ++seed);
+      paintScene(plain.s, seed);
+      for (int32_t level = 0; level < fast.s->topLevel; ++level) {
+        reduceColours(fast.s, level);
+        plainReduce(plain.s, level);
+        ASSERT_EQ(firstDifference(fast.s, plain.s), -1) << "reduce " << level << ", kind " << kind;
+      }
+      paintScene(fast.s, ++seed);
+      paintScene(plain.s, seed);
+      for (int32_t level = fast.s->topLevel - 1; level >= 0; --level) {
+        expandInto(fast.s, level);
+        plainExpand(plain.s, level);
+        ASSERT_EQ(firstDifference(fast.s, plain.s), -1) << "expand " << level << ", kind " << kind << ", "
+                                                         << size.w << " x " << size.h;
+      }
+    }
+  }
+}
+
+TEST_F(FillFixture, WrappingEdgesAndOddScalesMatchThePlainSchedule) {
+  // Stores that the filter never makes: edges that wrap in the kernel, and an
+  // 8-bit scale whose trip to unit range and back changes values. The
+  // schedule must still do exactly what the plain steps do.
+  uint32_t seed = 31;
+  for (int32_t edgeMode : {1, 2}) {
+    PixelStore* fast = pixelStoreCreate(70, 45, kKindRgba8, edgeMode, false);
+    PixelStore* plain = pixelStoreCreate(70, 45, kKindRgba8, edgeMode, false);
+    paintScene(fast, ++seed);
+    paintScene(plain, seed);
+    fillLevels(fast, kFillPasses);
+    plainFill(plain, kFillPasses);
+    EXPECT_EQ(firstDifference(fast, plain), -1) << "edge mode " << edgeMode;
+    pixelStoreDestroy(&fast);
+    pixelStoreDestroy(&plain);
+  }
+  for (int32_t kind : {kKindRgba8, kKindRgba16}) {
+    Store fast(50, 40, kind);
+    Store plain(50, 40, kind);
+    for (PixelStore* s : {fast.s, plain.s}) {
+      s->valueToUnit = kind == kKindRgba8 ? 1.0f / 250.0f : 1.0f / 30000.0f;
+      s->unitToValue = kind == kKindRgba8 ? 249.0f : 29999.0f;
+    }
+    paintScene(fast.s, ++seed);
+    paintScene(plain.s, seed);
+    fillLevels(fast.s, kFillPasses);
+    plainFill(plain.s, kFillPasses);
+    EXPECT_EQ(firstDifference(fast.s, plain.s), -1) << "odd scale, kind " << kind;
+  }
+}
+
 }  // namespace

@@ -70,6 +70,11 @@ struct PoolFixture : ::testing::Test {
     params.opaqueStore = pixelStoreCreate(width, height, kKindGray8, 0, false);
     params.distanceStore = pixelStoreCreate(width + 18, height + 18, kKindFloat, 0, true);
     instance->wholeFilterRect = VRect{0, 0, height, width};
+    instance->runCols = width;
+    instance->runRows = height;
+    // As the render sets it on the host's thread before its job.
+    int32_t processors = platformProcessorCount();
+    instance->workerCount = processors < width + 1 ? processors : width + 1;
     setRunRect(VRect{0, 0, height, width});
   }
 
