@@ -1,6 +1,8 @@
 // The worker's half of the render: renderUnit on 128 x 128 units of a
 // 4096 x 4096 atlas-like layer (opaque islands in a sea of transparency), as
 // the render job runs it on a worker. Reports nanoseconds per output pixel.
+// And the host's half: the finishing of a unit's 128 x 128 colours into a
+// host tile, row by row as writeUnit hands them over, at each depth.
 //
 // Units: "solid" lies inside an island (every corner stays, one kernel read a
 // pixel), "edge" straddles an island's border, "gap" lies in the transparent
@@ -12,6 +14,10 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <vector>
+
+#include "finish/finish_pixel.h"
+#include "finish/host_pixels.h"
 #include "grid/opaque_walk.h"
 #include "grid/sample_grid.h"
 #include "host/blocks.h"
@@ -143,10 +149,123 @@ void BM_RenderUnitImageCorner(benchmark::State& state) {
   renderOneUnit(state, 0, 0);
 }
 
+// ---- the host's half ----------------------------------------------------------------------
+
+// A unit's cursor with its view as a host presents a tile of four planes
+// (colour and transparency) at `bits`, no selection mask unless asked, and a
+// unit's cells with colours as the sampler leaves them (alpha 1 mostly, some
+// partial alpha, some colours above 1 at 32 bits).
+struct FinishTile {
+  TileCursor cursor;
+  std::vector<uint8_t> in;
+  std::vector<uint8_t> out;
+  std::vector<uint8_t> mask;
+  std::vector<SampleCell> cells;
+  ParamBlock params;
+
+  FinishTile(int32_t bits, bool withMask) {
+    memset(&cursor, 0, sizeof cursor);
+    memset(&params, 0, sizeof params);
+    params.blendMode = 1;
+    hostContext.paramBlock = &params;
+    const int32_t side = kRenderTileSide;
+    cursor.unitRect = VRect{0, 0, side, side};
+    const int32_t rowBytes = side * 4 * (bits / 8);
+    in.assign(size_t(rowBytes) * side, 0x40);
+    out.assign(size_t(rowBytes) * side, 0);
+    mask.assign(size_t(side) * side, 0);
+    for (size_t i = 0; i < mask.size(); ++i) mask[i] = uint8_t(i % 7 == 0 ? 128 : 255);
+    HostTileView& v = cursor.view;
+    v.hasTransparency = true;
+    v.planes = 4;
+    v.inHiPlane = 3;
+    v.inData = in.data();
+    v.outData = out.data();
+    v.inLayerPlanes = 3;
+    v.outLayerPlanes = 3;
+    v.inRowBytes = rowBytes;
+    v.outRowBytes = rowBytes;
+    v.isColorPlanes = true;
+    v.isRgbMode = true;
+    v.is8Bit = bits == 8;
+    v.is16Bit = bits == 16;
+    v.is32Bit = bits == 32;
+    v.floatMath = v.is32Bit;
+    v.haveMask = withMask;
+    v.outRect[2] = side;
+    v.outRect[3] = side;
+    v.inRect[2] = v.maskRect[2] = side;
+    v.inRect[3] = v.maskRect[3] = side;
+    v.maskData = mask.data();
+    v.maskRowBytes = side;
+    v.hostSig = 0x3842494D;
+    v.outPixelStride = 4;
+    v.alphaScaleInt = v.is8Bit ? 255 : v.is16Bit ? 32768 : 1;
+    v.colourScale = v.is8Bit ? 255.0f : v.is16Bit ? 32768.0f : 1.0f;
+    v.invAlphaScale = float(1.0 / double(v.alphaScaleInt));
+    v.invColourScale = float(1.0 / double(v.colourScale));
+    cells.assign(size_t(side + 2) * size_t(side + 2), SampleCell());
+    for (size_t i = 0; i < cells.size(); ++i) {
+      SampleCell& c = cells[i];
+      memset(&c, 0, sizeof c);
+      c.colour[0] = float(i % 251) / 250.0f;
+      c.colour[1] = float(i % 241) / 200.0f;
+      c.colour[2] = float(i % 239) / 238.0f;
+      c.colour[3] = i % 5 == 0 ? 0.5f : 1.0f;
+    }
+  }
+};
+
+void finishTile(benchmark::State& state, int32_t bits, bool withMask) {
+  FinishTile tile(bits, withMask);
+  const int32_t side = kRenderTileSide;
+  for (auto _ : state) {
+    for (int32_t y = 0; y < side; ++y) {
+      const SampleCell* first = &tile.cells[size_t(y + 1) * size_t(side + 2) + 1];
+      finishRow(y, 0, side, first->colour, ptrdiff_t(sizeof(SampleCell)), tile.cursor, nullptr);
+    }
+    benchmark::DoNotOptimize(tile.out.data());
+  }
+  const double pixels = double(side) * side * double(state.iterations());
+  state.counters["ns_per_pixel"] =
+      benchmark::Counter(pixels, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  hostContext.paramBlock = nullptr;
+}
+
+// The same tile through finishPixel, one call a pixel: the row loop's reference.
+void BM_FinishTile8PixelByPixel(benchmark::State& state) {
+  FinishTile tile(8, false);
+  const int32_t side = kRenderTileSide;
+  for (auto _ : state) {
+    for (int32_t y = 0; y < side; ++y) {
+      for (int32_t x = 0; x < side; ++x) {
+        const SampleCell& c = tile.cells[size_t(y + 1) * size_t(side + 2) + size_t(x + 1)];
+        PixelValue sample = {c.colour[0], c.colour[1], c.colour[2], c.colour[3]};
+        finishPixel(x, y, &sample, tile.cursor, nullptr);
+      }
+    }
+    benchmark::DoNotOptimize(tile.out.data());
+  }
+  const double pixels = double(side) * side * double(state.iterations());
+  state.counters["ns_per_pixel"] =
+      benchmark::Counter(pixels, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  hostContext.paramBlock = nullptr;
+}
+
+void BM_FinishTile8(benchmark::State& state) { finishTile(state, 8, false); }
+void BM_FinishTile8Masked(benchmark::State& state) { finishTile(state, 8, true); }
+void BM_FinishTile16(benchmark::State& state) { finishTile(state, 16, false); }
+void BM_FinishTile32(benchmark::State& state) { finishTile(state, 32, false); }
+
 BENCHMARK(BM_RenderUnitSolid)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RenderUnitEdge)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RenderUnitGap)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RenderUnitImageCorner)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FinishTile8PixelByPixel)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_FinishTile8)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_FinishTile8Masked)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_FinishTile16)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_FinishTile32)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

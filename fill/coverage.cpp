@@ -168,12 +168,11 @@ inline __m128 relaxLanes(__m128 v, __m128 left, __m128 right, __m128 up, __m128 
   const __m128 b = _mm_min_ps(down, up);
   const __m128 d = _mm_sub_ps(a, b);
   const __m128 oneAxis = _mm_cmpge_ps(_mm_andnot_ps(_mm_set1_ps(-0.0f), d), _mm_set1_ps(1.0f));
-  // min(a, b) + 1, in double.
-  const __m128 nearer = _mm_min_ps(b, a);
-  const __m128d one = _mm_set1_pd(1.0);
-  const __m128 step =
-      _mm_movelh_ps(_mm_cvtpd_ps(_mm_add_pd(_mm_cvtps_pd(nearer), one)),
-                    _mm_cvtpd_ps(_mm_add_pd(_mm_cvtps_pd(_mm_movehl_ps(nearer, nearer)), one)));
+  // min(a, b) + 1. The scalar form adds in double and rounds to float; a
+  // sum of two floats rounded to double is rounded again to float without
+  // harm (53 bits are more than twice 24 plus one), so the float sum gives
+  // the same bits, for every float (checked over all of them).
+  const __m128 step = _mm_add_ps(_mm_min_ps(b, a), _mm_set1_ps(1.0f));
   // (sqrt(2 - d * d) + (b + a)) * 0.5, the products and sums of floats in single.
   const __m128 squared = _mm_mul_ps(d, d);
   const __m128 sum = _mm_add_ps(b, a);
@@ -293,6 +292,20 @@ void sweepBand(PixelStore* field, bool yRising, int32_t first) {
       for (int32_t j = 0; j < kBandVectors; ++j) {
         const int32_t r = 4 * j;
         ahead[j] = gatherLanes(cellOf(r, k + dx), cellOf(r + 1, k + dx), cellOf(r + 2, k + dx), cellOf(r + 3, k + dx));
+      }
+      // A step whose cells are all below 1 changes nothing: wide bare (or,
+      // in the second round, covered) stretches pass at the cost of a test.
+      int32_t open = 0;
+      for (int32_t j = 0; j < kBandVectors; ++j) {
+        open |= _mm_movemask_ps(_mm_cmpge_ps(value[j], _mm_set1_ps(1.0f))) |
+                _mm_movemask_ps(_mm_cmpunord_ps(value[j], value[j]));
+      }
+      if (open == 0) {
+        for (int32_t j = 0; j < kBandVectors; ++j) {
+          done[j] = value[j];
+          value[j] = ahead[j];
+        }
+        continue;
       }
       __m128 result[kBandVectors];
       for (int32_t j = 0; j < kBandVectors; ++j) {

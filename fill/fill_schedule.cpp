@@ -438,19 +438,19 @@ inline void visitPixel(uint8_t* p, const uint8_t* up, const uint8_t* left, const
 }
 
 #if MENDARIS_SSE2_FILL
-// Kind 3: whether the four pixels from p on, with their neighbours, hold
-// nothing for a half-pass to do: all of them covered, or every alpha around
-// them 0. p must have a pixel of its row before it and four after it.
-inline bool quietBlockU8(const uint8_t* p, const uint8_t* up, const uint8_t* down) {
+// Kind 3: of the four pixels from p on, the ones that are holes with some
+// alpha around them, as four bits. p must have a pixel of its row before it
+// and four after it.
+inline int32_t openHolesU8(const uint8_t* p, const uint8_t* up, const uint8_t* down) {
   const __m128i alphaMask = _mm_set1_epi32(0xff);
   const __m128i zero = _mm_setzero_si128();
   const __m128i own = _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), alphaMask);
-  if (_mm_movemask_epi8(_mm_cmpeq_epi32(own, zero)) == 0) return true;
   __m128i around = _mm_or_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(up)),
                                 _mm_loadu_si128(reinterpret_cast<const __m128i*>(down)));
   around = _mm_or_si128(around, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p - 4)));
   around = _mm_or_si128(around, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 4)));
-  return _mm_movemask_epi8(_mm_cmpeq_epi32(_mm_and_si128(around, alphaMask), zero)) == 0xffff;
+  const __m128i bare = _mm_cmpeq_epi32(_mm_and_si128(around, alphaMask), zero);
+  return _mm_movemask_ps(_mm_castsi128_ps(_mm_andnot_si128(bare, _mm_cmpeq_epi32(own, zero))));
 }
 #endif
 
@@ -471,14 +471,23 @@ inline void halfPassRun(uint8_t* row, const uint8_t* up, const uint8_t* down, co
       visitPixel<kKind>(p, up + k * kBytes, k > 0 ? p - kBytes : beforeRun, k + 1 < count ? p + kBytes : afterRun,
                         down + k * kBytes, toUnit, toValue);
     }
+    // Blocks of eight: the holes that a neighbour's alpha could fill, of the
+    // half-pass's colour, are found together; the others are passed over.
+    // Filling one changes no neighbour of another of its colour.
     const int32_t phase = first & 1;
+    const int32_t colour = phase == 0 ? 0x55 : 0xaa;
     int32_t block = 4;
-    for (; block + 4 < count; block += 4) {
+    for (; block + 8 < count; block += 8) {
       uint8_t* b = row + block * kBytes;
-      if (quietBlockU8(b, up + block * kBytes, down + block * kBytes)) continue;
-      for (int32_t i = block + phase; i < block + 4; i += 2) {
-        uint8_t* p = row + i * kBytes;
-        visitPixel<kKind>(p, up + i * kBytes, p - kBytes, p + kBytes, down + i * kBytes, toUnit, toValue);
+      const uint8_t* blockUp = up + block * kBytes;
+      const uint8_t* blockDown = down + block * kBytes;
+      const int32_t open = (openHolesU8(b, blockUp, blockDown) | (openHolesU8(b + 16, blockUp + 16, blockDown + 16) << 4)) &
+                           colour;
+      if (open == 0) continue;
+      for (int32_t i = phase; i < 8; i += 2) {
+        if ((open & (1 << i)) == 0) continue;
+        uint8_t* p = b + i * kBytes;
+        fillHole<kKind>(p, blockUp + i * kBytes, p - kBytes, p + kBytes, blockDown + i * kBytes, toUnit, toValue);
       }
     }
     k = block + phase;
@@ -491,78 +500,164 @@ inline void halfPassRun(uint8_t* row, const uint8_t* up, const uint8_t* down, co
   }
 }
 
+// Floor of one row: only the alpha of a faint pixel changes; the rest of the
+// pixel comes back from unit range as it was.
+template <int32_t kKind, class RowFunction>
+inline void forEachRunOfRow(PixelStore* store, int32_t level, int32_t y, RowFunction f) {
+  constexpr int32_t kBytes = KindBytes<kKind>::kValue;
+  const int32_t width = store->levelWidth[level];
+  const int32_t across = store->tilesAcross[level];
+  const RowRef row = rowRef(store, level, y, kBytes);
+  for (int32_t t = 0; t < across; ++t) {
+    const int32_t x0 = t * kTileWidth;
+    const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
+    if (count <= 0) break;
+    f(row.tiles[t].pixels + row.offset, count);
+  }
+}
+
 template <int32_t kKind>
-void diffuseLevelByRow(PixelStore* store, int32_t level, int32_t passes) {
+void floorRow(PixelStore* store, int32_t level, int32_t y, uint32_t floorValue) {
+  constexpr int32_t kBytes = KindBytes<kKind>::kValue;
+  forEachRunOfRow<kKind>(store, level, y, [floorValue](uint8_t* run, int32_t count) {
+    int32_t k = 0;
+#if MENDARIS_SSE2_FILL
+    if (kKind == kKindRgba8) {
+      const __m128i alphaMask = _mm_set1_epi32(0xff);
+      const __m128i limit = _mm_set1_epi32(int(floorValue));
+      for (; k + 4 <= count; k += 4) {
+        __m128i* p = reinterpret_cast<__m128i*>(run + k * kBytes);
+        const __m128i w = _mm_loadu_si128(p);
+        const __m128i faint = _mm_cmplt_epi32(_mm_and_si128(w, alphaMask), limit);
+        _mm_storeu_si128(p, _mm_andnot_si128(_mm_and_si128(faint, alphaMask), w));
+      }
+    }
+#endif
+    for (; k < count; ++k) {
+      uint8_t* p = run + k * kBytes;
+      if (kKind == kKindRgbaFloat) {
+        if (kCoverFloor > double(loadFloat(p + 12))) storeFloat(p + 12, 0.0f);
+      } else if (storedAlpha<kKind>(p) < floorValue) {
+        setStoredAlpha<kKind>(p, 0);
+      }
+    }
+  });
+}
+
+// Binarise one row: a covered pixel's alpha becomes full, a bare one stays 0.
+template <int32_t kKind>
+void binariseRow(PixelStore* store, int32_t level, int32_t y, uint32_t full) {
+  constexpr int32_t kBytes = KindBytes<kKind>::kValue;
+  forEachRunOfRow<kKind>(store, level, y, [full](uint8_t* run, int32_t count) {
+    int32_t k = 0;
+#if MENDARIS_SSE2_FILL
+    if (kKind == kKindRgba8) {
+      const __m128i alphaMask = _mm_set1_epi32(0xff);
+      const __m128i fullAlpha = _mm_set1_epi32(int(full & 0xffu));
+      for (; k + 4 <= count; k += 4) {
+        __m128i* p = reinterpret_cast<__m128i*>(run + k * kBytes);
+        const __m128i w = _mm_loadu_si128(p);
+        const __m128i bare = _mm_cmpeq_epi32(_mm_and_si128(w, alphaMask), _mm_setzero_si128());
+        const __m128i alpha = _mm_andnot_si128(bare, fullAlpha);
+        _mm_storeu_si128(p, _mm_or_si128(_mm_andnot_si128(alphaMask, w), alpha));
+      }
+    }
+#endif
+    for (; k < count; ++k) {
+      uint8_t* p = run + k * kBytes;
+      if (kKind == kKindRgbaFloat) {
+        storeFloat(p + 12, loadFloat(p + 12) == 0.0f ? 0.0f : 1.0f);
+      } else if (storedAlpha<kKind>(p) != 0) {
+        setStoredAlpha<kKind>(p, full);
+      }
+    }
+  });
+}
+
+// Row y of a half-pass of the given parity. Reads clamp at the edges, where
+// the hole stands in for its missing neighbour.
+template <int32_t kKind>
+void halfPassRow(PixelStore* store, int32_t level, int32_t y, int32_t parity) {
   constexpr int32_t kBytes = KindBytes<kKind>::kValue;
   const int32_t width = store->levelWidth[level];
   const int32_t height = store->levelHeight[level];
   const int32_t across = store->tilesAcross[level];
-  const float toUnit = store->valueToUnit;
-  const float toValue = store->unitToValue;
-
-  // Floor: only the alpha of a faint pixel changes; the rest of the pixel
-  // comes back from unit range as it was.
-  if (kKind == kKindRgbaFloat) {
-    forEachRun<kBytes>(store, level, [](uint8_t* run, int32_t count) {
-      for (int32_t k = 0; k < count; ++k) {
-        uint8_t* alpha = run + k * kBytes + 12;
-        if (kCoverFloor > double(loadFloat(alpha))) storeFloat(alpha, 0.0f);
-      }
-    });
-  } else {
-    const uint32_t floorValue = uint32_t(firstValueNotBelow(kCoverFloor, toUnit, maxStoredValue<kKind>()));
-    forEachRun<kBytes>(store, level, [floorValue](uint8_t* run, int32_t count) {
-      for (int32_t k = 0; k < count; ++k) {
-        uint8_t* p = run + k * kBytes;
-        if (storedAlpha<kKind>(p) < floorValue) setStoredAlpha<kKind>(p, 0);
-      }
-    });
+  const RowRef row = rowRef(store, level, y, kBytes);
+  const RowRef rowUp = rowRef(store, level, y > 0 ? y - 1 : 0, kBytes);
+  const RowRef rowDown = rowRef(store, level, y < height - 1 ? y + 1 : height - 1, kBytes);
+  for (int32_t t = 0; t < across; ++t) {
+    const int32_t x0 = t * kTileWidth;
+    const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
+    if (count <= 0) break;
+    uint8_t* run = row.tiles[t].pixels + row.offset;
+    const uint8_t* beforeRun = x0 > 0 ? pixelIn<kBytes>(row, x0 - 1) : run;
+    const uint8_t* afterRun = x0 + count < width ? pixelIn<kBytes>(row, x0 + count) : run + (count - 1) * kBytes;
+    // Tiles start at even columns, so the first pixel's parity is the row's.
+    halfPassRun<kKind>(run, rowUp.tiles[t].pixels + rowUp.offset, rowDown.tiles[t].pixels + rowDown.offset,
+                       beforeRun, afterRun, (parity ^ y) & 1, count, store->valueToUnit, store->unitToValue);
   }
+}
 
-  // The red-black passes, in the pixel road's order: x + y even first, then
-  // odd; rows from the top, pixels from the left. Reads clamp at the edges,
-  // where the hole stands in for its missing neighbour.
-  for (int32_t pass = 0; pass < passes; ++pass) {
-    for (int32_t parity = 0; parity < 2; ++parity) {
-      for (int32_t y = 0; y < height; ++y) {
-        const RowRef row = rowRef(store, level, y, kBytes);
-        const RowRef rowUp = rowRef(store, level, y > 0 ? y - 1 : 0, kBytes);
-        const RowRef rowDown = rowRef(store, level, y < height - 1 ? y + 1 : height - 1, kBytes);
-        for (int32_t t = 0; t < across; ++t) {
-          const int32_t x0 = t * kTileWidth;
-          const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
-          if (count <= 0) break;
-          uint8_t* run = row.tiles[t].pixels + row.offset;
-          const uint8_t* beforeRun = x0 > 0 ? pixelIn<kBytes>(row, x0 - 1) : run;
-          const uint8_t* afterRun = x0 + count < width ? pixelIn<kBytes>(row, x0 + count) : run + (count - 1) * kBytes;
-          // Tiles start at even columns, so the first pixel's parity is the row's.
-          halfPassRun<kKind>(run, rowUp.tiles[t].pixels + rowUp.offset, rowDown.tiles[t].pixels + rowDown.offset,
-                             beforeRun, afterRun, (parity ^ y) & 1, count, toUnit, toValue);
-        }
-      }
+// The floor, the half-passes and the binarising, in one trip down the level.
+//
+// Half-pass h reads the other colour as half-pass h - 1 left it and writes its
+// own colour; half-pass h + 1 writes that other colour again. So half-pass h
+// may take row y as soon as half-pass h - 1 has done row y + 1, and must take
+// it before half-pass h + 1 does row y - 1. Each half-pass runs two rows
+// behind the one before it: at step T, the floor takes row T + 1, half-pass h
+// row T - 2h, and the binarising the row just behind the last half-pass's
+// reach. Every row of every step then sees exactly what the passes one after
+// the other would show it, and the band of rows at work stays in the cache.
+template <int32_t kKind>
+void diffuseLevelByRow(PixelStore* store, int32_t level, int32_t passes) {
+  const int32_t height = store->levelHeight[level];
+  const int32_t halves = 2 * passes;
+  const uint32_t floorValue =
+      kKind == kKindRgbaFloat ? 0u
+                              : uint32_t(firstValueNotBelow(kCoverFloor, store->valueToUnit, maxStoredValue<kKind>()));
+  const uint32_t full = kKind == kKindRgbaFloat ? 0u : fullStoredAlpha(store);
+  const int32_t lastStep = height - 1 + 2 * halves - 1;
+  for (int32_t step = -1; step <= lastStep; ++step) {
+    if (step + 1 < height) floorRow<kKind>(store, level, step + 1, floorValue);
+    for (int32_t h = 0; h < halves; ++h) {
+      const int32_t y = step - 2 * h;
+      if (y >= 0 && y < height) halfPassRow<kKind>(store, level, y, h & 1);
     }
-  }
-
-  // Binarise: a covered pixel's alpha becomes full, a bare one stays 0.
-  if (kKind == kKindRgbaFloat) {
-    forEachRun<kBytes>(store, level, [](uint8_t* run, int32_t count) {
-      for (int32_t k = 0; k < count; ++k) {
-        uint8_t* alpha = run + k * kBytes + 12;
-        storeFloat(alpha, loadFloat(alpha) == 0.0f ? 0.0f : 1.0f);
-      }
-    });
-  } else {
-    const uint32_t full = fullStoredAlpha(store);
-    forEachRun<kBytes>(store, level, [full](uint8_t* run, int32_t count) {
-      for (int32_t k = 0; k < count; ++k) {
-        uint8_t* p = run + k * kBytes;
-        if (storedAlpha<kKind>(p) != 0) setStoredAlpha<kKind>(p, full);
-      }
-    });
+    const int32_t done = step - 2 * halves + 1;
+    if (done >= 0 && done < height) binariseRow<kKind>(store, level, done, full);
   }
 }
 
 // ---- reduction on rows ---------------------------------------------------------------------------
+
+#if MENDARIS_SSE2_FILL
+// Kind 3: one pixel of the level above from its four, the channels in lanes
+// (lane 0 the alpha, 3 the red, as the word's bytes lie), each lane doing the
+// scalar road's operations in its order. The floored alpha is every lane's
+// weight; the weight sum comes out in all four lanes.
+inline uint32_t reduceQuadU8(const uint8_t* const quad[4], __m128 toUnit, __m128 toValue, __m128i floorValue,
+                             uint32_t full) {
+  const __m128i zero = _mm_setzero_si128();
+  __m128 sum = _mm_setzero_ps();
+  __m128 weight = _mm_setzero_ps();
+  for (int32_t q = 0; q < 4; ++q) {
+    const __m128i c =
+        _mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(int(loadWord(quad[q]))), zero), zero);
+    const __m128 unit = _mm_mul_ps(_mm_cvtepi32_ps(c), toUnit);
+    const __m128 faint = _mm_castsi128_ps(_mm_cmplt_epi32(_mm_shuffle_epi32(c, 0), floorValue));
+    const __m128 w = _mm_andnot_ps(faint, _mm_shuffle_ps(unit, unit, 0));
+    sum = _mm_add_ps(sum, _mm_mul_ps(unit, w));
+    weight = _mm_add_ps(weight, w);
+  }
+  const __m128 positive = _mm_cmpgt_ps(weight, _mm_setzero_ps());
+  const __m128 value = _mm_or_ps(_mm_and_ps(positive, _mm_div_ps(sum, weight)), _mm_andnot_ps(positive, sum));
+  // Truncated, and only the low 8 bits kept, as the word takes them.
+  const __m128i bytes = _mm_and_si128(_mm_cvttps_epi32(_mm_mul_ps(value, toValue)), _mm_set1_epi32(0xff));
+  const __m128i packed = _mm_packus_epi16(_mm_packs_epi32(bytes, bytes), bytes);
+  const uint32_t alpha = _mm_movemask_ps(positive) != 0 ? (full & 0xffu) : 0u;
+  return (uint32_t(_mm_cvtsi128_si32(packed)) & 0xffffff00u) | alpha;
+}
+#endif
 
 template <int32_t kKind>
 void reduceColoursByRow(PixelStore* store, int32_t level) {
@@ -576,6 +671,12 @@ void reduceColoursByRow(PixelStore* store, int32_t level) {
   const float toValue = store->unitToValue;
   const uint32_t floorValue =
       kKind == kKindRgbaFloat ? 0u : uint32_t(firstValueNotBelow(kCoverFloor, toUnit, maxStoredValue<kKind>()));
+#if MENDARIS_SSE2_FILL
+  const __m128 toUnitLanes = _mm_set1_ps(toUnit);
+  const __m128 toValueLanes = _mm_set1_ps(toValue);
+  const __m128i floorLanes = _mm_set1_epi32(int(floorValue));
+  const uint32_t full = uint32_t(truncToInt32(1.0f * toValue));
+#endif
   for (int32_t oy = 0; oy < height; ++oy) {
     // Past the end of an odd level the clamped read repeats the edge pixel,
     // which then weighs twice.
@@ -597,6 +698,12 @@ void reduceColoursByRow(PixelStore* store, int32_t level) {
         memset(dst, 0, kBytes);
         continue;
       }
+#if MENDARIS_SSE2_FILL
+      if (kKind == kKindRgba8) {
+        storeWord(dst, reduceQuadU8(quad, toUnitLanes, toValueLanes, floorLanes, full));
+        continue;
+      }
+#endif
       float r = 0.0f;
       float g = 0.0f;
       float b = 0.0f;
@@ -722,6 +829,9 @@ void expandIntoByKernelCall(PixelStore* store, int32_t level, int32_t readLevel,
 // the level above gets its sum over the row's five rows once, and each hole
 // then weighs five of those column sums.
 
+// The 8-bit kernel's total scale, weights times 2048 twice.
+const float kScale8 = 0x1p-22f;
+
 // Column sums can need a few columns either side of the half-width a tile
 // column of the level reads; a run whose reach is wider takes the kernel call.
 constexpr int32_t kColumnSumSpan = kTileWidth / 2 + 16;
@@ -778,6 +888,61 @@ inline void columnSumsU8(const uint8_t* const rows[5], const int32_t weights[5],
 #endif
 }
 
+#if MENDARIS_SSE2_FILL
+// The column sums split for pmaddwd: s = high * 2^15 + low, low the 15 bits
+// below (0..32767), high the rest taken arithmetically; both fit 16 bits
+// signed, as four 16-bit lanes a column.
+inline void splitColumnSums(const int32_t* sums, int32_t count, int16_t* low, int16_t* high) {
+  const __m128i mask = _mm_set1_epi32(0x7fff);
+  int32_t c = 0;
+  for (; c + 2 <= count; c += 2) {
+    const __m128i first = _mm_load_si128(reinterpret_cast<const __m128i*>(sums + 4 * c));
+    const __m128i second = _mm_load_si128(reinterpret_cast<const __m128i*>(sums + 4 * c + 4));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(low + 4 * c),
+                     _mm_packs_epi32(_mm_and_si128(first, mask), _mm_and_si128(second, mask)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(high + 4 * c),
+                     _mm_packs_epi32(_mm_srai_epi32(first, 15), _mm_srai_epi32(second, 15)));
+  }
+  if (c < count) {
+    const __m128i first = _mm_load_si128(reinterpret_cast<const __m128i*>(sums + 4 * c));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(low + 4 * c), _mm_packs_epi32(_mm_and_si128(first, mask), first));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(high + 4 * c), _mm_packs_epi32(_mm_srai_epi32(first, 15), first));
+  }
+}
+
+// Σ w[m] * s[col[m]] over the five columns, four lanes, modulo 2^32 as the
+// kernel has it: each half through pmaddwd in pairs of columns, exactly, and
+// the high half's total moved up 15 bits. pairs holds (w0, w1), (w2, w3) and
+// (w4, 0) as 16-bit pairs.
+inline __m128i weighColumns(const int16_t* low, const int16_t* high, const int32_t col[5], const uint32_t pairs[3]) {
+  const __m128i w01 = _mm_set1_epi32(int(pairs[0]));
+  const __m128i w23 = _mm_set1_epi32(int(pairs[1]));
+  const __m128i w4 = _mm_set1_epi32(int(pairs[2]));
+  const auto at = [](const int16_t* half, int32_t c) {
+    return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(half + 4 * c));
+  };
+  __m128i lowSum = _mm_madd_epi16(_mm_unpacklo_epi16(at(low, col[0]), at(low, col[1])), w01);
+  lowSum = _mm_add_epi32(lowSum, _mm_madd_epi16(_mm_unpacklo_epi16(at(low, col[2]), at(low, col[3])), w23));
+  lowSum = _mm_add_epi32(lowSum, _mm_madd_epi16(_mm_unpacklo_epi16(at(low, col[4]), _mm_setzero_si128()), w4));
+  __m128i highSum = _mm_madd_epi16(_mm_unpacklo_epi16(at(high, col[0]), at(high, col[1])), w01);
+  highSum = _mm_add_epi32(highSum, _mm_madd_epi16(_mm_unpacklo_epi16(at(high, col[2]), at(high, col[3])), w23));
+  highSum = _mm_add_epi32(highSum, _mm_madd_epi16(_mm_unpacklo_epi16(at(high, col[4]), _mm_setzero_si128()), w4));
+  return _mm_add_epi32(_mm_slli_epi32(highSum, 15), lowSum);
+}
+
+// The kernel's totals to the hole's word: each lane to float, scaled to unit
+// range, clamped, back to the byte (truncated), alpha full. The lanes do the
+// scalar road's operations; a clamped zero may come out as +0 where the
+// scalar keeps -0, which truncates to the same byte.
+inline uint32_t broughtDownWord(__m128i totals, __m128 toUnit, __m128 limit, __m128 toValue, uint32_t full) {
+  __m128 c = _mm_mul_ps(_mm_mul_ps(_mm_cvtepi32_ps(totals), _mm_set1_ps(kScale8)), toUnit);
+  c = _mm_min_ps(_mm_max_ps(c, _mm_setzero_ps()), limit);
+  const __m128i bytes = _mm_cvttps_epi32(_mm_mul_ps(c, toValue));
+  const __m128i packed = _mm_packus_epi16(_mm_packs_epi32(bytes, bytes), bytes);
+  return (uint32_t(_mm_cvtsi128_si32(packed)) & 0xffffff00u) | (full & 0xffu);
+}
+#endif
+
 // The weights of one axis in pixel order: pixel i - 2 takes tap 4, pixel
 // i + 2 tap 0.
 inline void pixelOrderWeights(const int32_t (*taps)[kKernelPhases], int32_t phase, int32_t w[5]) {
@@ -787,9 +952,6 @@ inline void pixelOrderWeights(const int32_t (*taps)[kKernelPhases], int32_t phas
   w[3] = taps[1][phase];
   w[4] = taps[0][phase];
 }
-
-// The 8-bit kernel's total scale, weights times 2048 twice.
-const float kScale8 = 0x1p-22f;
 
 // Whether expandIntoByColumnSums can take this level: the block read must be
 // the clamped one on every road.
@@ -820,6 +982,17 @@ void expandIntoByColumnSums(PixelStore* store, int32_t level, int32_t readLevel,
   int32_t columns[kTileWidth][5];
   uint32_t weightsX[kTileWidth][5];
   alignas(16) int32_t sums[4 * kColumnSumSpan];
+#if MENDARIS_SSE2_FILL
+  uint32_t weightPairs[kTileWidth][3];
+  alignas(16) int16_t lowHalves[4 * kColumnSumSpan];
+  alignas(16) int16_t highHalves[4 * kColumnSumSpan];
+  const __m128 toUnitLanes = _mm_set1_ps(toUnit);
+  const __m128 limitLanes = _mm_set1_ps(limit);
+  const __m128 toValueLanes = _mm_set1_ps(toValue);
+  // The lanes pack to bytes with saturation where the scalar road wraps:
+  // the same only while every clamped colour lands on 0..255.
+  const bool wordLanes = toValue >= 0.0f && limit * toValue < 256.0f;
+#endif
   for (int32_t t = 0; t < across; ++t) {
     const int32_t x0 = t * kTileWidth;
     const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
@@ -838,6 +1011,12 @@ void expandIntoByColumnSums(PixelStore* store, int32_t level, int32_t readLevel,
         if (c < lowest) lowest = c;
         if (c > highest) highest = c;
       }
+#if MENDARIS_SSE2_FILL
+      // Every weight fits 16 bits signed.
+      weightPairs[k][0] = (uint32_t(w[1]) << 16) | (uint32_t(w[0]) & 0xffffu);
+      weightPairs[k][1] = (uint32_t(w[3]) << 16) | (uint32_t(w[2]) & 0xffffu);
+      weightPairs[k][2] = uint32_t(w[4]) & 0xffffu;
+#endif
     }
     const bool summed = highest - lowest + 1 <= kColumnSumSpan;
     for (int32_t k = 0; summed && k < count; ++k) {
@@ -885,7 +1064,17 @@ void expandIntoByColumnSums(PixelStore* store, int32_t level, int32_t readLevel,
             columnSumsU8(rows, weightsY, stop - c, sums + 4 * (c - lowest));
             c = stop;
           }
+#if MENDARIS_SSE2_FILL
+          splitColumnSums(sums, highest - lowest + 1, lowHalves, highHalves);
+#endif
         }
+#if MENDARIS_SSE2_FILL
+        if (wordLanes) {
+          storeWord(p, broughtDownWord(weighColumns(lowHalves, highHalves, columns[k], weightPairs[k]), toUnitLanes,
+                                       limitLanes, toValueLanes, full));
+          continue;
+        }
+#endif
         const int32_t* col = columns[k];
         const uint32_t* w = weightsX[k];
         // Lanes 3, 2 and 1 hold red, green and blue; the alpha is not needed.

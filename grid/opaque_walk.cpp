@@ -244,48 +244,6 @@ bool nearestOpaqueIn(const WalkView& w, float x, float y, float* outX, float* ou
   return true;
 }
 
-void nearestOpaqueMany(const WalkView& w, int32_t count, const float* x, const float* y, float* outX,
-                       float* outY, int32_t* walked) {
-  // The walks of one round, by index; a batch at a time keeps the list on the stack.
-  constexpr int32_t kBatch = 256;
-  int32_t active[kBatch];
-  for (int32_t base = 0; base < count; base += kBatch) {
-    const int32_t end = count - base < kBatch ? count : base + kBatch;
-    int32_t n = 0;
-    for (int32_t i = base; i < end; ++i) {
-      const int32_t xi = truncFloat(x[i]);
-      const int32_t yi = truncFloat(y[i]);
-      const bool outside = uint32_t(xi) >= uint32_t(w.width) || uint32_t(yi) >= uint32_t(w.height);
-      // Outside beside a solid pixel: taken as it stands, not walked. Inside
-      // on a solid pixel: stays. Anything else walks.
-      const bool besideSolid = outside && solidClampedIn(w, xi, yi);
-      const bool onSolid = !outside && solidIn(w, xi, yi);
-      outX[i] = x[i];
-      outY[i] = y[i];
-      walked[i] = besideSolid ? 0 : 1;
-      active[n] = i;
-      n += (besideSolid || onSolid) ? 0 : 1;
-    }
-    // Each round steps every walk still under way once; a walk that arrives
-    // leaves the list. The first step of each needs no solid test of its own
-    // point (see nearestOpaqueIn), nor does any later one.
-    for (int32_t step = 0; step < kWalkSteps && n > 0; ++step) {
-      int32_t still = 0;
-      for (int32_t k = 0; k < n; ++k) {
-        const int32_t i = active[k];
-        float nx;
-        float ny;
-        const bool arrived = stepIn(w, outX[i], outY[i], &nx, &ny, true);
-        outX[i] = nx;
-        outY[i] = ny;
-        active[still] = i;
-        still += arrived ? 0 : 1;
-      }
-      n = still;
-    }
-  }
-}
-
 bool nearestOpaque(float x, float y, float* outX, float* outY) {
   WalkView w;
   walkViewFromBlocks(&w);

@@ -68,14 +68,6 @@ void walkViewFromBlocks(WalkView* view);
 // nearestOpaque through a view taken beforehand: the same result.
 bool nearestOpaqueIn(const WalkView& view, float x, float y, float* outX, float* outY);
 
-// nearestOpaqueIn for `count` points (x[i], y[i]) at once: outX[i], outY[i]
-// and walked[i] (1 or 0) are what nearestOpaqueIn gives for point i. The
-// walks still under way take their steps in turn, one step each per round,
-// so that the processor overlaps independent walks instead of waiting on one
-// at a time; every walk takes exactly the steps it would take alone.
-void nearestOpaqueMany(const WalkView& view, int32_t count, const float* x, const float* y, float* outX,
-                       float* outY, int32_t* walked);
-
 // 1.0 when pixel (x, y) lies in the source and is solid, else 0.0.
 float opaqueAt(int32_t x, int32_t y);
 // opaqueAt of (x, y) limited to the source's level 0.

@@ -151,20 +151,39 @@ void samplePixel(float sharpness, const PixelStore* store, int32_t x, int32_t y,
 
 namespace {
 
-// One pixel whose four corner cells are given: the sampler's whole road when
-// a corner is missing or the keys differ, else the road those always take.
-inline void sampleCorners(SampleGrid* grid, const PixelStore* store, int32_t x, int32_t y, SampleCell* here,
-                          const SampleCell* left, const SampleCell* up, const SampleCell* upLeft, JobUnit* unit) {
-  if (here == nullptr || left == nullptr || up == nullptr || upLeft == nullptr || !sameKeys(here, left) ||
-      !sameKeys(here, up) || !sameKeys(here, upLeft)) {
-    PixelSample sample;
-    samplePixel(kDefaultSharpness, store, x, y, grid, kSamplerMode, gridsPerUnit(), sample, unit);
-    if (here != nullptr) memcpy(here->colour, sample.resultColour, sizeof here->colour);
-    return;
-  }
-  // All four corners there, with equal keys: their hashes agree, so no corner
-  // class, no fixed level, and the single-position window over the corners.
-  // This is samplePixel's road for such a pixel, step by step.
+// Means of a column of two corners, the upper and the lower one: the c1 of
+// the pixel left of that column and the c2 of the pixel right of it. The
+// mean is symmetric in its two arguments (a NaN aside, whose pixel gets zero
+// colour whichever NaN it is), so one computation serves both pixels.
+struct ColumnMeans {
+  float u;
+  float v;
+};
+
+inline ColumnMeans columnMeans(const SampleCell* upper, const SampleCell* lower) {
+  return ColumnMeans{averageU(upper->landU, lower->landU, 0), averageV(upper->landV, lower->landV, 0)};
+}
+
+inline bool cornersAgree(const SampleCell* here, const SampleCell* left, const SampleCell* up,
+                         const SampleCell* upLeft) {
+  return sameKeys(here, left) && sameKeys(here, up) && sameKeys(here, upLeft);
+}
+
+// The sampler's whole road for one pixel, its colour into its cell when it has one.
+inline void sampleGeneral(SampleGrid* grid, const PixelStore* store, int32_t x, int32_t y, SampleCell* here,
+                          JobUnit* unit) {
+  PixelSample sample;
+  samplePixel(kDefaultSharpness, store, x, y, grid, kSamplerMode, gridsPerUnit(), sample, unit);
+  if (here != nullptr) memcpy(here->colour, sample.resultColour, sizeof here->colour);
+}
+
+// The road of a pixel whose four corners are there with equal keys: their
+// hashes agree, so no corner class, no fixed level, and the single-position
+// window over the corners. This is samplePixel's road for such a pixel, step
+// by step; `right` and `leftColumn` are the means of the pixel's right and
+// left corner columns.
+inline void sampleAgreeing(SampleGrid* grid, const PixelStore* store, SampleCell* here, const SampleCell* left,
+                           const SampleCell* up, ColumnMeans right, ColumnMeans leftColumn) {
   grid->spanA = here->spanA;
   grid->spanB = here->spanB;
   grid->state.fixedLod = false;
@@ -173,17 +192,24 @@ inline void sampleCorners(SampleGrid* grid, const PixelStore* store, int32_t x, 
   if (cellMissed(*here)) {
     memcpy(colour, kNoHitColour, sizeof colour);
   } else {
-    float c1 = averageV(up->landV, here->landV, 0);
-    float c2 = averageV(left->landV, upLeft->landV, 0);
-    const float v = averageV(c2, c1, 0);
-    c1 = averageU(up->landU, here->landU, 0);
-    c2 = averageU(left->landU, upLeft->landU, 0);
-    const float u = averageU(c2, c1, 0);
+    const float v = averageV(leftColumn.v, right.v, 0);
+    const float u = averageU(leftColumn.u, right.u, 0);
     footprintFromCorners(left->landU, left->landV, up->landU, up->landV, here->landU, here->landV, u, v, store,
                          colour, kDefaultSharpness, &grid->state);
   }
   windowMean(colour);
   memcpy(here->colour, colour, sizeof here->colour);
+}
+
+// One pixel from its four corner cells, any of which may be missing.
+inline void sampleCorners(SampleGrid* grid, const PixelStore* store, int32_t x, int32_t y, SampleCell* here,
+                          const SampleCell* left, const SampleCell* up, const SampleCell* upLeft, JobUnit* unit) {
+  if (here == nullptr || left == nullptr || up == nullptr || upLeft == nullptr ||
+      !cornersAgree(here, left, up, upLeft)) {
+    sampleGeneral(grid, store, x, y, here, unit);
+    return;
+  }
+  sampleAgreeing(grid, store, here, left, up, columnMeans(up, here), columnMeans(upLeft, left));
 }
 
 }  // namespace
@@ -214,16 +240,33 @@ void samplePixels(JobUnit* unit) {
     // cells, the cells between follow each other in the array.
     SampleCell* lower = cellAt(grid, r.left - 1, y);
     SampleCell* upper = cellAt(grid, r.left - 1, y - 1);
-    if (lower != nullptr && upper != nullptr && cellAt(grid, r.right - 1, y) == lower + width &&
-        cellAt(grid, r.right - 1, y - 1) == upper + width) {
-      for (int32_t k = 0; k < width; ++k) {
-        sampleCorners(grid, store, r.left + k, y, lower + k + 1, lower + k, upper + k + 1, upper + k, unit);
-      }
-    } else {
+    if (lower == nullptr || upper == nullptr || cellAt(grid, r.right - 1, y) != lower + width ||
+        cellAt(grid, r.right - 1, y - 1) != upper + width) {
       for (int32_t x = r.left; x < r.right; ++x) {
         sampleCorners(grid, store, x, y, cellAt(grid, x, y), cellAt(grid, x - 1, y), cellAt(grid, x, y - 1),
                       cellAt(grid, x - 1, y - 1), unit);
       }
+      continue;
+    }
+    // Left to right, the right column's means of one pixel are the left
+    // column's of the next.
+    bool haveLeftColumn = false;
+    ColumnMeans leftColumn = {0.0f, 0.0f};
+    for (int32_t k = 0; k < width; ++k) {
+      SampleCell* here = lower + k + 1;
+      const SampleCell* left = lower + k;
+      const SampleCell* up = upper + k + 1;
+      const SampleCell* upLeft = upper + k;
+      if (!cornersAgree(here, left, up, upLeft)) {
+        sampleGeneral(grid, store, r.left + k, y, here, unit);
+        haveLeftColumn = false;
+        continue;
+      }
+      const ColumnMeans right = columnMeans(up, here);
+      if (!haveLeftColumn) leftColumn = columnMeans(upLeft, left);
+      sampleAgreeing(grid, store, here, left, up, right, leftColumn);
+      leftColumn = right;
+      haveLeftColumn = true;
     }
   }
 }

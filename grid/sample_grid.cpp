@@ -97,28 +97,6 @@ inline void storeCell(const CellContext& c, float x, float y, float landX, float
   cell->noHit = 0;
 }
 
-// The cells of a unit are computed in batches: the points of a batch are
-// walked together, then their cells are written.
-constexpr int32_t kCellBatch = 256;
-
-struct CellBatch {
-  int32_t count;
-  SampleCell* cells[kCellBatch];
-  float x[kCellBatch];
-  float y[kCellBatch];
-  float landX[kCellBatch];
-  float landY[kCellBatch];
-  int32_t walked[kCellBatch];
-};
-
-void flushCells(const CellContext& c, CellBatch* b) {
-  nearestOpaqueMany(c.walk, b->count, b->x, b->y, b->landX, b->landY, b->walked);
-  for (int32_t i = 0; i < b->count; ++i) {
-    storeCell(c, b->x[i], b->y[i], b->landX[i], b->landY[i], b->walked[i] != 0, b->cells[i]);
-  }
-  b->count = 0;
-}
-
 }  // namespace
 
 void cellPoint(float x, float y, int32_t sampleRate, int32_t offsetX, int32_t offsetY, const PixelStore* store,
@@ -135,21 +113,16 @@ void fillCells(JobUnit* unit, SampleGrid* grid) {
   const VRect& r = unit->cursor.unitRect;
   CellContext c;
   cellContext(grid, grid->sampleRate, grid->offsetX, grid->offsetY, grid->store, &c);
-  CellBatch batch;
-  batch.count = 0;
   for (int16_t y = low16(r.top - 1); int32_t(y) < r.bottom + 1; y = low16(y + 1)) {
     for (int16_t x = low16(r.left - 1); int32_t(x) < r.right + 1; x = low16(x + 1)) {
       SampleCell* cell = cellAt(grid, x, y);
       if (cell == nullptr) continue;
-      const int32_t i = batch.count;
-      batch.cells[i] = cell;
-      batch.x[i] = float(x);
-      batch.y[i] = float(y);
-      batch.count = i + 1;
-      if (batch.count == kCellBatch) flushCells(c, &batch);
+      float landX;
+      float landY;
+      const bool walked = nearestOpaqueIn(c.walk, float(x), float(y), &landX, &landY);
+      storeCell(c, float(x), float(y), landX, landY, walked, cell);
     }
   }
-  flushCells(c, &batch);
 }
 
 void renderUnit(JobUnit* unit) {

@@ -32,32 +32,6 @@ inline float wrapUnit(float a) { return a - floorf(a); }
 
 }  // namespace
 
-void footprintFromCorners(float uLeft, float vLeft, float uUp, float vUp, float uHere, float vHere, float uCentre,
-                          float vCentre, const PixelStore* store, float out[4], float sharpness,
-                          FootprintState* state) {
-  float derivs[4] = {uHere - uLeft, vHere - vLeft, uHere - uUp, vHere - vUp};
-  int32_t missing = (uLeft == -1.0f ? kMissingX : 0) + (uUp == -1.0f ? kMissingY : 0);
-  // A missing pair borrows the other one, so that the footprint stays round.
-  if (missing == kMissingX) {
-    derivs[0] = derivs[2];
-    derivs[1] = derivs[3];
-  } else if (missing == kMissingY) {
-    derivs[2] = derivs[0];
-    derivs[3] = derivs[1];
-  }
-  // The common case first: a translation-like map (B within 1e-7 of zero) at a
-  // point in range is one level-0 read of the kernel, exactly what
-  // footprintSample comes to through levelSample, without the detours.
-  if (uCentre == uCentre && vCentre == vCentre) {
-    float b = (derivs[1] * derivs[0] + derivs[3] * derivs[2]) * -2.0f;
-    if (-1e-7f < b && b < 1e-7f && uCentre >= 0.0f && uCentre <= 1.0f && vCentre >= 0.0f && vCentre < 1.0f) {
-      filterUnitPixel(store, 0, 0.0f, uCentre, vCentre, out);
-      return;
-    }
-  }
-  footprintSample(derivs, uCentre, vCentre, missing, store, out, sharpness, state);
-}
-
 void derivativesToPixels(FootprintDerivs& d) {
   d.bigStep = false;
   switch (d.coordMode) {

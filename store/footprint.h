@@ -13,6 +13,8 @@
 
 #include <stdint.h>
 
+#include "store/resample.h"
+
 struct PixelStore;
 
 struct FootprintState {
@@ -53,18 +55,40 @@ constexpr int32_t kMaxProbes = 20;
 
 void resetFootprintState(FootprintState* state);
 
-// The entry of the pixel sampler: derivatives from the lower right corner to
-// the lower left (x pair) and to the upper right (y pair), a coordinate of
-// exactly -1.0 marking a missing corner; then footprintSample at the centre.
-void footprintFromCorners(float uLeft, float vLeft, float uUp, float vUp, float uHere, float vHere, float uCentre,
-                          float vCentre, const PixelStore* store, float out[4], float sharpness,
-                          FootprintState* state);
-
 // One colour in unit range at (u, v). derivs is (dux, dvx, duy, dvy) in unit
 // measure; missing is 0 or a sum of kMissingX, kMissingY. A NaN point gives
 // zero colour.
 void footprintSample(const float derivs[4], float u, float v, int32_t missing, const PixelStore* store, float out[4],
                      float sharpness, FootprintState* state);
+
+// The entry of the pixel sampler: derivatives from the lower right corner to
+// the lower left (x pair) and to the upper right (y pair), a coordinate of
+// exactly -1.0 marking a missing corner; then footprintSample at the centre.
+// Inline, with the common case first: a translation-like map (B within 1e-7
+// of zero) at a point in range is one level-0 read of the kernel, exactly
+// what footprintSample comes to through levelSample, without the detours.
+inline void footprintFromCorners(float uLeft, float vLeft, float uUp, float vUp, float uHere, float vHere,
+                                 float uCentre, float vCentre, const PixelStore* store, float out[4],
+                                 float sharpness, FootprintState* state) {
+  float derivs[4] = {uHere - uLeft, vHere - vLeft, uHere - uUp, vHere - vUp};
+  int32_t missing = (uLeft == -1.0f ? kMissingX : 0) + (uUp == -1.0f ? kMissingY : 0);
+  // A missing pair borrows the other one, so that the footprint stays round.
+  if (missing == kMissingX) {
+    derivs[0] = derivs[2];
+    derivs[1] = derivs[3];
+  } else if (missing == kMissingY) {
+    derivs[2] = derivs[0];
+    derivs[3] = derivs[1];
+  }
+  if (uCentre == uCentre && vCentre == vCentre) {
+    float b = (derivs[1] * derivs[0] + derivs[3] * derivs[2]) * -2.0f;
+    if (-1e-7f < b && b < 1e-7f && uCentre >= 0.0f && uCentre <= 1.0f && vCentre >= 0.0f && vCentre < 1.0f) {
+      filterUnitPixel(store, 0, 0.0f, uCentre, vCentre, out);
+      return;
+    }
+  }
+  footprintSample(derivs, uCentre, vCentre, missing, store, out, sharpness, state);
+}
 
 // Sets bigStep and scales the derivatives from unit to pixel measure of level 0.
 void derivativesToPixels(FootprintDerivs& derivs);
