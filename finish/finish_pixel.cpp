@@ -220,128 +220,256 @@ struct DepthFloat {
   static Sample writeAlpha(float a, float scale) { return scale * a; }
 };
 
-// One row that lies wholly inside the unit and the host's outRect, at blend
-// mode 1 and the whole-image stage, with an output buffer: finishPixel's
-// steps for each pixel in turn, with what the view decides for the whole tile
-// (mask or none, the input row and how far it reaches, planes, scales) taken
-// once. Each pixel reads its input before it writes its output, as
+// What the view decides for one row of the tile, taken once for the row: the
+// selection (whole when the host masks by itself or there is no mask; none on
+// a row or column that the host's mask does not reach), the input row as far
+// as the host delivered it, the output row, planes and scales.
+template <class D>
+struct RowSetup {
+  typedef typename D::Sample Sample;
+  const uint8_t* colours;
+  ptrdiff_t strideBytes;
+  int32_t left;
+  int32_t unitLeft;
+  bool maskWhole;
+  const uint8_t* maskRow;
+  int32_t maskWidth;
+  const Sample* inRow;
+  int32_t inWidth;
+  ptrdiff_t inStride;
+  Sample* outRow;
+  ptrdiff_t outStride;
+  bool colourPlanes;
+  bool gray;
+  bool floatMath;
+  bool transparency;
+  int32_t alphaPlane;  // of both tiles, found by the input's figure
+  float inScale;
+  float inAlphaScale;
+  float outScale;
+  float outAlphaScale;
+
+  RowSetup(int32_t y, int32_t rowLeft, const uint8_t* rowColours, ptrdiff_t stride, const TileCursor& tile) {
+    const HostTileView& view = tile.view;
+    const int32_t dy = y - tile.unitRect.top;
+    colours = rowColours;
+    strideBytes = stride;
+    left = rowLeft;
+    unitLeft = tile.unitRect.left;
+    maskWhole = view.hostSig == kSelfMaskingHostSig || !view.haveMask || view.maskData == nullptr;
+    const bool maskRowThere = !maskWhole && !(dy >= view.maskRect[2] - view.maskRect[0]);
+    maskRow = maskRowThere
+                  ? static_cast<const uint8_t*>(view.maskData) + ptrdiff_t(dy) * ptrdiff_t(view.maskRowBytes)
+                  : nullptr;
+    maskWidth = view.maskRect[3] - view.maskRect[1];
+    const bool inRowThere = view.inData != nullptr && !(dy >= view.inRect[2] - view.inRect[0]);
+    inRow = inRowThere
+                ? static_cast<const Sample*>(view.inData) + ptrdiff_t(dy) * ptrdiff_t(view.inRowBytes >> D::kShift)
+                : nullptr;
+    inWidth = view.inRect[3] - view.inRect[1];
+    inStride = ptrdiff_t(view.inHiPlane) - view.inLoPlane + 1;
+    outRow = static_cast<Sample*>(view.outData) + ptrdiff_t(dy) * ptrdiff_t(view.outRowBytes >> D::kShift);
+    outStride = view.outPixelStride;
+    colourPlanes = view.planes >= 3;
+    gray = view.isGrayPlanes;
+    floatMath = view.floatMath;
+    transparency = view.hasTransparency;
+    alphaPlane = view.inLayerPlanes;
+    inScale = view.invColourScale;
+    inAlphaScale = view.invAlphaScale;
+    outScale = view.colourScale;
+    outAlphaScale = float(view.alphaScaleInt);
+  }
+
+  PixelValue sampleOf(int32_t x) const {
+    if (colours == nullptr) return PixelValue{0.0f, 0.0f, 0.0f, 0.0f};
+    const uint8_t* c = colours + ptrdiff_t(x - left) * strideBytes;
+    return PixelValue{loadFloat(c), loadFloat(c + 4), loadFloat(c + 8), loadFloat(c + 12)};
+  }
+
+  float coverageAt(int32_t dx) const {
+    if (maskWhole) return 1.0f;
+    if (maskRow == nullptr || dx >= maskWidth) return 0.0f;
+    return float(maskRow[dx]) * kMaskByteScale;
+  }
+};
+
+// finishPixel's steps for pixel x of a row that lies wholly inside the unit
+// and the host's outRect, at blend mode 1 and the whole-image stage, with an
+// output buffer. The pixel reads its input before it writes its output, as
 // finishPixel does.
+template <class D>
+inline void finishOne(const RowSetup<D>& r, int32_t x) {
+  typedef typename D::Sample Sample;
+  const int32_t dx = x - r.unitLeft;
+  PixelValue sample = r.sampleOf(x);
+
+  if (!r.floatMath) sample.a = sample.a * kAlphaGain;
+  if (sample.a < 0.0f) sample.a = 0.0f;
+  if (sample.a > 1.0f) sample.a = 1.0f;
+  if (sample.r < 0.0f) sample.r = 0.0f;
+  if (sample.g < 0.0f) sample.g = 0.0f;
+  if (sample.b < 0.0f) sample.b = 0.0f;
+  if (!r.floatMath) spillInto(&sample);
+  if (r.gray) {
+    float l = (sample.g * kGrayGreen + sample.r * kGrayRed) + sample.b * kGrayBlue;
+    sample.r = l;
+    sample.g = l;
+    sample.b = l;
+  }
+
+  const float coverage = r.coverageAt(dx);
+  const bool wholeCoverage = !(double(coverage) < kCoverageWhole);
+
+  PixelValue dst = {0.0f, 0.0f, 0.0f, 0.0f};
+  if (!(double(sample.a) < 1.0) && wholeCoverage) {
+    dst = PixelValue{0.0f, 0.0f, 0.0f, 1.0f};
+  } else if (r.inRow != nullptr && !(dx >= r.inWidth)) {
+    const Sample* p = r.inRow + ptrdiff_t(dx) * r.inStride;
+    dst.r = D::read(p[0], r.inScale);
+    dst.g = r.colourPlanes ? D::read(p[1], r.inScale) : dst.r;
+    dst.b = r.colourPlanes ? D::read(p[2], r.inScale) : dst.r;
+    dst.a = r.transparency ? D::read(p[r.alphaPlane], r.inAlphaScale) : 1.0f;
+  }
+
+  // Blend mode 1 is a plain copy of the sample.
+  PixelValue out = sample;
+  if (r.floatMath) {
+    if (out.r > kFloatColourMax) out.r = kFloatColourMax;
+    if (out.g > kFloatColourMax) out.g = kFloatColourMax;
+    if (out.b > kFloatColourMax) out.b = kFloatColourMax;
+  } else {
+    if (!r.transparency && out.a < 1.0f) {
+      PixelValue over = out;
+      out = dst;
+      compositeOver(&over, &out);
+    }
+    if (out.r > 1.0f) out.r = 1.0f;
+    if (out.g > 1.0f) out.g = 1.0f;
+    if (out.b > 1.0f) out.b = 1.0f;
+  }
+
+  if (!wholeCoverage) {
+    out.r = (out.r - dst.r) * coverage + dst.r;
+    out.g = (out.g - dst.g) * coverage + dst.g;
+    out.b = (out.b - dst.b) * coverage + dst.b;
+    out.a = (out.a - dst.a) * coverage + dst.a;
+  }
+
+  Sample* p = r.outRow + ptrdiff_t(dx) * r.outStride;
+  if (r.colourPlanes) {
+    p[0] = D::write(out.r, r.outScale);
+    p[1] = D::write(out.g, r.outScale);
+    p[2] = D::write(out.b, r.outScale);
+  } else {
+    p[0] = D::write(out.g, r.outScale);  // a gray tile takes the green channel
+  }
+  if (r.transparency) p[r.alphaPlane] = D::writeAlpha(out.a, r.outAlphaScale);
+}
+
+#if MENDARIS_SSE2_TRUNC
+
+// The four samples of an interleaved pixel (red, green, blue, alpha) as
+// floats, each times its read factor, and back: the same single-precision
+// products and truncations as the per-channel code, one channel per lane.
+inline __m128 readQuad(const uint8_t* p, __m128 scales) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i bytes = _mm_cvtsi32_si128(int(loadWord(p)));
+  return _mm_mul_ps(_mm_cvtepi32_ps(_mm_unpacklo_epi16(_mm_unpacklo_epi8(bytes, zero), zero)), scales);
+}
+inline __m128 readQuad(const uint16_t* p, __m128 scales) {
+  const __m128i words = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+  return _mm_mul_ps(_mm_cvtepi32_ps(_mm_unpacklo_epi16(words, _mm_setzero_si128())), scales);
+}
+inline __m128 readQuad(const float* p, __m128 scales) { return _mm_mul_ps(_mm_loadu_ps(p), scales); }
+
+// Truncation toward zero with INT32_MIN for NaN and anything out of range, as
+// truncFloat; then the low 8 or 16 bits of each.
+inline void writeQuad(uint8_t* p, __m128 v, __m128 scales) {
+  __m128i i = _mm_and_si128(_mm_cvttps_epi32(_mm_mul_ps(v, scales)), _mm_set1_epi32(0xff));
+  i = _mm_packs_epi32(i, i);
+  i = _mm_packus_epi16(i, i);
+  storeWord(p, uint32_t(_mm_cvtsi128_si32(i)));
+}
+inline void writeQuad(uint16_t* p, __m128 v, __m128 scales) {
+  __m128i i = _mm_cvttps_epi32(_mm_mul_ps(v, scales));
+  i = _mm_shufflelo_epi16(i, _MM_SHUFFLE(3, 1, 2, 0));
+  i = _mm_shufflehi_epi16(i, _MM_SHUFFLE(3, 1, 2, 0));
+  i = _mm_shuffle_epi32(i, _MM_SHUFFLE(3, 1, 2, 0));
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(p), i);
+}
+inline void writeQuad(float* p, __m128 v, __m128 scales) { _mm_storeu_ps(p, _mm_mul_ps(v, scales)); }
+
+// The row of a colour tile with transparency whose pixels are red, green,
+// blue, alpha side by side in both tiles: finishOne with the four channels in
+// the lanes of one register where every channel takes the same operation.
+// The lanes compute the very operations of finishOne, in its order. A pixel
+// with a colour above 1.0 at the integer depths needs the spill, which works
+// across channels: it takes finishOne itself.
+template <class D>
+void finishQuadRow(const RowSetup<D>& r, int32_t right) {
+  const float inf = bitsToFloat(0x7f800000u);
+  const __m128 zero = _mm_setzero_ps();
+  const __m128 ones = _mm_set1_ps(1.0f);
+  const __m128 alphaOnly = _mm_castsi128_ps(_mm_set_epi32(-1, 0, 0, 0));
+  const __m128 gain = _mm_set_ps(kAlphaGain, 1.0f, 1.0f, 1.0f);
+  // Alpha no higher than 1; colours below 1 (integer depths) or 65535 (float).
+  const __m128 alphaCeiling = _mm_set_ps(1.0f, inf, inf, inf);
+  const float colourMax = r.floatMath ? kFloatColourMax : 1.0f;
+  const __m128 colourCeiling = _mm_set_ps(inf, colourMax, colourMax, colourMax);
+  const __m128 inScales = _mm_set_ps(r.inAlphaScale, r.inScale, r.inScale, r.inScale);
+  const __m128 outScales = _mm_set_ps(r.outAlphaScale, r.outScale, r.outScale, r.outScale);
+  const __m128 opaqueDst = _mm_set_ps(1.0f, 0.0f, 0.0f, 0.0f);
+
+  for (int32_t x = r.left; x < right; ++x) {
+    const int32_t dx = x - r.unitLeft;
+    __m128 s = r.colours != nullptr ? _mm_loadu_ps(reinterpret_cast<const float*>(
+                                          r.colours + ptrdiff_t(x - r.left) * r.strideBytes))
+                                    : zero;
+    if (!r.floatMath && (_mm_movemask_ps(_mm_cmpgt_ps(s, ones)) & 7) != 0) {
+      finishOne(r, x);
+      continue;
+    }
+    // Alpha gain (alpha lane alone), then alpha to 0..1 and colours to 0 and up.
+    if (!r.floatMath) s = _mm_or_ps(_mm_andnot_ps(alphaOnly, s), _mm_and_ps(alphaOnly, _mm_mul_ps(s, gain)));
+    s = _mm_max_ps(zero, s);
+    s = _mm_min_ps(alphaCeiling, s);
+
+    const float coverage = r.coverageAt(dx);
+    const bool wholeCoverage = !(double(coverage) < kCoverageWhole);
+    const float alpha = _mm_cvtss_f32(_mm_shuffle_ps(s, s, _MM_SHUFFLE(3, 3, 3, 3)));
+
+    __m128 dst = zero;
+    if (!(double(alpha) < 1.0) && wholeCoverage) {
+      dst = opaqueDst;
+    } else if (r.inRow != nullptr && !(dx >= r.inWidth)) {
+      dst = readQuad(r.inRow + ptrdiff_t(dx) * r.inStride, inScales);
+    }
+
+    // Blend mode 1 copies the sample; then the colour ceiling of the depth.
+    __m128 out = _mm_min_ps(colourCeiling, s);
+    if (!wholeCoverage) {
+      out = _mm_add_ps(_mm_mul_ps(_mm_sub_ps(out, dst), _mm_set1_ps(coverage)), dst);
+    }
+    writeQuad(r.outRow + ptrdiff_t(dx) * r.outStride, out, outScales);
+  }
+}
+
+#endif
+
+// One row of the tile: the four-lane loop where the tile's layout allows it,
+// else finishOne pixel by pixel.
 template <class D>
 void finishRowAt(int32_t y, int32_t left, int32_t right, const uint8_t* colours, ptrdiff_t strideBytes,
                  const TileCursor& tile) {
-  typedef typename D::Sample Sample;
-  const HostTileView& view = tile.view;
-  const int32_t dy = y - tile.unitRect.top;
-
-  // The selection: whole when the host masks by itself or there is no mask;
-  // nothing on a row or column the host's mask does not reach.
-  const bool maskWhole = view.hostSig == kSelfMaskingHostSig || !view.haveMask || view.maskData == nullptr;
-  const bool maskRowThere = !maskWhole && !(dy >= view.maskRect[2] - view.maskRect[0]);
-  const uint8_t* maskRow =
-      maskRowThere ? static_cast<const uint8_t*>(view.maskData) + ptrdiff_t(dy) * ptrdiff_t(view.maskRowBytes)
-                   : nullptr;
-  const int32_t maskWidth = view.maskRect[3] - view.maskRect[1];
-
-  // The input row, as far as the host delivered it.
-  const bool inRowThere = view.inData != nullptr && !(dy >= view.inRect[2] - view.inRect[0]);
-  const Sample* inRow =
-      inRowThere ? static_cast<const Sample*>(view.inData) + ptrdiff_t(dy) * ptrdiff_t(view.inRowBytes >> D::kShift)
-                 : nullptr;
-  const int32_t inWidth = view.inRect[3] - view.inRect[1];
-  const ptrdiff_t inStride = ptrdiff_t(view.inHiPlane) - view.inLoPlane + 1;
-
-  Sample* outRow = static_cast<Sample*>(view.outData) + ptrdiff_t(dy) * ptrdiff_t(view.outRowBytes >> D::kShift);
-  const ptrdiff_t outStride = view.outPixelStride;
-
-  const bool colourPlanes = view.planes >= 3;
-  const bool gray = view.isGrayPlanes;
-  const bool floatMath = view.floatMath;
-  const bool transparency = view.hasTransparency;
-  // The alpha plane of both tiles is found by the input's figure.
-  const int32_t alphaPlane = view.inLayerPlanes;
-  const float inScale = view.invColourScale;
-  const float inAlphaScale = view.invAlphaScale;
-  const float outScale = view.colourScale;
-  const float outAlphaScale = float(view.alphaScaleInt);
-
-  for (int32_t x = left; x < right; ++x) {
-    const int32_t dx = x - tile.unitRect.left;
-    PixelValue sample = {0.0f, 0.0f, 0.0f, 0.0f};
-    if (colours != nullptr) {
-      float c[4];
-      memcpy(c, colours + ptrdiff_t(x - left) * strideBytes, sizeof c);
-      sample = PixelValue{c[0], c[1], c[2], c[3]};
-    }
-
-    if (!floatMath) sample.a = sample.a * kAlphaGain;
-    if (sample.a < 0.0f) sample.a = 0.0f;
-    if (sample.a > 1.0f) sample.a = 1.0f;
-    if (sample.r < 0.0f) sample.r = 0.0f;
-    if (sample.g < 0.0f) sample.g = 0.0f;
-    if (sample.b < 0.0f) sample.b = 0.0f;
-    if (!floatMath) spillInto(&sample);
-    if (gray) {
-      float l = (sample.g * kGrayGreen + sample.r * kGrayRed) + sample.b * kGrayBlue;
-      sample.r = l;
-      sample.g = l;
-      sample.b = l;
-    }
-
-    float coverage;
-    if (maskWhole) {
-      coverage = 1.0f;
-    } else if (maskRow == nullptr || dx >= maskWidth) {
-      coverage = 0.0f;
-    } else {
-      coverage = float(maskRow[dx]) * kMaskByteScale;
-    }
-    const bool wholeCoverage = !(double(coverage) < kCoverageWhole);
-
-    PixelValue dst = {0.0f, 0.0f, 0.0f, 0.0f};
-    if (!(double(sample.a) < 1.0) && wholeCoverage) {
-      dst = PixelValue{0.0f, 0.0f, 0.0f, 1.0f};
-    } else if (inRow != nullptr && !(dx >= inWidth)) {
-      const Sample* p = inRow + ptrdiff_t(dx) * inStride;
-      dst.r = D::read(p[0], inScale);
-      dst.g = colourPlanes ? D::read(p[1], inScale) : dst.r;
-      dst.b = colourPlanes ? D::read(p[2], inScale) : dst.r;
-      dst.a = transparency ? D::read(p[alphaPlane], inAlphaScale) : 1.0f;
-    }
-
-    // Blend mode 1 is a plain copy of the sample.
-    PixelValue out = sample;
-    if (floatMath) {
-      if (out.r > kFloatColourMax) out.r = kFloatColourMax;
-      if (out.g > kFloatColourMax) out.g = kFloatColourMax;
-      if (out.b > kFloatColourMax) out.b = kFloatColourMax;
-    } else {
-      if (!transparency && out.a < 1.0f) {
-        PixelValue over = out;
-        out = dst;
-        compositeOver(&over, &out);
-      }
-      if (out.r > 1.0f) out.r = 1.0f;
-      if (out.g > 1.0f) out.g = 1.0f;
-      if (out.b > 1.0f) out.b = 1.0f;
-    }
-
-    if (!wholeCoverage) {
-      out.r = (out.r - dst.r) * coverage + dst.r;
-      out.g = (out.g - dst.g) * coverage + dst.g;
-      out.b = (out.b - dst.b) * coverage + dst.b;
-      out.a = (out.a - dst.a) * coverage + dst.a;
-    }
-
-    Sample* p = outRow + ptrdiff_t(dx) * outStride;
-    if (colourPlanes) {
-      p[0] = D::write(out.r, outScale);
-      p[1] = D::write(out.g, outScale);
-      p[2] = D::write(out.b, outScale);
-    } else {
-      p[0] = D::write(out.g, outScale);  // a gray tile takes the green channel
-    }
-    if (transparency) p[alphaPlane] = D::writeAlpha(out.a, outAlphaScale);
+  const RowSetup<D> r(y, left, colours, strideBytes, tile);
+#if MENDARIS_SSE2_TRUNC
+  if (r.colourPlanes && !r.gray && r.transparency && r.alphaPlane == 3 && r.outStride == 4 && r.inStride == 4) {
+    finishQuadRow(r, right);
+    return;
   }
+#endif
+  for (int32_t x = left; x < right; ++x) finishOne(r, x);
 }
 
 }  // namespace

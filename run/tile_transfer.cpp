@@ -45,16 +45,9 @@ void setHostTile(VRect rect) {
   setInRect(r);
   setOutRect(r);
   if (getHaveMask()) setMaskRect(r);
+  // All planes, at the run's rate, with the edges replicated past the layer.
+  hostPlanesAllRate(rate, plugInWantsEdgeReplication);
   FilterRecord* record = hostContext.filterRecord;
-  record->outLoPlane = 0;
-  record->inLoPlane = 0;
-  record->outHiPlane = int16_t(record->planes - 1);
-  record->inHiPlane = int16_t(record->planes - 1);
-  record->inputRate = rate << 16;
-  record->maskRate = rate << 16;
-  record->inputPadding = plugInWantsEdgeReplication;
-  record->outputPadding = plugInWantsEdgeReplication;
-  record->maskPadding = plugInWantsEdgeReplication;
   record->inPreDummyPlanes = 0;
   record->inPostDummyPlanes = 0;
   record->outPreDummyPlanes = 0;
