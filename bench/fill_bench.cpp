@@ -1,7 +1,12 @@
 // The three phases that prepare the fill on a large 8-bit layer: the level
 // pass, the coverage fields (opaque map, sweeps, smoothing jobs) and the fill
-// schedule. The layer is 4096 x 4096 with islands of soft-edged discs over
-// about a quarter of it, the rest transparent.
+// schedule; and the fill schedule again at 16 bits and in floats. The layer is
+// 4096 x 4096 with islands of soft-edged discs over about a quarter of it, the
+// rest transparent.
+//
+// Time is the wall clock of the timed part alone; the counter cpu_ms is the
+// processor time of the whole process over the same part (all threads), which
+// other work on the machine disturbs far less.
 //
 //   fill_bench --benchmark_counters_tabular=true
 #include <benchmark/benchmark.h>
@@ -9,6 +14,7 @@
 #include <string.h>
 
 #include <chrono>
+#include <ctime>
 
 #include "fill/coverage.h"
 #include "fill/fill_schedule.h"
@@ -96,6 +102,36 @@ PixelStore* loadedLayer() {
   return layer;
 }
 
+// The same layer at 16 bits (values times 32768 / 255) or in floats (over
+// 255), levels reduced, made once per kind.
+PixelStore* loadedLayerOf(int32_t kind) {
+  if (kind == kKindRgba8) return loadedLayer();
+  static PixelStore* layers[2] = {nullptr, nullptr};
+  PixelStore*& layer = layers[kind == kKindRgba16 ? 0 : 1];
+  if (layer == nullptr) {
+    const PixelStore* bytes = loadedLayer();
+    layer = pixelStoreCreate(kSide, kSide, kind, 0, false);
+    for (int32_t y = 0; y < kSide; ++y) {
+      for (int32_t x = 0; x < kSide; ++x) {
+        int32_t c[4];
+        readU8x4(x, y, bytes, 0, c);
+        if (kind == kKindRgba16) {
+          const int32_t wide[4] = {c[0] * 32768 / 255, c[1] * 32768 / 255, c[2] * 32768 / 255, c[3] * 32768 / 255};
+          writeU16x4(x, y, layer, 0, wide);
+        } else {
+          const float unit[4] = {float(c[0]) / 255.0f, float(c[1]) / 255.0f, float(c[2]) / 255.0f,
+                                 float(c[3]) / 255.0f};
+          uint32_t w[4];
+          memcpy(w, unit, sizeof w);
+          writeWord4(x, y, layer, 0, w);
+        }
+      }
+    }
+    buildLevels(layer, 0);
+  }
+  return layer;
+}
+
 // Copies every tile of `from` into `to`, which has the same geometry.
 void copyStore(const PixelStore* from, PixelStore* to) {
   for (int32_t i = 0; i < from->tileCount; ++i) {
@@ -108,15 +144,31 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
+// The processor time of the timed parts, summed over the iterations, as a
+// per-iteration counter in milliseconds.
+struct CpuClock {
+  double total = 0.0;
+  std::clock_t start = 0;
+  void begin() { start = std::clock(); }
+  void end() { total += double(std::clock() - start) * 1000.0 / CLOCKS_PER_SEC; }
+  void report(benchmark::State& state) const {
+    state.counters["cpu_ms"] = benchmark::Counter(total / double(state.iterations()));
+  }
+};
+
 void BM_BuildLevels(benchmark::State& state) {
   PixelStore* layer = loadedLayer();
   PixelStore* work = pixelStoreCreate(kSide, kSide, kKindRgba8, 0, false);
   copyStore(layer, work);
+  CpuClock cpu;
   for (auto _ : state) {
     const auto start = std::chrono::steady_clock::now();
+    cpu.begin();
     buildLevels(work, 0);
+    cpu.end();
     state.SetIterationTime(secondsSince(start));
   }
+  cpu.report(state);
   pixelStoreDestroy(&work);
 }
 BENCHMARK(BM_BuildLevels)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
@@ -124,28 +176,53 @@ BENCHMARK(BM_BuildLevels)->UseManualTime()->Unit(benchmark::kMillisecond)->Itera
 void BM_BuildFillFields(benchmark::State& state) {
   PixelStore* layer = loadedLayer();
   ParamBlock& params = benchHost().params;
+  CpuClock cpu;
   for (auto _ : state) {
     const auto start = std::chrono::steady_clock::now();
+    cpu.begin();
     buildFillFields(layer);
+    cpu.end();
     state.SetIterationTime(secondsSince(start));
     pixelStoreDestroy(&params.opaqueStore);
     pixelStoreDestroy(&params.distanceStore);
   }
+  cpu.report(state);
 }
 BENCHMARK(BM_BuildFillFields)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
 
-// The parts of the fields alone: the sweeps and the smoothing.
+// The parts of the fields alone: the seed, the sweeps with the inversion, and
+// the smoothing.
+void BM_FieldSeed(benchmark::State& state) {
+  PixelStore* layer = loadedLayer();
+  PixelStore* field = pixelStoreCreate(kSide + kDistanceGrowth, kSide + kDistanceGrowth, kKindFloat, 0, true);
+  CpuClock cpu;
+  for (auto _ : state) {
+    const auto start = std::chrono::steady_clock::now();
+    cpu.begin();
+    seedDistanceStore(layer, field, 0);
+    cpu.end();
+    state.SetIterationTime(secondsSince(start));
+  }
+  cpu.report(state);
+  pixelStoreDestroy(&field);
+}
+BENCHMARK(BM_FieldSeed)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
+
 void BM_FieldSweeps(benchmark::State& state) {
   PixelStore* layer = loadedLayer();
   PixelStore* field = pixelStoreCreate(kSide + kDistanceGrowth, kSide + kDistanceGrowth, kKindFloat, 0, true);
+  CpuClock cpu;
   for (auto _ : state) {
     seedDistanceStore(layer, field, 0);
     const auto start = std::chrono::steady_clock::now();
+    cpu.begin();
     sweepDistance(field);
     invertDistanceStore(field);
     sweepDistance(field);
+    cpu.end();
     state.SetIterationTime(secondsSince(start));
   }
+  cpu.report(state);
   pixelStoreDestroy(&field);
 }
 BENCHMARK(BM_FieldSweeps)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
@@ -153,27 +230,44 @@ BENCHMARK(BM_FieldSweeps)->UseManualTime()->Unit(benchmark::kMillisecond)->Itera
 void BM_FieldSmoothing(benchmark::State& state) {
   benchHost();
   PixelStore* field = pixelStoreCreate(kSide + kDistanceGrowth, kSide + kDistanceGrowth, kKindFloat, 0, true);
+  CpuClock cpu;
   for (auto _ : state) {
     const auto start = std::chrono::steady_clock::now();
+    cpu.begin();
     smoothStore(field, 0, levelRect(field, 0), kFieldSmoothRadius);
+    cpu.end();
     state.SetIterationTime(secondsSince(start));
   }
+  cpu.report(state);
   pixelStoreDestroy(&field);
 }
 BENCHMARK(BM_FieldSmoothing)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
 
+// The fill schedule of a layer of the given kind, on a fresh copy each time
+// (the fill works in place).
 void BM_FillLevels(benchmark::State& state) {
-  PixelStore* layer = loadedLayer();
-  PixelStore* work = pixelStoreCreate(kSide, kSide, kKindRgba8, 0, false);
+  const int32_t kind = int32_t(state.range(0));
+  PixelStore* layer = loadedLayerOf(kind);
+  PixelStore* work = pixelStoreCreate(kSide, kSide, kind, 0, false);
+  CpuClock cpu;
   for (auto _ : state) {
-    copyStore(layer, work);  // the fill works in place
+    copyStore(layer, work);
     const auto start = std::chrono::steady_clock::now();
+    cpu.begin();
     fillLevels(work, kFillPasses);
+    cpu.end();
     state.SetIterationTime(secondsSince(start));
   }
+  cpu.report(state);
   pixelStoreDestroy(&work);
 }
-BENCHMARK(BM_FillLevels)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(BM_FillLevels)
+    ->Arg(kKindRgba8)
+    ->Arg(kKindRgba16)
+    ->Arg(kKindRgbaFloat)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3);
 
 }  // namespace
 

@@ -18,11 +18,13 @@
 
 namespace {
 
-// The upwind update of one cell from its value and the nearer neighbour of
-// each axis: a of the two horizontal ones, b of the two vertical ones. Where
-// they differ by a whole pixel or more the wave comes from one axis alone;
-// otherwise the two fronts meet and the quadratic's root is taken.
-inline float relaxedFrom(float v, float a, float b) {
+// The upwind update of one cell from its value and its four neighbours. a is
+// the nearer of the two horizontal neighbours, b of the two vertical ones.
+// Where they differ by a whole pixel or more the wave comes from one axis
+// alone; otherwise the two fronts meet and the quadratic's root is taken.
+inline float relaxedValue(float v, float left, float right, float up, float down) {
+  const float a = left > right ? right : left;
+  const float b = up > down ? down : up;
   const float d = a - b;
   float n;
   if (fabsf(d) >= 1.0f) {
@@ -33,58 +35,26 @@ inline float relaxedFrom(float v, float a, float b) {
   return v > n ? n : v;
 }
 
-inline float relaxedValue(float v, float left, float right, float up, float down) {
-  const float a = left > right ? right : left;
-  const float b = up > down ? down : up;
-  return relaxedFrom(v, a, b);
-}
-
-// One open cell of a sweep. When both nearer neighbours are at v or above,
-// the update cannot lower v: min(a, b) + 1 and the root, whose square root is
-// at least 1, both come out at min(a, b) or above, roundings included, so
-// the cell keeps its bits and the root need not be taken.
+// One open cell of a sweep, in place. Storing v again would leave the same
+// bits, so only a lower value is written.
 inline void relaxCell(float* cell, float left, float right, float up, float down) {
   const float v = *cell;
   if (1.0f > v) return;  // final: seeds, negatives and values below one pixel
-  const float a = left > right ? right : left;
-  const float b = up > down ? down : up;
-  if (a >= v && b >= v) return;
-  const float n = relaxedFrom(v, a, b);
-  // Storing v again would leave the same bits.
+  const float n = relaxedValue(v, left, right, up, down);
   if (n != v) *cell = n;
 }
 
-#if MENDARIS_SSE2_SWEEP
-// Whether no cell of the four from `cell` on can change, each either final
-// or with all four neighbours at its value or above. The neighbours are read
-// as they stand; a neighbour that the sweep reaches later inside the block is
-// one of the four, unchanged by the same test, so the answer holds for the
-// whole block in either direction. cell needs one cell before it and four
-// after it in its row.
-inline bool quietCells(const float* cell, const float* up, const float* down) {
-  const __m128 v = _mm_loadu_ps(cell);
-  // The lanes that the cell's own test lets through: 1.0 and above, and NaN.
-  const int open = _mm_movemask_ps(_mm_or_ps(_mm_cmpge_ps(v, _mm_set1_ps(1.0f)), _mm_cmpunord_ps(v, v)));
-  if (open == 0) return true;
-  __m128 settled = _mm_and_ps(_mm_cmpge_ps(_mm_loadu_ps(cell - 1), v), _mm_cmpge_ps(_mm_loadu_ps(cell + 1), v));
-  settled = _mm_and_ps(settled, _mm_cmpge_ps(_mm_loadu_ps(up), v));
-  settled = _mm_and_ps(settled, _mm_cmpge_ps(_mm_loadu_ps(down), v));
-  return (open & ~_mm_movemask_ps(settled)) == 0;
-}
-#endif
-
-// One row of a sweep, the columns in the order of kXRising. Inside the row
-// the cells are addressed directly in the tile; a neighbour past the edge of
-// the field is the cell itself, as the clamping accessors give it.
-template <bool kXRising>
-void sweepOneRow(PixelStore* field, int32_t y) {
+// One row of a sweep, the columns in the order of xRising. Inside the row the
+// cells are addressed directly in the tile; a neighbour past the edge of the
+// field is the cell itself, as the clamping accessors give it.
+void sweepOneRow(PixelStore* field, int32_t y, bool xRising) {
   const int32_t width = field->levelWidth[0];
   const int32_t height = field->levelHeight[0];
   const int32_t tilesAcross = field->tilesAcross[0];
   const int32_t yUp = y > 0 ? y - 1 : 0;
   const int32_t yDown = y < height - 1 ? y + 1 : height - 1;
   for (int32_t tileStep = 0; tileStep < tilesAcross; ++tileStep) {
-    const int32_t tile = kXRising ? tileStep : tilesAcross - 1 - tileStep;
+    const int32_t tile = xRising ? tileStep : tilesAcross - 1 - tileStep;
     const int32_t x0 = tile * kTileWidth;
     const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
     float* row = storePixel<float>(field, 0, x0, y);
@@ -93,48 +63,22 @@ void sweepOneRow(PixelStore* field, int32_t y) {
     // The cells just outside this tile's part of the row, where the row goes on.
     const float* beforeTile = x0 > 0 ? storePixel<const float>(field, 0, x0 - 1, y) : nullptr;
     const float* afterTile = x0 + count < width ? storePixel<const float>(field, 0, x0 + count, y) : nullptr;
-    // The end cells of the run, with their neighbours outside it.
-    const auto relaxFirst = [&]() {
-      const float right = count > 1 ? row[1] : (afterTile != nullptr ? *afterTile : row[0]);
-      relaxCell(row, beforeTile != nullptr ? *beforeTile : row[0], right, rowUp[0], rowDown[0]);
-    };
-    const auto relaxLast = [&]() {
-      const int32_t k = count - 1;
-      relaxCell(row + k, k > 0 ? row[k - 1] : (beforeTile != nullptr ? *beforeTile : row[k]),
-                afterTile != nullptr ? *afterTile : row[k], rowUp[k], rowDown[k]);
-    };
-    if (count <= 2) {
-      if (kXRising) {
-        relaxFirst();
-        if (count == 2) relaxLast();
+    for (int32_t i = 0; i < count; ++i) {
+      const int32_t k = xRising ? i : count - 1 - i;
+      const float v = row[k];
+      float left;
+      if (k > 0) {
+        left = row[k - 1];
       } else {
-        if (count == 2) relaxLast();
-        relaxFirst();
+        left = beforeTile != nullptr ? *beforeTile : v;
       }
-      continue;
-    }
-    if (kXRising) {
-      relaxFirst();
-      int32_t k = 1;
-#if MENDARIS_SSE2_SWEEP
-      for (; k + 4 < count; k += 4) {
-        if (quietCells(row + k, rowUp + k, rowDown + k)) continue;
-        for (int32_t i = k; i < k + 4; ++i) relaxCell(row + i, row[i - 1], row[i + 1], rowUp[i], rowDown[i]);
+      float right;
+      if (k + 1 < count) {
+        right = row[k + 1];
+      } else {
+        right = afterTile != nullptr ? *afterTile : v;
       }
-#endif
-      for (; k < count - 1; ++k) relaxCell(row + k, row[k - 1], row[k + 1], rowUp[k], rowDown[k]);
-      relaxLast();
-    } else {
-      relaxLast();
-      int32_t k = count - 2;
-#if MENDARIS_SSE2_SWEEP
-      for (; k - 4 >= 0; k -= 4) {
-        if (quietCells(row + k - 3, rowUp + k - 3, rowDown + k - 3)) continue;
-        for (int32_t i = k; i > k - 4; --i) relaxCell(row + i, row[i - 1], row[i + 1], rowUp[i], rowDown[i]);
-      }
-#endif
-      for (; k > 0; --k) relaxCell(row + k, row[k - 1], row[k + 1], rowUp[k], rowDown[k]);
-      relaxFirst();
+      relaxCell(row + k, left, right, rowUp[k], rowDown[k]);
     }
   }
 }
@@ -186,8 +130,8 @@ inline __m128 relaxLanes(__m128 v, __m128 left, __m128 right, __m128 up, __m128 
   const __m128 n = _mm_or_ps(_mm_and_ps(oneAxis, step), _mm_andnot_ps(oneAxis, meet));
   // v > n ? n : v; cells below 1 keep v.
   const __m128 lowered = _mm_min_ps(n, v);
-  const __m128 final = _mm_cmplt_ps(v, _mm_set1_ps(1.0f));
-  return _mm_or_ps(_mm_and_ps(final, v), _mm_andnot_ps(final, lowered));
+  const __m128 frozen = _mm_cmplt_ps(v, _mm_set1_ps(1.0f));
+  return _mm_or_ps(_mm_and_ps(frozen, v), _mm_andnot_ps(frozen, lowered));
 }
 
 // The update of cell (x, y) as relaxDistanceCell makes it, with the
@@ -351,15 +295,14 @@ void sweepBand(PixelStore* field, bool yRising, int32_t first) {
 // outermost here because a row is contiguous in its tile.
 template <bool kXRising>
 void sweepRows(PixelStore* field, bool yRising) {
-  const int32_t width = field->levelWidth[0];
   const int32_t height = field->levelHeight[0];
   int32_t step = 0;
 #if MENDARIS_SSE2_SWEEP
-  if (width >= 4 * kBandRows) {
+  if (field->levelWidth[0] >= 4 * kBandRows) {
     for (; step + kBandRows <= height; step += kBandRows) sweepBand<kXRising>(field, yRising, step);
   }
 #endif
-  for (; step < height; ++step) sweepOneRow<kXRising>(field, yRising ? step : height - 1 - step);
+  for (; step < height; ++step) sweepOneRow(field, yRising ? step : height - 1 - step, kXRising);
 }
 
 // Truncation toward zero after 1 is taken from a negative value: floor for
@@ -459,7 +402,7 @@ inline RowRef rowRef(const PixelStore* store, int32_t level, int32_t y, int32_t 
   return row;
 }
 
-// The stored alpha of an integer kind; the float alpha of kind 9.
+// The stored alpha of kind 3 or 4.
 template <int32_t kKind>
 inline uint32_t storedAlpha(const uint8_t* p) {
   if (kKind == kKindRgba8) return loadWord(p) & 0xffu;
@@ -482,9 +425,9 @@ void markSolidRows(const PixelStore* source, PixelStore* store) {
   const int32_t width = source->levelWidth[0];
   const int32_t height = source->levelHeight[0];
   const int32_t across = source->tilesAcross[0];
+  const uint32_t maxValue = kKind == kKindRgba8 ? 255u : 65535u;
   const uint32_t solidValue =
-      kKind == kKindRgbaFloat ? 0u
-                              : firstValueNotBelow(kSolidAlpha, source->valueToUnit, kKind == kKindRgba8 ? 255u : 65535u);
+      kKind == kKindRgbaFloat ? 0u : firstValueNotBelow(kSolidAlpha, source->valueToUnit, maxValue);
   for (int32_t y = 0; y < height; ++y) {
     const RowRef from = rowRef(source, 0, y, kBytes);
     const RowRef to = rowRef(store, 0, y, 1);

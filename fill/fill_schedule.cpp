@@ -17,11 +17,13 @@
 
 // Two roads lead through every step. The row road works on the tiles' rows
 // directly, for the three four-channel kinds whose integer values survive the
-// trip to unit range and back unchanged; it skips what cannot change (a bare
-// neighbourhood, a covered run) and touches only the channels that do change.
-// The pixel road goes through the accessors one pixel at a time, for every
-// other store. Both visit in the same order and compute each changed value by
-// the same single-precision operations, so they leave the same bits.
+// trip to unit range and back unchanged: it skips what cannot change (a bare
+// neighbourhood, a covered run), touches only the channels that do change,
+// and takes rows in another order only where every pixel still meets exactly
+// the values the plain order shows it (each step tells why). The pixel road
+// goes through the accessors one pixel at a time, in the plain order, for
+// every other store. Each changed value comes from the same single-precision
+// operations on either road, so both leave the same bits.
 
 namespace {
 
@@ -378,24 +380,6 @@ constexpr int32_t maxStoredValue() {
 // The stored alpha that 1.0 becomes.
 inline uint32_t fullStoredAlpha(const PixelStore* store) { return uint32_t(truncToInt32(1.0f * store->unitToValue)); }
 
-// Every pixel of the level, row by row and tile by tile: f(pixel, count) for
-// each row's run of `count` pixels in one tile.
-template <int32_t kBytes, class RunFunction>
-inline void forEachRun(PixelStore* store, int32_t level, RunFunction f) {
-  const int32_t width = store->levelWidth[level];
-  const int32_t height = store->levelHeight[level];
-  const int32_t across = store->tilesAcross[level];
-  for (int32_t y = 0; y < height; ++y) {
-    const RowRef row = rowRef(store, level, y, kBytes);
-    for (int32_t t = 0; t < across; ++t) {
-      const int32_t x0 = t * kTileWidth;
-      const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
-      if (count <= 0) break;
-      f(row.tiles[t].pixels + row.offset, count);
-    }
-  }
-}
-
 // ---- diffusion on rows ---------------------------------------------------------------------------
 
 // One hole of a half-pass with its four neighbours; the sums as the pixel
@@ -464,8 +448,7 @@ inline void halfPassRun(uint8_t* row, const uint8_t* up, const uint8_t* down, co
   int32_t k = first;
 #if MENDARIS_SSE2_FILL
   if (kKind == kKindRgba8) {
-    // Blocks of four pixels inside the run, each with its neighbours in the
-    // run, are passed over when quiet; the others go pixel by pixel.
+    // The first four pixels one by one, for the pixel before the run.
     for (; k < count && k < 4; k += 2) {
       uint8_t* p = row + k * kBytes;
       visitPixel<kKind>(p, up + k * kBytes, k > 0 ? p - kBytes : beforeRun, k + 1 < count ? p + kBytes : afterRun,
@@ -481,8 +464,8 @@ inline void halfPassRun(uint8_t* row, const uint8_t* up, const uint8_t* down, co
       uint8_t* b = row + block * kBytes;
       const uint8_t* blockUp = up + block * kBytes;
       const uint8_t* blockDown = down + block * kBytes;
-      const int32_t open = (openHolesU8(b, blockUp, blockDown) | (openHolesU8(b + 16, blockUp + 16, blockDown + 16) << 4)) &
-                           colour;
+      const int32_t open =
+          (openHolesU8(b, blockUp, blockDown) | (openHolesU8(b + 16, blockUp + 16, blockDown + 16) << 4)) & colour;
       if (open == 0) continue;
       for (int32_t i = phase; i < 8; i += 2) {
         if ((open & (1 << i)) == 0) continue;
@@ -500,8 +483,7 @@ inline void halfPassRun(uint8_t* row, const uint8_t* up, const uint8_t* down, co
   }
 }
 
-// Floor of one row: only the alpha of a faint pixel changes; the rest of the
-// pixel comes back from unit range as it was.
+// Every run of row y inside one tile: f(first pixel, count).
 template <int32_t kKind, class RowFunction>
 inline void forEachRunOfRow(PixelStore* store, int32_t level, int32_t y, RowFunction f) {
   constexpr int32_t kBytes = KindBytes<kKind>::kValue;
@@ -516,6 +498,8 @@ inline void forEachRunOfRow(PixelStore* store, int32_t level, int32_t y, RowFunc
   }
 }
 
+// Floor of one row: only the alpha of a faint pixel changes; the rest of the
+// pixel comes back from unit range as it was.
 template <int32_t kKind>
 void floorRow(PixelStore* store, int32_t level, int32_t y, uint32_t floorValue) {
   constexpr int32_t kBytes = KindBytes<kKind>::kValue;
@@ -953,8 +937,9 @@ inline void pixelOrderWeights(const int32_t (*taps)[kKernelPhases], int32_t phas
   w[4] = taps[0][phase];
 }
 
-// Whether expandIntoByColumnSums can take this level: the block read must be
-// the clamped one on every road.
+// Whether the level read is one where every block the kernel reads is the
+// clamped block, on whichever of its roads: expandIntoByColumnSums and
+// expandIntoByRowSums take such levels.
 bool columnSumsApply(const PixelStore* store, int32_t readLevel) {
   return store->edgeMode != 1 && store->edgeMode != 2 && store->levelWidth[readLevel] >= 5 &&
          store->levelHeight[readLevel] >= 5;
@@ -1091,6 +1076,177 @@ void expandIntoByColumnSums(PixelStore* store, int32_t level, int32_t readLevel,
   }
 }
 
+// Kinds 4 and 9 on a level read of 5 by 5 pixels or more with clamped
+// edges. Their kernels sum each of the five rows first (the 16-bit one
+// divides each row's sum by 32768, the float one rounds as it adds), so the
+// order of the double sum stays as it is; but a row's sum at a column owes
+// nothing to the row of the hole. So the row sums of the level above are kept
+// for the last rows read, and each row of the level above is summed once for
+// all the rows of holes that read it.
+
+// Rows of sums kept: the five a row of holes reads and one more.
+constexpr int32_t kRowSumSlots = 6;
+constexpr int32_t kRowSumRun = kTileWidth / 2;
+
+// One row's sums for a run of columns: five pixels weighed for each, as
+// the kernel of the kind weighs them; four channels each.
+template <int32_t kKind>
+struct RowSumOf;
+template <>
+struct RowSumOf<kKindRgba16> {
+  typedef uint32_t Type;
+  static void weigh(const uint8_t* const pixels[5], const uint32_t w[5], uint32_t out[4]) {
+    for (int32_t c = 0; c < 4; ++c) {
+      const uint32_t sum = load16(pixels[0] + 2 * c) * w[0] + load16(pixels[1] + 2 * c) * w[1] +
+                           load16(pixels[2] + 2 * c) * w[2] + load16(pixels[3] + 2 * c) * w[3] +
+                           load16(pixels[4] + 2 * c) * w[4];
+      // Divided by 32768 with truncation toward zero, as the 16-bit kernel
+      // keeps its double sum inside 32 bits.
+      out[c] = uint32_t(int32_t(sum) / 32768);
+    }
+  }
+  static void total(const uint32_t* const rows[5], const uint32_t w[5], float out[4]) {
+    for (int32_t c = 0; c < 4; ++c) {
+      const uint32_t t = rows[0][c] * w[0] + rows[1][c] * w[1] + rows[2][c] * w[2] + rows[3][c] * w[3] +
+                         rows[4][c] * w[4];
+      out[c] = float(int32_t(t)) * 0x1p-15f;
+    }
+  }
+};
+template <>
+struct RowSumOf<kKindRgbaFloat> {
+  typedef float Type;
+  // Added from the left (top), each step in single precision; a lane a channel.
+  static void weigh(const uint8_t* const pixels[5], const float w[5], float out[4]) {
+#if MENDARIS_SSE2_FILL
+    __m128 s = _mm_mul_ps(_mm_loadu_ps(reinterpret_cast<const float*>(pixels[0])), _mm_set1_ps(w[0]));
+    for (int32_t m = 1; m < 5; ++m) {
+      s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(reinterpret_cast<const float*>(pixels[m])), _mm_set1_ps(w[m])));
+    }
+    _mm_storeu_ps(out, s);
+#else
+    for (int32_t c = 0; c < 4; ++c) {
+      float s = loadFloat(pixels[0] + 4 * c) * w[0];
+      for (int32_t m = 1; m < 5; ++m) s = s + loadFloat(pixels[m] + 4 * c) * w[m];
+      out[c] = s;
+    }
+#endif
+  }
+  static void total(const float* const rows[5], const float w[5], float out[4]) {
+#if MENDARIS_SSE2_FILL
+    __m128 s = _mm_mul_ps(_mm_loadu_ps(rows[0]), _mm_set1_ps(w[0]));
+    for (int32_t m = 1; m < 5; ++m) s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(rows[m]), _mm_set1_ps(w[m])));
+    _mm_storeu_ps(out, s);
+#else
+    for (int32_t c = 0; c < 4; ++c) {
+      float s = rows[0][c] * w[0];
+      for (int32_t m = 1; m < 5; ++m) s = s + rows[m][c] * w[m];
+      out[c] = s;
+    }
+#endif
+  }
+};
+
+// The weights of one axis in pixel order for the kind's kernel.
+inline void kindWeights(const PixelStore* store, int32_t phase, uint32_t w[5]) {
+  const int32_t(*taps)[kKernelPhases] = store->kernelTable.weights32768;
+  for (int32_t m = 0; m < 5; ++m) w[m] = uint32_t(taps[4 - m][phase]);
+}
+
+inline void kindWeights(const PixelStore* store, int32_t phase, float w[5]) {
+  const float(*taps)[kKernelPhases] = store->kernelTable.weightsFloat;
+  for (int32_t m = 0; m < 5; ++m) w[m] = taps[4 - m][phase];
+}
+
+template <int32_t kKind>
+void expandIntoByRowSums(PixelStore* store, int32_t level, int32_t readLevel, float limit) {
+  typedef RowSumOf<kKind> Kernel;
+  typedef typename Kernel::Type Sum;
+  constexpr int32_t kBytes = KindBytes<kKind>::kValue;
+  const int32_t width = store->levelWidth[level];
+  const int32_t height = store->levelHeight[level];
+  const int32_t maxX = store->levelMaxX[readLevel];
+  const int32_t maxY = store->levelMaxY[readLevel];
+  const float toUnit = store->valueToUnit;
+  const float toValue = store->unitToValue;
+  const float inverseX = store->invInnerWidth[level + 1];
+  const float inverseY = store->invInnerHeight[level + 1];
+  const float scaleX = store->levelScaleX[readLevel];
+  const float scaleY = store->levelScaleY[readLevel];
+  const uint32_t holeValue =
+      kKind == kKindRgbaFloat ? 0u : uint32_t(firstValueAbove(kHoleAlpha, toUnit, maxStoredValue<kKind>()));
+  const uint32_t full = kKind == kKindRgbaFloat ? 0u : fullStoredAlpha(store);
+
+  // Half a tile's columns at a time, which keeps the kept sums to 24 KB.
+  int32_t columns[kRowSumRun][5];
+  Sum weightsX[kRowSumRun][5];
+  Sum sums[kRowSumSlots][kRowSumRun][4];
+  int32_t slotRow[kRowSumSlots];
+  for (int32_t x0 = 0; x0 < width; x0 += kRowSumRun) {
+    const int32_t count = width - x0 < kRowSumRun ? width - x0 : kRowSumRun;
+    for (int32_t k = 0; k < count; ++k) {
+      int32_t phase;
+      const int32_t i = kernelBase(positionAbove(x0 + k, inverseX, scaleX), &phase);
+      kindWeights(store, phase, weightsX[k]);
+      for (int32_t m = 0; m < 5; ++m) columns[k][m] = clampToLevel(int32_t(uint32_t(i) - 2u + uint32_t(m)), maxX);
+    }
+    for (int32_t slot = 0; slot < kRowSumSlots; ++slot) slotRow[slot] = -1;
+
+    for (int32_t y = 0; y < height; ++y) {
+      // A run never crosses a tile: tiles are a whole number of runs wide.
+      uint8_t* run = pixelIn<kBytes>(rowRef(store, level, y, kBytes), x0);
+      bool rowReady = false;
+      int32_t slots[5] = {0, 0, 0, 0, 0};
+      Sum weightsY[5];
+      for (int32_t k = 0; k < count; ++k) {
+        uint8_t* p = run + k * kBytes;
+        if (!isHole<kKind>(p, holeValue)) {
+          setFullAlpha<kKind>(p, full);
+          continue;
+        }
+        if (!rowReady) {
+          // The first hole of the row: the five rows above it, summed where
+          // they are not kept yet.
+          rowReady = true;
+          int32_t phaseY;
+          const int32_t j = kernelBase(positionAbove(y, inverseY, scaleY), &phaseY);
+          kindWeights(store, phaseY, weightsY);
+          int32_t wanted[5];
+          for (int32_t r = 0; r < 5; ++r) wanted[r] = clampToLevel(int32_t(uint32_t(j) - 2u + uint32_t(r)), maxY);
+          for (int32_t r = 0; r < 5; ++r) {
+            int32_t found = -1;
+            for (int32_t slot = 0; slot < kRowSumSlots; ++slot) {
+              if (slotRow[slot] == wanted[r]) found = slot;
+            }
+            if (found < 0) {
+              // The slot of a row that none of the five needs, the farthest back.
+              for (int32_t slot = 0; slot < kRowSumSlots; ++slot) {
+                bool needed = false;
+                for (int32_t q = 0; q < 5; ++q) needed = needed || slotRow[slot] == wanted[q];
+                if (needed) continue;
+                if (found < 0 || slotRow[slot] < slotRow[found]) found = slot;
+              }
+              slotRow[found] = wanted[r];
+              const RowRef source = rowRef(store, readLevel, wanted[r], kBytes);
+              for (int32_t c = 0; c < count; ++c) {
+                const uint8_t* pixels[5];
+                for (int32_t m = 0; m < 5; ++m) pixels[m] = pixelIn<kBytes>(source, columns[c][m]);
+                Kernel::weigh(pixels, weightsX[c], sums[found][c]);
+              }
+            }
+            slots[r] = found;
+          }
+        }
+        const Sum* rows[5];
+        for (int32_t r = 0; r < 5; ++r) rows[r] = sums[slots[r]][k];
+        float value[4];
+        Kernel::total(rows, weightsY, value);
+        storeBroughtDown<kKind>(p, value[0], value[1], value[2], toUnit, toValue, limit);
+      }
+    }
+  }
+}
+
 // ---- roads by kind -------------------------------------------------------------------------------
 
 inline bool rowRoadKind(int32_t kind) { return kind == kKindRgba8 || kind == kKindRgba16 || kind == kKindRgbaFloat; }
@@ -1131,7 +1287,8 @@ void expandInto(PixelStore* store, int32_t level) {
   const float limit = integerKind ? 1.0f : kFloatColourLimit;
   // The level read: level + 1, held below the top. Where that is the level
   // itself, the pixels read are the ones being rewritten and the order of
-  // the pixel road is part of the result.
+  // the pixel road is part of the result. Elsewhere nothing written is read
+  // again, and the row road takes the pixels a run of columns at a time.
   int32_t readLevel = level + 1 < 0 ? 0 : level + 1;
   if (readLevel > store->topLevel - 1) readLevel = store->topLevel - 1;
   if (readLevel != level && rowRoadKind(kind) && unitTripKeepsValues(store)) {
@@ -1143,8 +1300,20 @@ void expandInto(PixelStore* store, int32_t level) {
           expandIntoByKernelCall<kKindRgba8>(store, level, readLevel, limit);
         }
         return;
-      case kKindRgba16: expandIntoByKernelCall<kKindRgba16>(store, level, readLevel, limit); return;
-      default: expandIntoByKernelCall<kKindRgbaFloat>(store, level, readLevel, limit); return;
+      case kKindRgba16:
+        if (columnSumsApply(store, readLevel)) {
+          expandIntoByRowSums<kKindRgba16>(store, level, readLevel, limit);
+        } else {
+          expandIntoByKernelCall<kKindRgba16>(store, level, readLevel, limit);
+        }
+        return;
+      default:
+        if (columnSumsApply(store, readLevel)) {
+          expandIntoByRowSums<kKindRgbaFloat>(store, level, readLevel, limit);
+        } else {
+          expandIntoByKernelCall<kKindRgbaFloat>(store, level, readLevel, limit);
+        }
+        return;
     }
   }
   switch (kind) {

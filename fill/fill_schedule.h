@@ -7,8 +7,10 @@
 // above. Covered pixels keep their colours; levels 0 to topLevel - 1 end with
 // alpha 1.0 everywhere, and the layer's alpha exists no more in the store.
 //
-// Everything runs on the calling thread through the store's accessors; the
-// order of levels and of the two half-passes is part of the result.
+// Everything runs on the calling thread; the order of levels and of the two
+// half-passes is part of the result. The four-channel kinds are worked on the
+// tiles' rows, every other kind through the store's accessors, with the same
+// arithmetic either way.
 #pragma once
 
 #include <stdint.h>

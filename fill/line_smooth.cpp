@@ -119,6 +119,36 @@ void copyColumn(PixelStore* store, int32_t level, int32_t line, int32_t first, i
   }
 }
 
+// A walk down one column of a level, cell after cell, a tile row at a time.
+struct ColumnWalk {
+  const StoreTile* tiles;  // the column's tile in the level's first tile row
+  int32_t across;
+  size_t columnOffset;
+  uint8_t* cell;    // the next cell
+  int32_t y;        // its row
+  int32_t tileEnd;  // the first row past its tile
+
+  void begin(const PixelStore* store, int32_t level, int32_t line, int32_t first) {
+    tiles = store->tiles + store->firstTile[level] + (line >> kTileShift);
+    across = store->tilesAcross[level];
+    columnOffset = size_t(line & kTileMask) * 4;
+    cell = nullptr;
+    y = first;
+    tileEnd = y;
+  }
+  // The next cell's address.
+  uint8_t* next() {
+    if (y == tileEnd) {
+      cell = tiles[(y >> kTileShift) * across].pixels + size_t(y & kTileMask) * kTileWidth * 4 + columnOffset;
+      tileEnd = (y | kTileMask) + 1;
+    }
+    uint8_t* here = cell;
+    cell += size_t(kTileWidth) * 4;
+    ++y;
+    return here;
+  }
+};
+
 // Kind 5 along a column in one trip. The column's cells are taken out into
 // `in` as the window needs them, and each mean goes back to its cell as soon
 // as the window is complete, a few cells behind the reading: its cache line
@@ -126,29 +156,25 @@ void copyColumn(PixelStore* store, int32_t level, int32_t line, int32_t first, i
 // is written only after it was read, and nothing reads it again.
 void smoothColumnFloat(PixelStore* store, int32_t level, int32_t line, int32_t first, int32_t n, float* in,
                        int32_t back, int32_t forward) {
-  const size_t stride = size_t(kTileWidth) * 4;
-  const int32_t across = store->tilesAcross[level];
-  const StoreTile* columnTiles = store->tiles + store->firstTile[level] + (line >> kTileShift);
-  const size_t columnOffset = size_t(line & kTileMask) * 4;
-  const auto at = [&](int64_t i) {
-    const int32_t y = first + int32_t(i);
-    return columnTiles[(y >> kTileShift) * across].pixels + size_t(y & kTileMask) * stride + columnOffset;
-  };
+  ColumnWalk reading;
+  ColumnWalk writing;
+  reading.begin(store, level, line, first);
+  writing.begin(store, level, line, first);
   const int64_t last = int64_t(n) - 1;
   int64_t taken = 0;
   const auto takeUpTo = [&](int64_t i) {
     const int64_t stop = i < last ? i : last;
-    for (; taken <= stop; ++taken) in[taken] = loadFloat(at(taken));
+    for (; taken <= stop; ++taken) in[taken] = loadFloat(reading.next());
   };
   const float norm = float(1.0 / double(int64_t(forward) + 1 + int64_t(back)));
   takeUpTo(forward);
   float sum = 0.0f;
   for (int64_t i = -int64_t(back); i <= int64_t(forward); ++i) sum += in[clampCell(i, last)];
-  storeFloat(at(0), sum * norm);
+  storeFloat(writing.next(), sum * norm);
   for (int64_t i = 1; i < n; ++i) {
     takeUpTo(i + forward);
     sum = (sum - in[clampCell(i - 1 - back, last)]) + in[clampCell(i + forward, last)];
-    storeFloat(at(i), sum * norm);
+    storeFloat(writing.next(), sum * norm);
   }
 }
 

@@ -227,17 +227,16 @@ bool nearestOpaqueIn(const WalkView& w, float x, float y, float* outX, float* ou
     *outY = y;
     return true;
   }
+  // Every later step starts where the one before found no solid pixel.
   float cx = x;
   float cy = y;
-  bool knownBare = true;
   for (int32_t step = 0; step < kWalkSteps; ++step) {
     float nx;
     float ny;
-    const bool arrived = stepIn(w, cx, cy, &nx, &ny, knownBare);
+    const bool arrived = stepIn(w, cx, cy, &nx, &ny, true);
     cx = nx;
     cy = ny;
     if (arrived) break;
-    knownBare = true;
   }
   *outX = cx;
   *outY = cy;

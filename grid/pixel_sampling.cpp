@@ -212,61 +212,66 @@ inline void sampleCorners(SampleGrid* grid, const PixelStore* store, int32_t x, 
   sampleAgreeing(grid, store, here, left, up, columnMeans(up, here), columnMeans(upLeft, left));
 }
 
-}  // namespace
-
-void samplePixels(JobUnit* unit) {
+// The pixels of row y, for a rectangle inside the range of the 16-bit counters.
+void samplePixelRow(JobUnit* unit, int32_t y) {
   SampleGrid* grid = &unit->grids[0];
   const VRect& r = unit->cursor.unitRect;
   const PixelStore* store = grid->store;
-  // Signed 16-bit counters against the full edges, as in the cell fill. A
-  // rectangle whose edges lie inside that range never wraps, and runs on
-  // plain counters with the cells of each row found once.
-  const bool plainCounters = int32_t(int16_t(r.top)) == r.top && int32_t(int16_t(r.left)) == r.left &&
-                             r.bottom <= 32767 && r.right <= 32767;
-  if (!plainCounters) {
-    for (int16_t y = int16_t(uint16_t(r.top)); int32_t(y) < r.bottom; y = int16_t(uint16_t(y + 1))) {
-      for (int16_t x = int16_t(uint16_t(r.left)); int32_t(x) < r.right; x = int16_t(uint16_t(x + 1))) {
-        sampleCorners(grid, store, x, y, cellAt(grid, x, y), cellAt(grid, x - 1, y), cellAt(grid, x, y - 1),
-                      cellAt(grid, x - 1, y - 1), unit);
-      }
+  const int32_t width = r.right - r.left;
+  if (width <= 0) return;
+  // The row of lower corners and the row of upper corners, from the column
+  // left of the rectangle to its last; when both ends of both rows have
+  // cells, the cells between follow each other in the array.
+  SampleCell* lower = cellAt(grid, r.left - 1, y);
+  SampleCell* upper = cellAt(grid, r.left - 1, y - 1);
+  if (lower == nullptr || upper == nullptr || cellAt(grid, r.right - 1, y) != lower + width ||
+      cellAt(grid, r.right - 1, y - 1) != upper + width) {
+    for (int32_t x = r.left; x < r.right; ++x) {
+      sampleCorners(grid, store, x, y, cellAt(grid, x, y), cellAt(grid, x - 1, y), cellAt(grid, x, y - 1),
+                    cellAt(grid, x - 1, y - 1), unit);
     }
     return;
   }
-  const int32_t width = r.right - r.left;
-  for (int32_t y = r.top; y < r.bottom; ++y) {
-    if (width <= 0) continue;
-    // The row of lower corners and the row of upper corners, from the column
-    // left of the rectangle to its last; when both ends of both rows have
-    // cells, the cells between follow each other in the array.
-    SampleCell* lower = cellAt(grid, r.left - 1, y);
-    SampleCell* upper = cellAt(grid, r.left - 1, y - 1);
-    if (lower == nullptr || upper == nullptr || cellAt(grid, r.right - 1, y) != lower + width ||
-        cellAt(grid, r.right - 1, y - 1) != upper + width) {
-      for (int32_t x = r.left; x < r.right; ++x) {
-        sampleCorners(grid, store, x, y, cellAt(grid, x, y), cellAt(grid, x - 1, y), cellAt(grid, x, y - 1),
-                      cellAt(grid, x - 1, y - 1), unit);
-      }
+  // Left to right, the right column's means of one pixel are the left
+  // column's of the next.
+  bool haveLeftColumn = false;
+  ColumnMeans leftColumn = {0.0f, 0.0f};
+  for (int32_t k = 0; k < width; ++k) {
+    SampleCell* here = lower + k + 1;
+    const SampleCell* left = lower + k;
+    const SampleCell* up = upper + k + 1;
+    const SampleCell* upLeft = upper + k;
+    if (!cornersAgree(here, left, up, upLeft)) {
+      sampleGeneral(grid, store, r.left + k, y, here, unit);
+      haveLeftColumn = false;
       continue;
     }
-    // Left to right, the right column's means of one pixel are the left
-    // column's of the next.
-    bool haveLeftColumn = false;
-    ColumnMeans leftColumn = {0.0f, 0.0f};
-    for (int32_t k = 0; k < width; ++k) {
-      SampleCell* here = lower + k + 1;
-      const SampleCell* left = lower + k;
-      const SampleCell* up = upper + k + 1;
-      const SampleCell* upLeft = upper + k;
-      if (!cornersAgree(here, left, up, upLeft)) {
-        sampleGeneral(grid, store, r.left + k, y, here, unit);
-        haveLeftColumn = false;
-        continue;
-      }
-      const ColumnMeans right = columnMeans(up, here);
-      if (!haveLeftColumn) leftColumn = columnMeans(upLeft, left);
-      sampleAgreeing(grid, store, here, left, up, right, leftColumn);
-      leftColumn = right;
-      haveLeftColumn = true;
+    const ColumnMeans right = columnMeans(up, here);
+    if (!haveLeftColumn) leftColumn = columnMeans(upLeft, left);
+    sampleAgreeing(grid, store, here, left, up, right, leftColumn);
+    leftColumn = right;
+    haveLeftColumn = true;
+  }
+}
+
+}  // namespace
+
+void samplePixels(JobUnit* unit) {
+  const VRect& r = unit->cursor.unitRect;
+  // Signed 16-bit counters against the full edges, as in the cell fill. A
+  // rectangle whose edges lie inside that range never wraps, and runs on
+  // plain counters, row by row.
+  if (int32_t(int16_t(r.top)) == r.top && int32_t(int16_t(r.left)) == r.left && r.bottom <= 32767 &&
+      r.right <= 32767) {
+    for (int32_t y = r.top; y < r.bottom; ++y) samplePixelRow(unit, y);
+    return;
+  }
+  SampleGrid* grid = &unit->grids[0];
+  const PixelStore* store = grid->store;
+  for (int16_t y = int16_t(uint16_t(r.top)); int32_t(y) < r.bottom; y = int16_t(uint16_t(y + 1))) {
+    for (int16_t x = int16_t(uint16_t(r.left)); int32_t(x) < r.right; x = int16_t(uint16_t(x + 1))) {
+      sampleCorners(grid, store, x, y, cellAt(grid, x, y), cellAt(grid, x - 1, y), cellAt(grid, x, y - 1),
+                    cellAt(grid, x - 1, y - 1), unit);
     }
   }
 }

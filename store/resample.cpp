@@ -71,8 +71,16 @@ inline void kernelAxis(int32_t i, int32_t max, bool wrap, int32_t out[5]) {
 // The 25 pixels of the general road into `block`, rows 5 * kBytes apart. The
 // tile column and offset of each column and the tile row and offset of each
 // row are found once; a pixel is then one table load and one copy.
+// Kept out of line: the kernels' usual road is the one-tile read, and the
+// gather would only crowd it.
+#if defined(__GNUC__)
+#define MENDARIS_OUT_OF_LINE __attribute__((noinline))
+#else
+#define MENDARIS_OUT_OF_LINE
+#endif
+
 template <int kBytes>
-inline void gatherBlock(const PixelStore* store, int32_t level, int32_t i, int32_t j, uint8_t* block) {
+MENDARIS_OUT_OF_LINE void gatherBlock(const PixelStore* store, int32_t level, int32_t i, int32_t j, uint8_t* block) {
   const int32_t mode = store->edgeMode;
   int32_t cols[5];
   int32_t rows[5];

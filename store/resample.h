@@ -17,7 +17,11 @@
 
 #include "store/pixel_store.h"
 
-#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
+// SSE2 forms of the render's small helpers (truncation, the finishing of four
+// channels at once); a MENDARIS_SCALAR_KERNELS build takes the plain forms,
+// which give the same bits.
+#if (defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)) && \
+    !defined(MENDARIS_SCALAR_KERNELS)
 #include <emmintrin.h>
 #define MENDARIS_SSE2_TRUNC 1
 #else

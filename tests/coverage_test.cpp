@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "fill/coverage.h"
+#include "fill/line_smooth.h"
 #include "host/blocks.h"
 #include "host/plugin_main.h"
 #include "store/pixel_store.h"
@@ -431,6 +432,12 @@ TEST(SweepDistance, MatchesTheColumnOuterOrderOnRealFields) {
         if (roll < 6) run = (roll & 1) != 0 ? kFarDistance : 0.0f;
         float v = run;
         if (roll >= 95) v = float(nextRandom(&state) % 1000u) / 1000.0f;
+        if (roll == 94) {
+          // Values a float layer can bring: infinities, huge and tiny ones,
+          // and the edges of the frozen range.
+          const float odd[] = {-INFINITY, INFINITY, 1e30f, -1e30f, 1e-40f, -0.0f, 0.99999994f, 1.0f, 1.0000001f};
+          v = odd[nextRandom(&state) % 9u];
+        }
         writeFloat(x, y, a, 0, v);
         writeFloat(x, y, b, 0, v);
       }
@@ -574,6 +581,86 @@ std::vector<double> boxProfile() {
     profile = next;
   }
   return profile;
+}
+
+// The box of one line as the line kernels are built: copied out, averaged
+// by boxLineFloat, copied back.
+void plainBoxLine(PixelStore* field, int32_t line, int32_t first, int32_t end, int32_t back, int32_t forward,
+                  bool vertical) {
+  const int32_t length = vertical ? field->levelHeight[0] : field->levelWidth[0];
+  if (first < 0) first = 0;
+  if (end > length) end = length;
+  const int32_t n = end - first;
+  if (n <= 0) return;
+  std::vector<float> in(static_cast<size_t>(n));
+  std::vector<float> out(static_cast<size_t>(n));
+  copyLine(field, 0, line, first, end, in.data(), false, vertical);
+  boxLineFloat(in.data(), out.data(), 0, n, back, forward);
+  copyLine(field, 0, line, first, end, out.data(), true, vertical);
+}
+
+TEST(SmoothLine, ColumnsOfTheFieldMatchCopyBoxAndCopyBack) {
+  // Columns taken in one trip must give what the copy, the box and the copy
+  // back give: far cells, negatives and small values mixed, over tile rows,
+  // for whole and partial columns and every window shape.
+  PixelStore* field = pixelStoreCreate(40, 1100, kKindFloat, 0, true);
+  PixelStore* plain = pixelStoreCreate(40, 1100, kKindFloat, 0, true);
+  ASSERT_NE(field, nullptr);
+  uint32_t state = 3;
+  for (int32_t y = 0; y < field->levelHeight[0]; ++y) {
+    for (int32_t x = 0; x < field->levelWidth[0]; ++x) {
+      const uint32_t roll = nextRandom(&state) % 10u;
+      const float v = roll < 3 ? kFarDistance : float(int32_t(nextRandom(&state) % 20000u) - 10000) / 37.0f;
+      writeFloat(x, y, field, 0, v);
+      writeFloat(x, y, plain, 0, v);
+    }
+  }
+  PassContext context;
+  memset(&context, 0, sizeof(context));
+  ASSERT_TRUE(makeLineBuffer(&context, field));
+  struct Case {
+    int32_t first, end, back, forward;
+  };
+  const Case cases[] = {{0, 1102, 2, 3}, {0, 1102, 3, 2}, {-5, 2000, 0, 3}, {100, 700, 5, 0},
+                        {511, 513, 2, 3}, {1101, 1102, 2, 3}, {30, 31, 4, 4}, {0, 1102, 1, 1}};
+  int32_t column = 0;
+  for (const Case& c : cases) {
+    for (int32_t k = 0; k < 5; ++k, column = (column + 1) % field->levelWidth[0]) {
+      smoothLine(field, column, &context, c.first, c.end, 0, c.back, c.forward, true);
+      plainBoxLine(plain, column, c.first, c.end, c.back, c.forward, true);
+    }
+  }
+  // A column outside the field changes nothing.
+  smoothLine(field, field->levelWidth[0], &context, 0, 1102, 0, 2, 3, true);
+  smoothLine(field, -1, &context, 0, 1102, 0, 2, 3, true);
+  EXPECT_TRUE(sameTiles(field, plain));
+  freeLineBuffer(&context);
+  pixelStoreDestroy(&field);
+  pixelStoreDestroy(&plain);
+}
+
+TEST_F(CoverageFixture, SmoothingMatchesPlainRowAndColumnBoxes) {
+  // The six passes through the job pool against the same six boxes done
+  // line by line here, on a field as the sweeps leave it.
+  source = pixelStoreCreate(150, 530, kKindRgba8, 0, false);
+  ASSERT_NE(source, nullptr);
+  paintAlphas(source, 11);
+  PixelStore* field = unsmoothedField();
+  PixelStore* plain = unsmoothedField();
+  ASSERT_TRUE(sameTiles(field, plain));
+  smoothStore(field, 0, levelRect(field, 0), kFieldSmoothRadius);
+  const int32_t w = plain->levelWidth[0];
+  const int32_t h = plain->levelHeight[0];
+  const int32_t windows[6][2] = {{2, 3}, {2, 3}, {3, 2}, {3, 2}, {2, 3}, {2, 3}};
+  for (int32_t pass = 0; pass < 6; ++pass) {
+    const bool vertical = (pass & 1) != 0;
+    for (int32_t line = 0; line < (vertical ? w : h); ++line) {
+      plainBoxLine(plain, line, 0, vertical ? h : w, windows[pass][0], windows[pass][1], vertical);
+    }
+  }
+  EXPECT_TRUE(sameTiles(field, plain));
+  pixelStoreDestroy(&field);
+  pixelStoreDestroy(&plain);
 }
 
 TEST_F(CoverageFixture, SmoothingSpreadsASpikeIntoABellHalfACellBack) {

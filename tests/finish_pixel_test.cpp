@@ -707,3 +707,127 @@ TEST_F(WriteUnitFixture, MissingHostBuffersAreSafe) {
   writeUnit(&unit);
   for (uint8_t b : out) EXPECT_EQ(b, 0xEE);
 }
+
+// ---- rows: finishRow against finishPixel pixel by pixel ---------------------------------------------
+
+namespace {
+
+// A sample drawn from the values that matter to the finishing path: ordinary
+// colours, colours past 1 (the spill) and below 0, alpha near the gain's
+// threshold and outside 0..1, exact 0 and 1, and a few NaN, infinite and
+// denormal values.
+float drawValue(uint32_t h, bool alpha) {
+  switch (h % 16) {
+    case 0: return 0.0f;
+    case 1: return 1.0f;
+    case 2: return 1.0f + float(h >> 8 & 255) / 512.0f;   // past full scale
+    case 3: return -float(h >> 8 & 255) / 1024.0f;        // below zero
+    case 4: return alpha ? 0.99f + float(h >> 8 & 255) / 12800.0f : 2.5f;
+    case 5: return h & 0x100 ? bitsToFloat(0x7fc00000u) : bitsToFloat(0xffc00001u);  // NaN
+    case 6: return h & 0x100 ? bitsToFloat(0x7f800000u) : -bitsToFloat(0x7f800000u);
+    case 7: return bitsToFloat(0x00000005u);  // denormal
+    case 8: return 70000.0f;
+    default: return float(h >> 8 & 0xffff) / 65535.0f;
+  }
+}
+
+uint32_t mixBits(uint32_t x) {
+  x ^= x >> 16;
+  x *= 0x7feb352du;
+  x ^= x >> 15;
+  x *= 0x846ca68bu;
+  x ^= x >> 16;
+  return x;
+}
+
+// The same tile twice, one finished by finishRow, the other by finishPixel.
+void expectRowsMatchPixels(int32_t bits, int16_t planes, bool transparency, int32_t maskMode, int32_t limits,
+                           uint32_t seed) {
+  const VRect unit{5, 7, 5 + 9, 7 + 13};  // 13 wide, 9 high
+  TestTile a(bits, planes, unit, transparency);
+  TestTile b(bits, planes, unit, transparency);
+  for (TestTile* t : {&a, &b}) {
+    // The same input, mask and stale output in both.
+    for (size_t i = 0; i < t->in.size(); ++i) t->in[i] = uint8_t(mixBits(seed + uint32_t(i)));
+    if (bits == 32) {
+      // Float input samples: values in 0..1 and some past 1.
+      float* f = reinterpret_cast<float*>(t->in.data());
+      for (size_t i = 0; i < t->in.size() / 4; ++i) f[i] = float(mixBits(seed * 7 + uint32_t(i)) % 3000) / 2000.0f;
+    }
+    for (size_t i = 0; i < t->mask.size(); ++i) {
+      uint32_t h = mixBits(seed * 3 + uint32_t(i));
+      t->mask[i] = uint8_t(h % 3 == 0 ? 255 : h % 3 == 1 ? 0 : h >> 8);
+    }
+    std::fill(t->out.begin(), t->out.end(), uint8_t(0x5A));
+    HostTileView& v = t->view();
+    v.haveMask = maskMode != 0;
+    if (maskMode == 2) v.hostSig = kSelfMaskingHostSig;
+    if (limits & 1) v.inRect[3] = v.inRect[1] + 8;       // input narrower than the unit
+    if (limits & 2) v.maskRect[2] = v.maskRect[0] + 5;   // mask shorter
+    if (limits & 4) v.outRect[3] = v.outRect[1] + 10;    // output narrower: rows fall back
+    if (limits & 8) v.inData = nullptr;
+  }
+  // Colours as a unit's cells hold them: 18 words apart.
+  const int32_t width = unit.right - unit.left;
+  std::vector<SampleCell> cells(size_t(width) * 11);
+  memset(cells.data(), 0, cells.size() * sizeof(SampleCell));
+  for (size_t i = 0; i < cells.size(); ++i)
+    for (int c = 0; c < 4; ++c) cells[i].colour[c] = drawValue(mixBits(seed * 5 + uint32_t(i * 4 + c)), c == 3);
+
+  // Rows of the unit, and two rows outside it that finishPixel drops.
+  for (int32_t y = unit.top - 1; y <= unit.bottom; ++y) {
+    const SampleCell* row = &cells[size_t(y - unit.top + 1) * size_t(width)];
+    finishRow(y, unit.left, unit.right, row->colour, ptrdiff_t(sizeof(SampleCell)), a.cursor, nullptr);
+    for (int32_t x = unit.left; x < unit.right; ++x) {
+      const SampleCell& c = row[x - unit.left];
+      PixelValue sample = {c.colour[0], c.colour[1], c.colour[2], c.colour[3]};
+      finishPixel(x, y, &sample, b.cursor, nullptr);
+    }
+  }
+  // A row that starts left of the unit, and one without colours.
+  finishRow(unit.top + 1, unit.left - 2, unit.right, cells[0].colour, ptrdiff_t(sizeof(SampleCell)), a.cursor,
+            nullptr);
+  for (int32_t x = unit.left - 2; x < unit.right; ++x) {
+    const SampleCell& c = cells[size_t(x - (unit.left - 2))];
+    PixelValue sample = {c.colour[0], c.colour[1], c.colour[2], c.colour[3]};
+    finishPixel(x, unit.top + 1, &sample, b.cursor, nullptr);
+  }
+  finishRow(unit.top + 2, unit.left, unit.right, nullptr, 0, a.cursor, nullptr);
+  for (int32_t x = unit.left; x < unit.right; ++x) {
+    PixelValue zero = {0.0f, 0.0f, 0.0f, 0.0f};
+    finishPixel(x, unit.top + 2, &zero, b.cursor, nullptr);
+  }
+  ASSERT_EQ(a.out.size(), b.out.size());
+  for (size_t i = 0; i < a.out.size(); ++i) {
+    ASSERT_EQ(a.out[i], b.out[i]) << "byte " << i << " bits " << bits << " planes " << planes << " transparency "
+                                  << transparency << " mask " << maskMode << " limits " << limits;
+  }
+}
+
+}  // namespace
+
+TEST_F(FinishFixture, RowsMatchPixelByPixelAtEveryDepthAndLayout) {
+  uint32_t seed = 1;
+  for (int32_t bits : {8, 16, 32})
+    for (int16_t planes : {1, 2, 3, 4})
+      for (bool transparency : {true, false}) {
+        if (transparency && planes == 1) continue;  // alpha needs a plane of its own
+        for (int32_t maskMode : {0, 1, 2}) expectRowsMatchPixels(bits, planes, transparency, maskMode, 0, seed++);
+      }
+}
+
+TEST_F(FinishFixture, RowsMatchPixelByPixelWhereTheHostDeliveredLess) {
+  uint32_t seed = 1000;
+  for (int32_t bits : {8, 16, 32})
+    for (int32_t limits = 1; limits < 16; ++limits) expectRowsMatchPixels(bits, 4, true, 1, limits, seed++);
+}
+
+TEST_F(FinishFixture, RowsMatchPixelByPixelAtOtherSwitches) {
+  // Another blend mode, the display stage (with no preview buffer) and the
+  // partial stage take the pixel-by-pixel road inside finishRow.
+  params.blendMode = 2;
+  expectRowsMatchPixels(8, 4, true, 1, 0, 77);
+  params.blendMode = 1;
+  params.runStage = 2;
+  expectRowsMatchPixels(16, 4, true, 1, 0, 78);
+}

@@ -568,4 +568,60 @@ TEST(LevelSample, PositiveFlagSharpensAgainstTheLevelAbove) {
   EXPECT_EQ(out[3], a[3]);
 }
 
+// ---- the corner entry's shortcut ------------------------------------------------------------------------
+
+TEST(FootprintFromCorners, ShortcutGivesWhatTheSamplerGives) {
+  // footprintFromCorners reads a translation-like pixel straight from the
+  // kernel; everything else goes to footprintSample. Either way it must be
+  // footprintSample of the corner differences, bit for bit, state included.
+  // Corners near the identity map (B about 0, on both sides of 1e-7), centres
+  // on and around the edges of the unit range (v = 1.0 is outside, u = 1.0
+  // inside), missing corners, NaN, and each kind of store.
+  for (int32_t kind : {kKindRgba8, kKindRgba16, kKindRgbaFloat}) {
+    PatternStore p(kind, 48, 40);
+    uint32_t k = 99;
+    for (int32_t i = 0; i < 6000; ++i) {
+      k = k * 1664525u + 1013904223u;
+      const float step = 1.0f / 48.0f;
+      const float uHere = float(k % 5000u) / 4000.0f - 0.125f;
+      const float vHere = float((k >> 7) % 5000u) / 4000.0f - 0.125f;
+      // Tiny skews give |B| just below and just above the threshold.
+      const float skew = float(int32_t((k >> 3) % 9u) - 4) * 1e-5f;
+      float uLeft = uHere - step;
+      float vLeft = vHere + (i % 3 == 0 ? skew : 0.0f);
+      float uUp = uHere + (i % 5 == 0 ? skew * 3.0f : 0.0f);
+      float vUp = vHere - 1.0f / 40.0f;
+      if (i % 17 == 0) uLeft = -1.0f;
+      if (i % 19 == 0) uUp = -1.0f;
+      if (i % 29 == 0) vUp = vHere + 0.3f;  // elongated
+      float uCentre = uHere - step * 0.5f;
+      float vCentre = vHere - 0.5f / 40.0f;
+      if (i % 23 == 0) uCentre = 1.0f;
+      if (i % 31 == 0) vCentre = 1.0f;
+      if (i % 37 == 0) vCentre = nanf("");
+      if (i % 41 == 0) uCentre = -0.0f;
+
+      FootprintState a = freshState();
+      FootprintState b = freshState();
+      a.lastLod = b.lastLod = kSentinelLod;
+      float viaCorners[4];
+      footprintFromCorners(uLeft, vLeft, uUp, vUp, uHere, vHere, uCentre, vCentre, p.store, viaCorners,
+                           kDefaultSharpness, &a);
+      float derivs[4] = {uHere - uLeft, vHere - vLeft, uHere - uUp, vHere - vUp};
+      const int32_t missing = (uLeft == -1.0f ? kMissingX : 0) + (uUp == -1.0f ? kMissingY : 0);
+      if (missing == kMissingX) {
+        derivs[0] = derivs[2];
+        derivs[1] = derivs[3];
+      } else if (missing == kMissingY) {
+        derivs[2] = derivs[0];
+        derivs[3] = derivs[1];
+      }
+      float viaSampler[4];
+      footprintSample(derivs, uCentre, vCentre, missing, p.store, viaSampler, kDefaultSharpness, &b);
+      for (int c = 0; c < 4; ++c) ASSERT_EQ(floatBits(viaCorners[c]), floatBits(viaSampler[c])) << i << " " << c;
+      ASSERT_EQ(floatBits(a.lastLod), floatBits(b.lastLod)) << i;
+    }
+  }
+}
+
 }  // namespace

@@ -750,4 +750,27 @@ TEST(SmallLevels, EveryKindReadsCleanly) {
   }
 }
 
+// ---- the render's truncations -------------------------------------------------------------------------
+
+TEST(Truncation, FastFormsAgreeWithTheHelperEverywhere) {
+  // Toward zero; INT32_MIN for NaN, infinities and anything past the int32
+  // range, whichever way the build computes it.
+  const float floats[] = {0.0f, -0.0f, 0.5f, -0.5f, 0.99999994f, -0.99999994f, 1.0f, -1.0f, 2.5f, -2.5f,
+                          8388607.5f, -8388607.5f, 2147483520.0f, -2147483648.0f, 2147483648.0f, -2147483904.0f,
+                          3e38f, -3e38f, bitsToFloat(0x7f800000u), bitsToFloat(0xff800000u),
+                          bitsToFloat(0x7fc00000u), bitsToFloat(0xffc00001u), bitsToFloat(1u)};
+  for (float f : floats) EXPECT_EQ(truncFloat(f), truncToInt32(f)) << f;
+  const double doubles[] = {0.0, -0.5, 127.99999999, -127.99999999, 2147483647.9, 2147483648.0, -2147483648.9,
+                            -2147483649.0, 1e300, -1e300, double(bitsToFloat(0x7fc00000u))};
+  for (double d : doubles) EXPECT_EQ(truncDouble(d), truncToInt32(d)) << d;
+  // And a spread of bit patterns over the whole float range.
+  uint32_t k = 7;
+  for (int32_t i = 0; i < 200000; ++i) {
+    k = k * 1664525u + 1013904223u;
+    const float f = bitsToFloat(k);
+    ASSERT_EQ(truncFloat(f), truncToInt32(f)) << k;
+    ASSERT_EQ(truncDouble(double(f) * 128.0), truncToInt32(double(f) * 128.0)) << k;
+  }
+}
+
 }  // namespace
