@@ -30,8 +30,11 @@ int main(int argc, char** argv) {
   size_t bare = 0;
   for (int32_t y = 0; y < size; ++y)
     for (int32_t x = 0; x < size; ++x) bare += original.sample(x, y, 3) == 0.0 ? 1 : 0;
-  std::vector<double> totals;
-  double read = 0, middle = 0, render = 0;
+  // Each run's total and phases; the median run is reported.
+  struct Timing {
+    double total, read, middle, render;
+  };
+  std::vector<Timing> timings;
   std::string digest;
   for (int i = 0; i < runs; ++i) {
     standin::Document d = original;
@@ -47,14 +50,12 @@ int main(int argc, char** argv) {
     size_t readTiles = size_t((size + 511) / 512) * size_t((size + 511) / 512);
     double lastRead = t[readTiles - 1];
     double firstRender = t[readTiles];
-    totals.push_back(end - start);
-    read = lastRead - start;
-    middle = firstRender - lastRead;
-    render = end - firstRender;
+    timings.push_back(Timing{end - start, lastRead - start, firstRender - lastRead, end - firstRender});
     digest = standin::documentDigest(d);
   }
-  std::sort(totals.begin(), totals.end());
-  double total = totals[totals.size() / 2];
+  std::sort(timings.begin(), timings.end(), [](const Timing& a, const Timing& b) { return a.total < b.total; });
+  const Timing& median = timings[timings.size() / 2];
+  double total = median.total, read = median.read, middle = median.middle, render = median.render;
   struct rusage usage;
   getrusage(RUSAGE_SELF, &usage);
   printf("%dx%d %2d-bit  %.0f%% bare  total %.3f s  (read %.0f%%, levels+fields+fill %.0f%%, render+write %.0f%%)"
