@@ -373,34 +373,7 @@ void seedFrom(const PixelStore* source, PixelStore* field, int32_t level) {
 // the tiles' rows and write whole rows, with the same conversions and tests
 // as the accessors; other kinds go pixel by pixel.
 
-template <int32_t kKind>
-struct KindBytes;
-template <>
-struct KindBytes<kKindRgba8> {
-  static constexpr int32_t kValue = 4;
-};
-template <>
-struct KindBytes<kKindRgba16> {
-  static constexpr int32_t kValue = 8;
-};
-template <>
-struct KindBytes<kKindRgbaFloat> {
-  static constexpr int32_t kValue = 16;
-};
 
-// Row y of a level: the tiles of its tile row, and the byte offset of its
-// column 0 inside each of them.
-struct RowRef {
-  const StoreTile* tiles;
-  size_t offset;
-};
-
-inline RowRef rowRef(const PixelStore* store, int32_t level, int32_t y, int32_t bytes) {
-  RowRef row;
-  row.tiles = store->tiles + store->firstTile[level] + (y >> kTileShift) * store->tilesAcross[level];
-  row.offset = size_t(y & kTileMask) * kTileWidth * size_t(bytes);
-  return row;
-}
 
 // The stored alpha of kind 3 or 4.
 template <int32_t kKind>

@@ -226,20 +226,6 @@ void expandIntoByPixel(PixelStore* store, int32_t level, float limit) {
 
 // ---- the row road: pixels in the tiles ---------------------------------------------------------
 
-template <int32_t kKind>
-struct KindBytes;
-template <>
-struct KindBytes<kKindRgba8> {
-  static constexpr int32_t kValue = 4;
-};
-template <>
-struct KindBytes<kKindRgba16> {
-  static constexpr int32_t kValue = 8;
-};
-template <>
-struct KindBytes<kKindRgbaFloat> {
-  static constexpr int32_t kValue = 16;
-};
 
 inline uint32_t load16(const uint8_t* p) {
   uint16_t v;
@@ -252,24 +238,6 @@ inline void store16(uint8_t* p, uint32_t v) {
   memcpy(p, &h, sizeof h);
 }
 
-// Row y of a level: the tiles of its tile row, and the byte offset of its
-// column 0 inside each of them.
-struct RowRef {
-  const StoreTile* tiles;
-  size_t offset;
-};
-
-inline RowRef rowRef(const PixelStore* store, int32_t level, int32_t y, int32_t bytes) {
-  RowRef row;
-  row.tiles = store->tiles + store->firstTile[level] + (y >> kTileShift) * store->tilesAcross[level];
-  row.offset = size_t(y & kTileMask) * kTileWidth * size_t(bytes);
-  return row;
-}
-
-template <int32_t kBytes>
-inline uint8_t* pixelIn(const RowRef& row, int32_t x) {
-  return row.tiles[x >> kTileShift].pixels + row.offset + size_t(x & kTileMask) * kBytes;
-}
 
 // The alpha's bits, zero exactly when the unit alpha is 0.0 (integer kinds: a
 // stored 0; floats: either zero).

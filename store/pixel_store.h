@@ -109,6 +109,43 @@ struct PixelKindInfo {
 };
 PixelKindInfo pixelKindInfo(int32_t kind);
 
+// ---- whole rows --------------------------------------------------------------------------
+// For code that walks a level row by row: the bytes of a pixel of each
+// four-channel kind, and where a row's pixels lie in its tiles.
+template <int32_t kKind>
+struct KindBytes;
+template <>
+struct KindBytes<kKindRgba8> {
+  static constexpr int32_t kValue = 4;
+};
+template <>
+struct KindBytes<kKindRgba16> {
+  static constexpr int32_t kValue = 8;
+};
+template <>
+struct KindBytes<kKindRgbaFloat> {
+  static constexpr int32_t kValue = 16;
+};
+
+// Row y of a level: the tiles of its tile row, and the byte offset of its
+// column 0 inside each of them.
+struct RowRef {
+  const StoreTile* tiles;
+  size_t offset;
+};
+
+inline RowRef rowRef(const PixelStore* store, int32_t level, int32_t y, int32_t bytes) {
+  RowRef row;
+  row.tiles = store->tiles + store->firstTile[level] + (y >> kTileShift) * store->tilesAcross[level];
+  row.offset = size_t(y & kTileMask) * kTileWidth * size_t(bytes);
+  return row;
+}
+
+template <int32_t kBytes>
+inline uint8_t* pixelIn(const RowRef& row, int32_t x) {
+  return row.tiles[x >> kTileShift].pixels + row.offset + size_t(x & kTileMask) * kBytes;
+}
+
 // ---- creation and release ----------------------------------------------------------
 // Records the host's buffer procs, computes the kernel table and leaves the store
 // empty (no tiles, tileCount 0). Touches no other field.
