@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <new>
 
 #include "cli/depth_mapping.h"
 #include "cli/interrupt.h"
@@ -227,7 +228,25 @@ IoResult readLayer(const std::string& path, standin::Document& document, LayerSo
   source.spec = spec;
   source.formatName = in->format_name();
   source.premultiplied = alpha && holdsPremultiplied(source.formatName, spec);
-  document = standin::Document::make(spec.width, spec.height, depth, alpha ? channels - 1 : channels, alpha);
+  // The filter keeps the layer, its pyramid and two fields of the same size:
+  // about six times the layer's own bytes. A file that asks for more than the
+  // machine has (or a damaged header that claims it) is refused before any
+  // of it is allocated.
+  double layerBytes = double(spec.width) * double(spec.height) * double((alpha ? channels : channels + 1) * depth / 8);
+  double machineBytes = double(sysconf(_SC_PHYS_PAGES)) * double(sysconf(_SC_PAGE_SIZE));
+  if (machineBytes > 0 && layerBytes * 6.0 > machineBytes) {
+    snprintf(text, sizeof(text), "is %d by %d pixels: filtering it needs about %.1f GiB of memory, and this machine has %.1f GiB",
+             spec.width, spec.height, layerBytes * 6.0 / 1073741824.0, machineBytes / 1073741824.0);
+    problem = text;
+    return IoResult::failed;
+  }
+  try {
+    document = standin::Document::make(spec.width, spec.height, depth, alpha ? channels - 1 : channels, alpha);
+  } catch (const std::bad_alloc&) {
+    snprintf(text, sizeof(text), "is %d by %d pixels: there is not enough memory to hold it", spec.width, spec.height);
+    problem = text;
+    return IoResult::failed;
+  }
 
   std::vector<int> order = planeOrder(spec);
   // Premultiplied files are read as floats, to be divided before any rounding.
@@ -238,7 +257,12 @@ IoResult readLayer(const std::string& path, standin::Document& document, LayerSo
   bool direct = identityOrder(order) && !source.premultiplied && depth != 16;
   size_t samples = size_t(spec.width) * size_t(spec.height) * size_t(channels);
   std::vector<uint8_t> staging;
-  if (!direct) staging.resize(samples * readType.size());
+  try {
+    if (!direct) staging.resize(samples * readType.size());
+  } catch (const std::bad_alloc&) {
+    problem = "there is not enough memory to read it";
+    return IoResult::failed;
+  }
   uint8_t* target = direct ? document.pixels.data() : staging.data();
   bool ok;
   {

@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 
 #include "cli/image_files.h"
@@ -17,6 +18,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (file == nullptr) return 0;
   fwrite(data + 1, 1, size - 1, file);
   fclose(file);
+  // A damaged header may claim any size; the reader would then allocate it
+  // honestly. Keep to layers this process can hold many times over.
+  {
+    std::unique_ptr<OIIO::ImageInput> probe = OIIO::ImageInput::open(path);
+    if (probe && int64_t(probe->spec().width) * probe->spec().height * probe->spec().nchannels > (int64_t(1) << 24)) {
+      unlink(path.c_str());
+      return 0;
+    }
+  }
   standin::Document document;
   mendaris_cli::LayerSource source;
   std::string problem;
