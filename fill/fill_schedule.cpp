@@ -84,6 +84,22 @@ inline void addWeighted(const float q[4], float* r, float* g, float* b, float* a
   *a += q[3];
 }
 
+// The sums of addWeighted as a pixel: the alpha-weighted mean, opaque; or,
+// when no term was added, black with alpha 0.
+inline void weightedMean(float r, float g, float b, float a, float pixel[4]) {
+  if (a > 0.0f) {
+    pixel[0] = r / a;
+    pixel[1] = g / a;
+    pixel[2] = b / a;
+    pixel[3] = 1.0f;
+  } else {
+    pixel[0] = r;
+    pixel[1] = g;
+    pixel[2] = b;
+    pixel[3] = 0.0f;
+  }
+}
+
 template <int32_t kKind>
 void diffuseLevelByPixel(PixelStore* store, int32_t level, int32_t passes) {
   const int32_t width = store->levelWidth[level];
@@ -175,18 +191,7 @@ void reduceColoursByPixel(PixelStore* store, int32_t level) {
         addWeighted(q, &r, &g, &b, &a);
       }
       float pixel[4];
-      if (a > 0.0f) {
-        pixel[0] = r / a;
-        pixel[1] = g / a;
-        pixel[2] = b / a;
-        pixel[3] = 1.0f;
-      } else {
-        // No term was added: black with alpha 0.
-        pixel[0] = r;
-        pixel[1] = g;
-        pixel[2] = b;
-        pixel[3] = 0.0f;
-      }
+      weightedMean(r, g, b, a, pixel);
       writePixel<kKind>(ox, oy, store, target, pixel);
     }
   }
@@ -667,17 +672,7 @@ void reduceColoursByRow(PixelStore* store, int32_t level) {
         addWeighted(q, &r, &g, &b, &a);
       }
       float pixel[4];
-      if (a > 0.0f) {
-        pixel[0] = r / a;
-        pixel[1] = g / a;
-        pixel[2] = b / a;
-        pixel[3] = 1.0f;
-      } else {
-        pixel[0] = r;
-        pixel[1] = g;
-        pixel[2] = b;
-        pixel[3] = 0.0f;
-      }
+      weightedMean(r, g, b, a, pixel);
       storeUnitPixel<kKind>(dst, pixel, toValue);
     }
   }
