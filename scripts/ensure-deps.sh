@@ -9,6 +9,9 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   libopenimageio-dev openimageio-tools
+  libdeflate-dev libspng-dev
+  gimp libgimp2.0-dev
+  imagemagick libvips-tools hyperfine
 )
 missing=()
 for p in "${packages[@]}"; do
