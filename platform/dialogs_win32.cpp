@@ -212,4 +212,19 @@ void doAbout() {
   runDialog("ABOUTBOX", aboutDialogProc);
 }
 
-void showRefusal(const char* name) { runDialog(name, refusalDialogProc); }
+// Where the environment names a file, the name of each refusal dialog is also
+// added to it as a line, for a host that wants to know what was asked for.
+void showRefusal(const char* name) {
+  char path[MAX_PATH];
+  DWORD length = GetEnvironmentVariableA("MENDARIS_DIALOG_LOG", path, MAX_PATH);
+  if (length > 0 && length < MAX_PATH) {
+    HANDLE file = CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file != INVALID_HANDLE_VALUE) {
+      DWORD written = 0;
+      WriteFile(file, name, DWORD(strlen(name)), &written, nullptr);
+      WriteFile(file, "\n", 1, &written, nullptr);
+      CloseHandle(file);
+    }
+  }
+  runDialog(name, refusalDialogProc);
+}

@@ -10,6 +10,7 @@
 #include <windows.h>
 #else
 #include <dlfcn.h>
+#include <unistd.h>
 #endif
 
 namespace standin {
@@ -127,6 +128,46 @@ const char* selectorName(int16_t selector) {
 
 }  // namespace
 
+// ---- strict mode: the refusal dialogs asked for ---------------------------------------------------
+
+namespace {
+
+ViolationObserver violationObserver = nullptr;
+
+// The module notes each dialog it asks for in the file the environment names
+// (it may have no window system to show it in); a strict host reads it back.
+const char kDialogLogVariable[] = "MENDARIS_DIALOG_LOG";
+
+void openDialogLog(std::string& path) {
+  char name[64];
+  static int serial = 0;
+#if defined(_WIN32)
+  snprintf(name, sizeof(name), "mendaris-dialogs-%lu-%d.txt", static_cast<unsigned long>(GetCurrentProcessId()), ++serial);
+  char folder[MAX_PATH];
+  DWORD n = GetTempPathA(MAX_PATH, folder);
+  path = std::string(n > 0 && n < MAX_PATH ? folder : ".\\") + name;
+  SetEnvironmentVariableA(kDialogLogVariable, path.c_str());
+#else
+  snprintf(name, sizeof(name), "/tmp/mendaris-dialogs-%ld-%d.txt", static_cast<long>(getpid()), ++serial);
+  path = name;
+  setenv(kDialogLogVariable, path.c_str(), 1);
+#endif
+  remove(path.c_str());
+}
+
+void closeDialogLog(const std::string& path) {
+  remove(path.c_str());
+#if defined(_WIN32)
+  SetEnvironmentVariableA(kDialogLogVariable, nullptr);
+#else
+  unsetenv(kDialogLogVariable);
+#endif
+}
+
+}  // namespace
+
+void setViolationObserver(ViolationObserver observer) { violationObserver = observer; }
+
 // The first member is the master pointer, as hosts lay a handle out.
 struct Host::HandleRecord {
   char* data;
@@ -154,6 +195,7 @@ Host::Host(Module& module, Document& document, HostOptions options)
   bufferProcs_.assign(64, 0);
   startTime_ = secondsSinceStart();
   setUpRecord();
+  if (options_.strict) openDialogLog(dialogLogPath_);
 }
 
 Host::~Host() {
@@ -162,6 +204,7 @@ Host::~Host() {
     delete h;
   }
   if (activeHost == this) activeHost = nullptr;
+  if (!dialogLogPath_.empty()) closeDialogLog(dialogLogPath_);
 }
 
 int Host::liveHandles() const { return int(handles_.size()); }
@@ -249,8 +292,14 @@ Ptr Host::lockHandle(Handle handle) {
 void Host::unlockHandle(Handle handle) {
   logCall("unlockProc", 0);
   for (HandleRecord* h : handles_) {
-    if (&h->data == handle && h->locks > 0) --h->locks;
+    if (&h->data != handle) continue;
+    // A strict host counts on below zero; the module unlocks both blocks on
+    // its way out of every selector, also where it locked nothing.
+    if (h->locks <= 0) ++unbalancedUnlocks_;
+    h->locks = options_.strict ? h->locks - 1 : std::max(h->locks - 1, 0);
+    return;
   }
+  if (options_.strict) violation("unlockProc on a handle the host never gave out");
 }
 
 // ---- the record ----------------------------------------------------------------------------------
@@ -346,9 +395,17 @@ void Host::writeRect(int which, const Rect& rect) {
 
 // Fills a buffer for the rectangle asked: the document's pixels with their
 // edges replicated past the document (padding -1), or, for a host that cannot
-// pad, only the part inside the document.
-void Host::deliver(Buffer& buffer, const Rect& asked, int32_t lo, int32_t hi, bool maskPlane) {
+// pad, only the part inside the document. A strict host pads as the padding
+// code says and samples at the rate asked; false when it refuses the request.
+bool Host::deliver(Buffer& buffer, const Rect& asked, int32_t lo, int32_t hi, bool maskPlane, bool output) {
   const Document& d = document_;
+  bool strict = options_.strict && options_.supportsPadding;
+  if (strict && !strictRequestOk(asked, lo, hi, maskPlane, output)) {
+    buffer = Buffer{};
+    return false;
+  }
+  int32_t rate = strict ? strictRate(maskPlane) : 1;
+  int32_t width = (d.width + rate - 1) / rate, height = (d.height + rate - 1) / rate;
   Rect rect = asked;
   if (!options_.supportsPadding) {
     rect.top = std::max(rect.top, 0);
@@ -362,20 +419,23 @@ void Host::deliver(Buffer& buffer, const Rect& asked, int32_t lo, int32_t hi, bo
   if (rect.empty() || d.width <= 0 || d.height <= 0 || (!maskPlane && hi < lo)) {
     buffer.bytes.clear();
     buffer.rowBytes = 0;
-    return;
+    return true;
   }
   int32_t sampleBytes = maskPlane ? 1 : d.sampleBytes();
   int32_t planes = maskPlane ? 1 : hi - lo + 1;
   int32_t tight = rect.width() * planes * sampleBytes;
-  // Rows are longer than the pixels they carry, so that a wrong row step shows.
-  buffer.rowBytes = (tight + options_.rowPadding + 3) & ~3;
+  // Rows are longer than the pixels they carry, so that a wrong row step
+  // shows; a strict host gives the output rows a step of their own.
+  int32_t rowPadding = options_.rowPadding + (options_.strict && output ? 40 : 0);
+  buffer.rowBytes = (tight + rowPadding + 3) & ~3;
   buffer.bytes.assign(size_t(buffer.rowBytes) * size_t(rect.height()) + 16, 0xEE);
   for (int32_t y = rect.top; y < rect.bottom; ++y) {
-    int32_t sy = std::min(std::max(y, 0), d.height - 1);
+    int32_t sy = std::min(std::max(y, 0), height - 1) * rate;
     uint8_t* row = buffer.bytes.data() + size_t(y - rect.top) * size_t(buffer.rowBytes);
     for (int32_t x = rect.left; x < rect.right; ++x) {
-      int32_t sx = std::min(std::max(x, 0), d.width - 1);
+      int32_t sx = std::min(std::max(x, 0), width - 1) * rate;
       uint8_t* target = row + size_t(x - rect.left) * size_t(planes * sampleBytes);
+      if (strict && strictPad(target, x, y, width, height, planes, maskPlane, output)) continue;
       if (maskPlane) {
         *target = d.mask[size_t(sy) * size_t(d.width) + size_t(sx)];
       } else {
@@ -383,6 +443,7 @@ void Host::deliver(Buffer& buffer, const Rect& asked, int32_t lo, int32_t hi, bo
       }
     }
   }
+  return true;
 }
 
 // Writes the output buffer of the last advanceState into the document; only
@@ -453,12 +514,14 @@ OSErr Host::advanceState() {
   commitOutput();
   FilterRecord& r = *record_;
   bool haveMask = document_.hasMask() && r.haveMask != 0;
-  deliver(in_, readRect(1), r.inLoPlane, r.inHiPlane, false);
-  deliver(out_, readRect(2), r.outLoPlane, r.outHiPlane, false);
+  bool delivered = deliver(in_, readRect(1), r.inLoPlane, r.inHiPlane, false);
+  delivered = deliver(out_, readRect(2), r.outLoPlane, r.outHiPlane, false, true) && delivered;
   if (haveMask)
-    deliver(mask_, readRect(3), 0, 0, true);
+    delivered = deliver(mask_, readRect(3), 0, 0, true) && delivered;
   else
     mask_.bytes.clear();
+  // What a host refuses it answers with an error and no buffers.
+  if (!delivered) answer = paramErr;
   if (!options_.supportsPadding) {
     // The host hands back the rectangles it could fill.
     writeRect(1, in_.rect);
@@ -466,7 +529,7 @@ OSErr Host::advanceState() {
     if (haveMask) writeRect(3, mask_.rect);
   }
   outPending_ = !out_.bytes.empty();
-  bool none = options_.nullBuffers;
+  bool none = options_.nullBuffers || answer != noErr;
   r.inData = none || in_.bytes.empty() ? nullptr : in_.bytes.data();
   r.inRowBytes = in_.rowBytes;
   r.outData = none || out_.bytes.empty() ? nullptr : out_.bytes.data();
@@ -485,11 +548,7 @@ bool Host::abortPoll() {
   return stop;
 }
 
-void Host::progress(int32_t done, int32_t total) {
-  ++progressCalls_;
-  (void)done;
-  (void)total;
-}
+void Host::progress(int32_t done, int32_t total) { progressLog_.emplace_back(done, total); }
 
 // ---- selectors ----------------------------------------------------------------------------------------
 
@@ -500,14 +559,17 @@ int16_t Host::about() {
   int16_t result = 0;
   module_.pluginMain(filterSelectorAbout, &about, &data_, &result);
   logCall("About", result);
+  if (options_.strict) strictAfterSelector("About", lockSnapshot());
   return result;
 }
 
 int16_t Host::call(int16_t selector) {
   activeHost = this;
   result_ = 0;
+  std::map<const void*, int> locksBefore = lockSnapshot();
   module_.pluginMain(selector, record_.get(), &data_, &result_);
   logCall(selectorName(selector), result_);
+  if (options_.strict) strictAfterSelector(selectorName(selector), locksBefore);
   return result_;
 }
 
@@ -552,6 +614,117 @@ RunOutcome Host::run(bool repeat) {
     if (outcome.result == 0) outcome.result = f;
   }
   return finishRun();
+}
+
+// ---- strict mode ----------------------------------------------------------------------------------------
+
+void Host::violation(const std::string& what) {
+  violations_.push_back(what);
+  if (violationObserver != nullptr) violationObserver(what);
+}
+
+// The rate of the plane asked for, whole pixels (1 when the rate is refused).
+int32_t Host::strictRate(bool maskPlane) const {
+  Fixed rate = maskPlane ? record_->maskRate : record_->inputRate;
+  return rate >= 0x10000 && (rate & 0xFFFF) == 0 ? rate >> 16 : 1;
+}
+
+// Photoshop's checks of one buffer request: whole sampling rates only, planes
+// the layer has, no dummy planes (the host offers none), and nothing past the
+// image under the bounds-error padding code.
+bool Host::strictRequestOk(const Rect& asked, int32_t lo, int32_t hi, bool maskPlane, bool output) {
+  const FilterRecord& r = *record_;
+  std::string what = maskPlane ? "mask" : output ? "output" : "input";
+  if (asked.empty()) return true;
+  if (!output) {
+    Fixed rate = maskPlane ? r.maskRate : r.inputRate;
+    if (rate < 0x10000 || (rate & 0xFFFF) != 0) {
+      violation(what + " rate " + std::to_string(rate) + " is not a whole number of pixels");
+      return false;
+    }
+  }
+  if (!maskPlane) {
+    int32_t planes = output ? r.outLayerPlanes + r.outTransparencyMask + r.outLayerMasks + r.outInvertedLayerMasks +
+                                  r.outNonLayerPlanes
+                            : r.inLayerPlanes + r.inTransparencyMask + r.inLayerMasks + r.inInvertedLayerMasks +
+                                  r.inNonLayerPlanes;
+    if (lo < 0 || hi < lo || hi >= planes) {
+      violation(what + " planes " + std::to_string(lo) + ".." + std::to_string(hi) + " of " + std::to_string(planes));
+      return false;
+    }
+    int32_t dummies = output ? r.outPreDummyPlanes + r.outPostDummyPlanes : r.inPreDummyPlanes + r.inPostDummyPlanes;
+    if (dummies != 0 && r.supportsDummyChannels == 0) {
+      violation(what + " asks for dummy planes the host does not offer");
+      return false;
+    }
+  }
+  int16_t padding = maskPlane ? r.maskPadding : output ? r.outputPadding : r.inputPadding;
+  int32_t rate = output ? 1 : strictRate(maskPlane);
+  int32_t width = (document_.width + rate - 1) / rate, height = (document_.height + rate - 1) / rate;
+  bool past = asked.top < 0 || asked.left < 0 || asked.bottom > height || asked.right > width;
+  if (padding < plugInWantsErrorOnBoundsException || padding > 255) {
+    violation(what + " padding code " + std::to_string(padding));
+    return false;
+  }
+  if (past && padding == plugInWantsErrorOnBoundsException) {
+    violation(what + " rectangle " + describe(asked) + " lies past the image");
+    return false;
+  }
+  return true;
+}
+
+// Pads one pixel past the image as its padding code says; false inside the
+// image or where the edge is replicated.
+bool Host::strictPad(uint8_t* target, int32_t x, int32_t y, int32_t width, int32_t height, int32_t planes,
+                     bool maskPlane, bool output) const {
+  if (x >= 0 && y >= 0 && x < width && y < height) return false;
+  const FilterRecord& r = *record_;
+  int16_t padding = maskPlane ? r.maskPadding : output ? r.outputPadding : r.inputPadding;
+  if (padding == plugInWantsEdgeReplication) return false;
+  if (padding == plugInDoesNotWantPadding) return true;  // left as the buffer was: undefined
+  int depth = maskPlane ? 8 : document_.depth;
+  for (int32_t p = 0; p < planes; ++p) {
+    if (depth == 8) {
+      target[p] = uint8_t(padding);
+    } else if (depth == 16) {
+      uint16_t v = uint16_t((padding * 32768 + 127) / 255);
+      memcpy(target + 2 * p, &v, 2);
+    } else {
+      float f = float(padding) / 255.0f;
+      memcpy(target + 4 * p, &f, 4);
+    }
+  }
+  return true;
+}
+
+// After every selector: no handle stays locked past the call that locked it,
+// and the dialogs the module asked for are collected.
+void Host::strictAfterSelector(const char* selector, const std::map<const void*, int>& locksBefore) {
+  for (const HandleRecord* h : handles_) {
+    auto before = locksBefore.find(h);
+    if (h->locks > std::min(before != locksBefore.end() ? before->second : 0, 0))
+      violation("a handle stays locked after " + std::string(selector));
+  }
+  collectDialogs();
+}
+
+std::map<const void*, int> Host::lockSnapshot() const {
+  std::map<const void*, int> locks;
+  for (const HandleRecord* h : handles_) locks[h] = h->locks;
+  return locks;
+}
+
+void Host::collectDialogs() {
+  FILE* file = fopen(dialogLogPath_.c_str(), "r");
+  if (file == nullptr) return;
+  char line[256];
+  while (fgets(line, sizeof(line), file) != nullptr) {
+    std::string name(line);
+    while (!name.empty() && (name.back() == '\n' || name.back() == '\r')) name.pop_back();
+    dialogs_.push_back(name);
+  }
+  fclose(file);
+  remove(dialogLogPath_.c_str());
 }
 
 // ---- digests -----------------------------------------------------------------------------------------

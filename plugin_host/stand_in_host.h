@@ -9,6 +9,7 @@
 
 #include <stdint.h>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -81,7 +82,19 @@ struct HostOptions {
   int failAdvanceAt = 0;
   int16_t advanceError = memFullErr;
   int abortAtPoll = 0;               // abortProc answers stop from this poll on
+
+  // Strict: the host acts as Photoshop does where the stand-in would otherwise
+  // be gentler. Padding codes and sample rates are honoured (a request past
+  // the image under -3, or a rate that is not whole, is refused), the output
+  // has a buffer and row step of its own, locks are counted per handle, and
+  // the refusal dialogs asked for are recorded. Whatever a real host would
+  // refuse or choke on is a violation.
+  bool strict = true;
 };
+
+// Tells of every violation of a strict host as it happens (tests fail on it).
+using ViolationObserver = void (*)(const std::string& what);
+void setViolationObserver(ViolationObserver observer);
 
 struct HostCall {
   std::string name;  // selector name or host procedure
@@ -129,7 +142,16 @@ class Host {
   intptr_t dataWord() const { return data_; }
   int liveHandles() const;
   int lockedHandles() const;
-  int progressCalls() const { return progressCalls_; }
+  // Unlocks that found their handle not locked (a strict host counts the
+  // handle on below zero; the module unlocks both blocks after every selector).
+  int unbalancedUnlocks() const { return unbalancedUnlocks_; }
+  int progressCalls() const { return int(progressLog_.size()); }
+  // Every progressProc call, as (done, total).
+  const std::vector<std::pair<int32_t, int32_t>>& progressLog() const { return progressLog_; }
+  // Strict mode: what a real host would have refused, and the names of the
+  // refusal dialogs the module asked for, in order.
+  const std::vector<std::string>& violations() const { return violations_; }
+  const std::vector<std::string>& dialogs() const { return dialogs_; }
   int advanceCalls() const { return advanceCalls_; }
   // Seconds since the host was made, at each advanceState: the phases of a run
   // as the host sees them.
@@ -162,9 +184,18 @@ class Host {
   void setUpRecord();
   Rect readRect(int which) const;  // 0 filter, 1 in, 2 out, 3 mask
   void writeRect(int which, const Rect& r);
-  void deliver(Buffer& buffer, const Rect& asked, int32_t lo, int32_t hi, bool maskPlane);
+  bool deliver(Buffer& buffer, const Rect& asked, int32_t lo, int32_t hi, bool maskPlane, bool output = false);
   void commitOutput();
   void logCall(const std::string& name, int16_t value);
+  // Strict mode.
+  void violation(const std::string& what);
+  bool strictRequestOk(const Rect& asked, int32_t lo, int32_t hi, bool maskPlane, bool output);
+  int32_t strictRate(bool maskPlane) const;
+  bool strictPad(uint8_t* target, int32_t x, int32_t y, int32_t width, int32_t height, int32_t planes, bool maskPlane,
+                 bool output) const;
+  std::map<const void*, int> lockSnapshot() const;
+  void strictAfterSelector(const char* selector, const std::map<const void*, int>& locksBefore);
+  void collectDialogs();
 
   Module& module_;
   Document& document_;
@@ -180,7 +211,12 @@ class Host {
   Buffer in_, out_, mask_;
   bool outPending_ = false;
   std::vector<HostCall> log_;
-  int newCalls_ = 0, lockCalls_ = 0, advanceCalls_ = 0, abortPolls_ = 0, progressCalls_ = 0;
+  int newCalls_ = 0, lockCalls_ = 0, advanceCalls_ = 0, abortPolls_ = 0;
+  std::vector<std::pair<int32_t, int32_t>> progressLog_;
+  std::vector<std::string> violations_;
+  int unbalancedUnlocks_ = 0;
+  std::vector<std::string> dialogs_;
+  std::string dialogLogPath_;
   bool abortRequested_ = false;
   std::vector<double> advanceTimes_;
   double startTime_ = 0.0;

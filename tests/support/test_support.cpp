@@ -3,9 +3,17 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <gtest/gtest.h>
+
 #include "host/plugin_main.h"
 
 namespace testing_support {
+
+namespace {
+// Every host of the tests is strict: whatever Photoshop would refuse fails the test.
+void failOnViolation(const std::string& what) { ADD_FAILURE() << "host violation: " << what; }
+const bool violationsFail = (standin::setViolationObserver(failOnViolation), true);
+}  // namespace
 
 standin::Module& nativeModule() {
   static standin::Module module;
