@@ -65,100 +65,89 @@ void expectPixel(const PixelValue& v, float r, float g, float b, float a) {
 
 }  // namespace
 
-// ---- excess spill ------------------------------------------------------------------------------
+// ---- excess spill, mixing, compositing -------------------------------------------------------------
 
-TEST(SpillExcess, OneChannelOverGivesEachOtherSixtyFiveHundredTwelfthsOfTheExcess) {
-  expectPixel(spilled({1.5f, 0.2f, 0.2f, 1.0f}), 1.5f, 0.25859374f, 0.25859374f, 1.0f);
-  expectPixel(spilled({0.2f, 1.5f, 0.2f, 0.5f}), 0.25859374f, 1.5f, 0.25859374f, 0.5f);
-  // Blue over: red and green each take 0.234375, and red, now over, hands its
-  // excess on to green without giving any up.
-  expectPixel(spilled({1.0f, 0.5f, 3.0f, 1.0f}), 1.234375f, 0.96875f, 3.0f, 1.0f);
-}
-
-TEST(SpillExcess, CascadeRunsBothWays) {
-  // A channel exactly at 1 does not count as over.
-  expectPixel(spilled({2.0f, 1.0f, 1.0f, 1.0f}), 2.0f, 1.3515625f, 1.234375f, 1.0f);
-}
-
-TEST(SpillExcess, TwoChannelsOverGiveTheThirdSixtyTwoHundredFiftySixthsOfTheirSum) {
-  expectPixel(spilled({1.2f, 1.2f, 0.5f, 1.0f}), 1.2f, 1.2f, 0.59375f, 1.0f);
-  expectPixel(spilled({1.5f, 0.25f, 1.25f, 1.0f}), 1.5f, 0.42578125f, 1.25f, 1.0f);
-  expectPixel(spilled({0.0f, 1.25f, 1.75f, 1.0f}), 0.234375f, 1.25f, 1.75f, 1.0f);
-}
-
-TEST(SpillExcess, NothingMovesWhenNoneOrAllAreOverOrInFloatMode) {
-  expectPixel(spilled({1.5f, 1.5f, 1.5f, 1.0f}), 1.5f, 1.5f, 1.5f, 1.0f);
-  expectPixel(spilled({1.0f, 1.0f, 1.0f, 1.0f}), 1.0f, 1.0f, 1.0f, 1.0f);
-  expectPixel(spilled({0.3f, 0.6f, 0.9f, 0.1f}), 0.3f, 0.6f, 0.9f, 0.1f);
-  expectPixel(spilled({2.5f, 0.2f, 0.2f, 1.0f}, true), 2.5f, 0.2f, 0.2f, 1.0f);
-}
-
-// ---- alpha-aware mixing and compositing ------------------------------------------------------------
-
-TEST(MixAlphaAware, ColourUnderZeroAlphaDoesNotLeak) {
-  PixelValue a = {0.5f, 0.5f, 0.5f, 0.0f};
-  PixelValue b = {0.25f, 0.75f, 1.0f, 0.8f};
-  PixelValue out;
-  mixAlphaAware(&out, &a, &b, 0.25f);
-  expectPixel(out, 0.25f, 0.75f, 1.0f, 0.2f);
-  PixelValue hiddenA = {0.9f, 0.1f, 0.3f, 0.0f};
-  PixelValue hiddenB = {0.2f, 0.4f, 0.6f, 0.0f};
-  mixAlphaAware(&out, &hiddenA, &hiddenB, 0.5f);
-  expectPixel(out, 0.0f, 0.0f, 0.0f, 0.0f);
-  // At t = 1 only b weighs, and b has no alpha.
-  PixelValue solid = {0.9f, 0.1f, 0.3f, 1.0f};
-  mixAlphaAware(&out, &solid, &hiddenB, 1.0f);
-  expectPixel(out, 0.0f, 0.0f, 0.0f, 0.0f);
+TEST(SpillExcess, WorkedPixels) {
+  struct Case {
+    PixelValue in, out;
+    bool floatMath;
+  };
+  const Case cases[] = {
+      // One channel over gives each other 0.0586 (15/256) of the excess.
+      {{1.5f, 0.2f, 0.2f, 1.0f}, {1.5f, 0.25859374f, 0.25859374f, 1.0f}, false},
+      {{0.2f, 1.5f, 0.2f, 0.5f}, {0.25859374f, 1.5f, 0.25859374f, 0.5f}, false},
+      // Blue over: red and green each take 0.234375, and red, now over, hands
+      // its excess on to green without giving any up.
+      {{1.0f, 0.5f, 3.0f, 1.0f}, {1.234375f, 0.96875f, 3.0f, 1.0f}, false},
+      // The cascade runs both ways; a channel exactly at 1 is not over.
+      {{2.0f, 1.0f, 1.0f, 1.0f}, {2.0f, 1.3515625f, 1.234375f, 1.0f}, false},
+      // Two over give the third 0.1875 (6/32) of their summed excess.
+      {{1.2f, 1.2f, 0.5f, 1.0f}, {1.2f, 1.2f, 0.59375f, 1.0f}, false},
+      {{1.5f, 0.25f, 1.25f, 1.0f}, {1.5f, 0.42578125f, 1.25f, 1.0f}, false},
+      {{0.0f, 1.25f, 1.75f, 1.0f}, {0.234375f, 1.25f, 1.75f, 1.0f}, false},
+      // None or all over, or float mode: nothing moves.
+      {{1.5f, 1.5f, 1.5f, 1.0f}, {1.5f, 1.5f, 1.5f, 1.0f}, false},
+      {{1.0f, 1.0f, 1.0f, 1.0f}, {1.0f, 1.0f, 1.0f, 1.0f}, false},
+      {{0.3f, 0.6f, 0.9f, 0.1f}, {0.3f, 0.6f, 0.9f, 0.1f}, false},
+      {{2.5f, 0.2f, 0.2f, 1.0f}, {2.5f, 0.2f, 0.2f, 1.0f}, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.in.r << " " << c.in.g << " " << c.in.b);
+    expectPixel(spilled(c.in, c.floatMath), c.out.r, c.out.g, c.out.b, c.out.a);
+  }
 }
 
 TEST(MixAlphaAware, WeighsColourByAlphaAndAlphaByT) {
-  PixelValue a = {1.0f, 0.0f, 0.0f, 1.0f};
-  PixelValue b = {0.0f, 1.0f, 0.0f, 0.5f};
-  PixelValue out;
-  mixAlphaAware(&out, &a, &b, 0.5f);
-  // Weights 0.5 and 0.25: b gives a third of the colour, half of the alpha step.
-  EXPECT_EQ(out.g, 0.33333334f);
-  EXPECT_FLOAT_EQ(out.r, 2.0f / 3.0f);
-  EXPECT_EQ(out.b, 0.0f);
-  EXPECT_EQ(out.a, 0.75f);
-  mixAlphaAware(&out, &a, &b, 0.0f);
-  expectPixel(out, 1.0f, 0.0f, 0.0f, 1.0f);
-  // The weight of `a` is one double product, rounded once; two float
-  // operations would give 0x1.325b86p-5.
-  PixelValue faint = {0.0f, 0.0f, 0.0f, 0.13f};
-  PixelValue white = {1.0f, 1.0f, 1.0f, 0.5f};
-  mixAlphaAware(&out, &faint, &white, 0.01f);
-  EXPECT_EQ(out.r, 0x1.325b88p-5f);
+  struct Case {
+    PixelValue a, b;
+    float t;
+    PixelValue out;
+  };
+  const Case cases[] = {
+      {{0.5f, 0.5f, 0.5f, 0.0f}, {0.25f, 0.75f, 1.0f, 0.8f}, 0.25f, {0.25f, 0.75f, 1.0f, 0.2f}},  // no leak
+      {{0.9f, 0.1f, 0.3f, 0.0f}, {0.2f, 0.4f, 0.6f, 0.0f}, 0.5f, {0, 0, 0, 0}},
+      {{0.9f, 0.1f, 0.3f, 1.0f}, {0.2f, 0.4f, 0.6f, 0.0f}, 1.0f, {0, 0, 0, 0}},  // only b weighs
+      // Weights 0.5 and 0.25: b gives a third of the colour, half of the alpha step.
+      {{1.0f, 0.0f, 0.0f, 1.0f}, {0.0f, 1.0f, 0.0f, 0.5f}, 0.5f, {0.6666667f, 0.33333334f, 0.0f, 0.75f}},
+      {{1.0f, 0.0f, 0.0f, 1.0f}, {0.0f, 1.0f, 0.0f, 0.5f}, 0.0f, {1.0f, 0.0f, 0.0f, 1.0f}},
+      // The weight of a is one double product, rounded once; two float
+      // operations would give 0x1.325b86p-5.
+      {{0.0f, 0.0f, 0.0f, 0.13f}, {1.0f, 1.0f, 1.0f, 0.5f}, 0.01f, {0x1.325b88p-5f, 0x1.325b88p-5f, 0x1.325b88p-5f, 0.1337f}},
+  };
+  for (const Case& c : cases) {
+    PixelValue out;
+    mixAlphaAware(&out, &c.a, &c.b, c.t);
+    EXPECT_FLOAT_EQ(out.r, c.out.r) << c.t;
+    EXPECT_EQ(out.g, c.out.g) << c.t;
+    EXPECT_FLOAT_EQ(out.b, c.out.b) << c.t;
+    if (c.t == 0.01f) EXPECT_EQ(out.r, c.out.r);  // exact bits
+    else EXPECT_EQ(out.a, c.out.a) << c.t;
+  }
   // The result may land on an operand.
-  PixelValue into = a;
-  mixAlphaAware(&into, &into, &b, 0.5f);
+  PixelValue into = cases[3].a;
+  mixAlphaAware(&into, &into, &cases[3].b, 0.5f);
   EXPECT_EQ(into.g, 0.33333334f);
   EXPECT_EQ(into.a, 0.75f);
 }
 
-TEST(CompositeOver, HandComputedCases) {
-  PixelValue dst = {0.0f, 0.0f, 1.0f, 1.0f};
-  PixelValue src = {1.0f, 0.0f, 0.0f, 0.5f};
-  compositeOver(&src, &dst);
-  expectPixel(dst, 0.5f, 0.0f, 0.5f, 1.0f);
-
-  PixelValue clear = {0.3f, 0.2f, 0.1f, 0.0f};
-  PixelValue paint = {0.25f, 0.5f, 0.75f, 0.6f};
-  compositeOver(&paint, &clear);
-  expectPixel(clear, 0.25f, 0.5f, 0.75f, 0.6f);
-
-  PixelValue half = {0.0f, 0.0f, 0.0f, 0.5f};
-  PixelValue white = {1.0f, 1.0f, 1.0f, 0.5f};
-  compositeOver(&white, &half);
-  EXPECT_FLOAT_EQ(half.r, 2.0f / 3.0f);
-  EXPECT_EQ(half.a, 0.75f);
-
-  PixelValue keep = {0.1f, 0.2f, 0.3f, 0.4f};
-  PixelValue none = {1.0f, 1.0f, 1.0f, 0.0f};
-  PixelValue negative = {1.0f, 1.0f, 1.0f, -0.5f};
-  compositeOver(&none, &keep);
-  compositeOver(&negative, &keep);
-  expectPixel(keep, 0.1f, 0.2f, 0.3f, 0.4f);
+TEST(CompositeOver, WorkedPixels) {
+  struct Case {
+    PixelValue src, dst, out;
+  };
+  const Case cases[] = {
+      {{1.0f, 0.0f, 0.0f, 0.5f}, {0.0f, 0.0f, 1.0f, 1.0f}, {0.5f, 0.0f, 0.5f, 1.0f}},
+      {{0.25f, 0.5f, 0.75f, 0.6f}, {0.3f, 0.2f, 0.1f, 0.0f}, {0.25f, 0.5f, 0.75f, 0.6f}},
+      {{1.0f, 1.0f, 1.0f, 0.5f}, {0.0f, 0.0f, 0.0f, 0.5f}, {0.6666667f, 0.6666667f, 0.6666667f, 0.75f}},
+      {{1.0f, 1.0f, 1.0f, 0.0f}, {0.1f, 0.2f, 0.3f, 0.4f}, {0.1f, 0.2f, 0.3f, 0.4f}},
+      {{1.0f, 1.0f, 1.0f, -0.5f}, {0.1f, 0.2f, 0.3f, 0.4f}, {0.1f, 0.2f, 0.3f, 0.4f}},
+  };
+  for (Case c : cases) {
+    compositeOver(&c.src, &c.dst);
+    EXPECT_FLOAT_EQ(c.dst.r, c.out.r);
+    EXPECT_FLOAT_EQ(c.dst.g, c.out.g);
+    EXPECT_FLOAT_EQ(c.dst.b, c.out.b);
+    EXPECT_EQ(c.dst.a, c.out.a);
+  }
 }
 
 // ---- alpha gain ------------------------------------------------------------------------------------
@@ -176,10 +165,7 @@ TEST_F(FinishFixture, AlphaGainAtEightBitsRaisesFrom143Up) {
     EXPECT_EQ(t.out8(b, 1)[3], expected) << b;
     EXPECT_EQ(t.out8(b, 0)[0], 127) << b;
   }
-}
-
-TEST_F(FinishFixture, AlphaGainMakesAlmostOpaqueOpaque) {
-  TestTile t(8, 4, VRect{0, 0, 1, 2});
+  // Almost opaque becomes opaque from exactly this alpha on.
   finish(t, 0, 0, {0.5f, 0.5f, 0.5f, 0.99304867f});
   finish(t, 1, 0, {0.5f, 0.5f, 0.5f, nextafterf(0.99304867f, 0.0f)});
   EXPECT_EQ(t.out8(0, 0)[3], 255);
@@ -221,65 +207,46 @@ TEST_F(FinishFixture, GrayWeightsLoseALevelOnExactlyTheseValues) {
   EXPECT_EQ(lower, expected);
 }
 
-TEST_F(FinishFixture, GrayGoesByPlanesNotByImageMode) {
-  TestTile gray(8, 2, VRect{0, 0, 1, 1});
-  gray.view().isGrayMode = false;
-  gray.view().isRgbMode = true;
-  finish(gray, 0, 0, {1.0f, 0.0f, 0.0f, 1.0f});
-  EXPECT_EQ(gray.out8(0, 0)[0], 76);  // 0.3 of red, by way of green
-
-  TestTile colour(8, 4, VRect{0, 0, 1, 1});
-  colour.view().isGrayMode = true;
-  colour.view().isRgbMode = false;
-  finish(colour, 0, 0, {1.0f, 0.0f, 0.0f, 1.0f});
-  EXPECT_EQ(colour.out8(0, 0)[0], 255);
-  EXPECT_EQ(colour.out8(0, 0)[1], 0);
-}
-
-TEST_F(FinishFixture, ColoursAreClampedAfterTheSpill) {
-  TestTile t(8, 4, VRect{0, 0, 1, 3});
-  finish(t, 0, 0, {1.5f, 0.2f, 0.2f, 1.0f});
-  finish(t, 1, 0, {-0.5f, 2.0f, 1.0f, 1.0f});
-  finish(t, 2, 0, {0.5f, 0.5f, 0.5f, -1.0f});
-  EXPECT_EQ(t.out8(0, 0)[0], 255);
-  EXPECT_EQ(t.out8(0, 0)[1], 65);  // 0.25859374
-  EXPECT_EQ(t.out8(0, 0)[2], 65);
-  // Green's excess gives red and blue 0.1171875 each, and blue, now over,
-  // hands its own on to red: 0.234375.
-  EXPECT_EQ(t.out8(1, 0)[0], 59);
-  EXPECT_EQ(t.out8(1, 0)[1], 255);
-  EXPECT_EQ(t.out8(1, 0)[2], 255);
-  EXPECT_EQ(t.out8(2, 0)[3], 0);
-}
-
-TEST_F(FinishFixture, ZeroSampleWritesZerosAtFullSelection) {
-  TestTile t8(8, 4, VRect{0, 0, 2, 2});
-  TestTile t16(16, 2, VRect{0, 0, 2, 2});
-  std::fill(t8.in.begin(), t8.in.end(), uint8_t(0x77));
-  std::fill(t8.out.begin(), t8.out.end(), uint8_t(0xAB));
-  std::fill(t16.in.begin(), t16.in.end(), uint8_t(0x33));
-  std::fill(t16.out.begin(), t16.out.end(), uint8_t(0x3B));
-  for (int32_t y = 0; y < 2; ++y)
-    for (int32_t x = 0; x < 2; ++x) {
-      finish(t8, x, y, {0.0f, 0.0f, 0.0f, 0.0f});
-      finish(t16, x, y, {0.0f, 0.0f, 0.0f, 0.0f});
-      for (int32_t c = 0; c < 4; ++c) EXPECT_EQ(t8.out8(x, y)[c], 0);
-      for (int32_t c = 0; c < 2; ++c) EXPECT_EQ(t16.out16(x, y)[c], 0);
-    }
-}
-
-TEST_F(FinishFixture, PartialAlphaReplacesTheInputPixelAtFullSelection) {
-  TestTile t(8, 4, VRect{0, 0, 1, 1});
-  uint8_t* p = t.in8(0, 0);
-  p[0] = 10;
-  p[1] = 20;
-  p[2] = 30;
-  p[3] = 255;
-  finish(t, 0, 0, {1.0f, 0.0f, 0.0f, 0.5f});
-  EXPECT_EQ(t.out8(0, 0)[0], 255);
-  EXPECT_EQ(t.out8(0, 0)[1], 0);
-  EXPECT_EQ(t.out8(0, 0)[2], 0);
-  EXPECT_EQ(t.out8(0, 0)[3], 128);  // 0.5 x 1.007, not combined with the input's alpha
+// One 8-bit pixel finished over an input pixel, under a selection byte.
+TEST_F(FinishFixture, WorkedEightBitPixels) {
+  struct Case {
+    const char* what;
+    int16_t planes;
+    bool grayMode, transparency;
+    int32_t mask;  // -1: no selection
+    uint8_t in[4];
+    PixelValue sample;
+    uint8_t out[4];
+  };
+  const Case cases[] = {
+      {"gray by planes, not by image mode: 0.3 of red", 2, false, true, -1, {}, {1, 0, 0, 1}, {76, 255}},
+      {"colour by planes", 4, true, true, -1, {}, {1, 0, 0, 1}, {255, 0, 0, 255}},
+      {"clamped after the spill", 4, false, true, -1, {}, {1.5f, 0.2f, 0.2f, 1}, {255, 65, 65, 255}},
+      // Green's excess gives red and blue 0.1171875 each, and blue, now
+      // over, hands its own on to red: 0.234375.
+      {"spill cascade", 4, false, true, -1, {}, {-0.5f, 2, 1, 1}, {59, 255, 255, 255}},
+      {"negative alpha", 4, false, true, -1, {}, {0.5f, 0.5f, 0.5f, -1}, {127, 127, 127, 0}},
+      {"zero sample", 4, false, true, -1, {0x77, 0x77, 0x77, 0x77}, {0, 0, 0, 0}, {0, 0, 0, 0}},
+      // 0.5 x 1.007, not combined with the input's alpha.
+      {"partial alpha replaces the input", 4, false, true, -1, {10, 20, 30, 255}, {1, 0, 0, 0.5f}, {255, 0, 0, 128}},
+      // Over an empty input white falls short of full scale, alpha included;
+      // over a red one a trace of the red shows through.
+      {"mask 254 over nothing", 4, false, true, 254, {}, {1, 1, 1, 1}, {253, 253, 253, 253}},
+      {"mask 254 over red", 4, false, true, 254, {255, 0, 0, 255}, {0, 0, 0, 1}, {1, 0, 0, 255}},
+      {"half selection mixes alpha too", 4, false, true, 128, {}, {1, 1, 1, 1}, {127, 127, 127, 127}},
+      // Without transparency a partial result is laid over the input.
+      {"over blue", 3, false, false, -1, {0, 0, 255}, {1, 0, 0, 0.5f}, {128, 0, 126}},
+      {"nothing over", 3, false, false, -1, {40, 0, 0}, {1, 1, 1, 0}, {40, 0, 0}},
+  };
+  for (const Case& c : cases) {
+    TestTile t(8, c.planes, VRect{0, 0, 1, 1}, c.transparency);
+    t.view().isGrayMode = c.grayMode;
+    t.view().isRgbMode = !c.grayMode;
+    if (c.mask >= 0) t.useMask(uint8_t(c.mask));
+    memcpy(t.in8(0, 0), c.in, size_t(c.planes));
+    finish(t, 0, 0, c.sample);
+    for (int p = 0; p < c.planes; ++p) EXPECT_EQ(t.out8(0, 0)[p], c.out[p]) << c.what << ", plane " << p;
+  }
 }
 
 // ---- float mode -------------------------------------------------------------------------------------
@@ -290,108 +257,55 @@ TEST_F(FinishFixture, FloatModeHasNoGainNoSpillAndAFloatCeiling) {
   finish(t, 1, 0, {2.5f, 0.2f, 0.2f, 0.99f});
   finish(t, 2, 0, {0.0f, 0.0f, 0.0f, 1.5f});
   const float* a = t.outF(0, 0);
-  EXPECT_EQ(a[0], 2.5f);
-  EXPECT_EQ(a[1], 65535.0f);
-  EXPECT_EQ(a[2], 0.0f);
-  EXPECT_EQ(a[3], 0.5f);
+  EXPECT_TRUE(a[0] == 2.5f && a[1] == 65535.0f && a[2] == 0.0f && a[3] == 0.5f);
   const float* b = t.outF(1, 0);
-  EXPECT_EQ(b[1], 0.2f);
-  EXPECT_EQ(b[2], 0.2f);
-  EXPECT_EQ(b[3], 0.99f);
+  EXPECT_TRUE(b[1] == 0.2f && b[2] == 0.2f && b[3] == 0.99f);
   EXPECT_EQ(t.outF(2, 0)[3], 1.0f);
-}
-
-TEST_F(FinishFixture, FloatModeGrayAndSelectionMix) {
-  TestTile t(32, 2, VRect{0, 0, 1, 2});
-  t.useMask(0);
-  t.mask[1] = 255;
-  float* in = reinterpret_cast<float*>(t.in.data());
+  // Gray, and the selection mixes: coverage 0 gives back the input.
+  TestTile g(32, 2, VRect{0, 0, 1, 2});
+  g.useMask(0);
+  g.mask[1] = 255;
+  float* in = reinterpret_cast<float*>(g.in.data());
   in[0] = 3.0f;
   in[1] = 0.25f;
-  finish(t, 0, 0, {9.0f, 9.0f, 9.0f, 1.0f});  // coverage 0: the input comes back
-  finish(t, 1, 0, {2.0f, 1.0f, 0.5f, 1.0f});
-  EXPECT_EQ(t.outF(0, 0)[0], 3.0f);
-  EXPECT_EQ(t.outF(0, 0)[1], 0.25f);
-  EXPECT_FLOAT_EQ(t.outF(1, 0)[0], 1.245f);
-  EXPECT_EQ(t.outF(1, 0)[1], 1.0f);
+  finish(g, 0, 0, {9.0f, 9.0f, 9.0f, 1.0f});
+  finish(g, 1, 0, {2.0f, 1.0f, 0.5f, 1.0f});
+  EXPECT_EQ(g.outF(0, 0)[0], 3.0f);
+  EXPECT_EQ(g.outF(0, 0)[1], 0.25f);
+  EXPECT_FLOAT_EQ(g.outF(1, 0)[0], 1.245f);
+  EXPECT_EQ(g.outF(1, 0)[1], 1.0f);
 }
 
 // ---- selection --------------------------------------------------------------------------------------
 
-TEST_F(FinishFixture, CoverageZeroGivesBackEveryEightBitValue) {
-  TestTile t(8, 4, VRect{0, 0, 2, 256});
-  t.useMask(0);
-  for (int32_t dy = 0; dy < 2; ++dy)
-    for (int32_t i = 0; i < 256; ++i) {
-      uint8_t* p = t.in8(i, dy);
-      p[0] = uint8_t(i);
-      p[1] = uint8_t(255 - i);
-      p[2] = uint8_t((i * 37) & 255);
-      p[3] = uint8_t((i + 128 * dy) & 255);
-    }
-  for (int32_t y = 0; y < 2; ++y)
-    for (int32_t x = 0; x < 256; ++x) finish(t, x, y, {3.0f, -1.0f, 0.5f, 0.3f});
-  for (int32_t dy = 0; dy < 2; ++dy)
-    for (int32_t i = 0; i < 256; ++i)
-      for (int32_t c = 0; c < 4; ++c) ASSERT_EQ(t.out8(i, dy)[c], t.in8(i, dy)[c]) << i << " " << c;
-}
-
-TEST_F(FinishFixture, CoverageZeroGivesBackEverySixteenBitValue) {
-  TestTile t(16, 4, VRect{0, 0, 128, 257});
-  t.useMask(0);
-  for (int32_t dy = 0; dy < 128; ++dy)
-    for (int32_t dx = 0; dx < 257; ++dx) {
-      int32_t i = dy * 257 + dx;
-      uint16_t v = uint16_t(i > 32768 ? 32768 : i);
-      uint16_t* p = t.in16(dx, dy);
-      p[0] = v;
-      p[1] = uint16_t(32768 - v);
-      p[2] = uint16_t((v * 7) % 32769);
-      p[3] = v;
-    }
-  for (int32_t y = 0; y < 128; ++y)
-    for (int32_t x = 0; x < 257; ++x) finish(t, x, y, {0.7f, 1.4f, 0.0f, 1.0f});
-  for (int32_t dy = 0; dy < 128; ++dy)
-    for (int32_t dx = 0; dx < 257; ++dx)
-      for (int32_t c = 0; c < 4; ++c) ASSERT_EQ(t.out16(dx, dy)[c], t.in16(dx, dy)[c]) << dx << " " << dy;
-}
-
-TEST_F(FinishFixture, FullMaskByteCountsAsWholeAndSkipsTheInput) {
-  GuardPage guard;
-  TestTile t(8, 4, VRect{0, 0, 1, 1});
-  t.useMask(255);
-  t.view().inData = guard.page;
-  finish(t, 0, 0, {0.5f, 0.25f, 1.0f, 1.0f});
-  EXPECT_EQ(t.out8(0, 0)[0], 127);
-  EXPECT_EQ(t.out8(0, 0)[1], 63);
-  EXPECT_EQ(t.out8(0, 0)[2], 255);
-  EXPECT_EQ(t.out8(0, 0)[3], 255);
-}
-
-TEST_F(FinishFixture, MaskByte254MixesWithTheInput) {
-  TestTile t(8, 4, VRect{0, 0, 1, 2});
-  t.useMask(254);
-  t.in8(1, 0)[0] = 255;
-  t.in8(1, 0)[3] = 255;
-  finish(t, 0, 0, {1.0f, 1.0f, 1.0f, 1.0f});
-  finish(t, 1, 0, {0.0f, 0.0f, 0.0f, 1.0f});
-  // Over an empty input the white falls short of full scale, alpha included;
-  // over a red input a trace of the red shows through.
-  for (int32_t c = 0; c < 4; ++c) EXPECT_EQ(t.out8(0, 0)[c], 253) << c;
-  EXPECT_EQ(t.out8(1, 0)[0], 1);
-  EXPECT_EQ(t.out8(1, 0)[1], 0);
-  EXPECT_EQ(t.out8(1, 0)[3], 255);
-}
-
-TEST_F(FinishFixture, HalfSelectionMixesAlphaToo) {
-  TestTile t(8, 4, VRect{0, 0, 1, 1});
-  t.useMask(128);
-  finish(t, 0, 0, {1.0f, 1.0f, 1.0f, 1.0f});
-  for (int32_t c = 0; c < 4; ++c) EXPECT_EQ(t.out8(0, 0)[c], 127) << c;
+TEST_F(FinishFixture, CoverageZeroGivesBackEveryValue) {
+  for (int32_t bits : {8, 16}) {
+    const int32_t rows = bits == 8 ? 2 : 128, cols = bits == 8 ? 256 : 257, full = bits == 8 ? 255 : 32768;
+    TestTile t(bits, 4, VRect{0, 0, rows, cols});
+    t.useMask(0);
+    for (int32_t dy = 0; dy < rows; ++dy)
+      for (int32_t dx = 0; dx < cols; ++dx) {
+        const int32_t v = std::min(dy * cols + dx, full);
+        const int32_t samples[4] = {v, full - v, (v * 37) % (full + 1), (v + 128 * dy) % (full + 1)};
+        for (int c = 0; c < 4; ++c) {
+          if (bits == 8) t.in8(dx, dy)[c] = uint8_t(samples[c]);
+          else t.in16(dx, dy)[c] = uint16_t(samples[c]);
+        }
+      }
+    for (int32_t y = 0; y < rows; ++y)
+      for (int32_t x = 0; x < cols; ++x) finish(t, x, y, {3.0f, -1.0f, 0.5f, 0.3f});
+    EXPECT_EQ(t.out, t.in) << bits;
+  }
 }
 
 TEST_F(FinishFixture, OpaqueFullySelectedPixelsNeverReadTheInput) {
   GuardPage guard;
+  TestTile m(8, 4, VRect{0, 0, 1, 1});
+  m.useMask(255);  // a full mask byte counts as whole
+  m.view().inData = guard.page;
+  finish(m, 0, 0, {0.5f, 0.25f, 1.0f, 1.0f});
+  EXPECT_EQ(m.out8(0, 0)[1], 63);
+  EXPECT_EQ(m.out8(0, 0)[3], 255);
   TestTile t(16, 4, VRect{0, 0, 4, 4});
   t.view().inData = guard.page;
   for (int32_t y = 0; y < 4; ++y)
@@ -410,59 +324,36 @@ TEST_F(FinishFixture, OpaqueFullySelectedPixelsNeverReadTheInput) {
   EXPECT_EQ(t.out16(1, 1)[3], 16498);  // trunc(32768 x 0.5035)
 }
 
-TEST(FinishDeath, GuardPageCatchesARead) {
+TEST(FinishDeath, GuardPageCatchesAReadAndOtherBlendModesAlwaysRead) {
+  ParamBlock params;
+  memset(&params, 0, sizeof params);
+  params.blendMode = 1;
+  hostContext.paramBlock = &params;
   GuardPage guard;
   TestTile t(8, 4, VRect{0, 0, 1, 1});
   t.view().inData = guard.page;
   PixelValue partial = {0.5f, 0.5f, 0.5f, 0.5f};
   EXPECT_DEATH(finishPixel(0, 0, &partial, t.cursor, nullptr), "");
+  params.blendMode = 5;
+  PixelValue opaque = {0.5f, 0.5f, 0.5f, 1.0f};
+  EXPECT_DEATH(finishPixel(0, 0, &opaque, t.cursor, nullptr), "");
+  hostContext.paramBlock = nullptr;
 }
 
-TEST_F(FinishFixture, NullOutputIsSafe) {
+TEST_F(FinishFixture, NullOutputAndThePartialStageWriteNothing) {
+  GuardPage guard;
   TestTile t(8, 4, VRect{0, 0, 1, 1});
   t.view().outData = nullptr;
   t.view().inData = nullptr;
   t.useMask(100);
   finish(t, 0, 0, {0.5f, 0.5f, 0.5f, 0.5f});
   for (uint8_t b : t.out) EXPECT_EQ(b, 0);
-}
-
-// ---- branches of other switch values ---------------------------------------------------------------
-
-TEST_F(FinishFixture, WithoutTransparencyThePartialResultIsLaidOverTheInput) {
-  TestTile t(8, 3, VRect{0, 0, 1, 2}, false);
-  t.in8(0, 0)[2] = 255;
-  t.in8(1, 0)[0] = 40;
-  finish(t, 0, 0, {1.0f, 0.0f, 0.0f, 0.5f});
-  EXPECT_EQ(t.out8(0, 0)[0], 128);  // 0.5035 of red over blue
-  EXPECT_EQ(t.out8(0, 0)[1], 0);
-  EXPECT_EQ(t.out8(0, 0)[2], 126);
-  finish(t, 1, 0, {1.0f, 1.0f, 1.0f, 0.0f});
-  EXPECT_EQ(t.out8(1, 0)[0], 40);
-  EXPECT_EQ(t.out8(1, 0)[1], 0);
-}
-
-TEST(FinishDeath, OtherBlendModesAlwaysReadTheInput) {
-  ParamBlock params;
-  memset(&params, 0, sizeof params);
-  params.blendMode = 5;
-  hostContext.paramBlock = &params;
-  GuardPage guard;
-  TestTile t(8, 4, VRect{0, 0, 1, 1});
-  t.view().inData = guard.page;
-  PixelValue opaque = {0.5f, 0.5f, 0.5f, 1.0f};
-  EXPECT_DEATH(finishPixel(0, 0, &opaque, t.cursor, nullptr), "");
-  hostContext.paramBlock = nullptr;
-}
-
-TEST_F(FinishFixture, PartialStageNeitherReadsNorWrites) {
-  params.runStage = 2;
-  GuardPage guard;
-  TestTile t(8, 4, VRect{0, 0, 1, 1});
-  t.useMask(128);
-  t.view().inData = guard.page;
-  finish(t, 0, 0, {0.5f, 0.5f, 0.5f, 0.5f});
-  for (uint8_t b : t.out) EXPECT_EQ(b, 0);
+  params.runStage = 2;  // the partial stage neither reads nor writes
+  TestTile p(8, 4, VRect{0, 0, 1, 1});
+  p.useMask(128);
+  p.view().inData = guard.page;
+  finish(p, 0, 0, {0.5f, 0.5f, 0.5f, 0.5f});
+  for (uint8_t b : p.out) EXPECT_EQ(b, 0);
 }
 
 TEST_F(FinishFixture, DisplayStageShowsACheckerboardBehind) {
@@ -476,7 +367,7 @@ TEST_F(FinishFixture, DisplayStageShowsACheckerboardBehind) {
       finishPixel(x, y, &clear, t.cursor, &preview);
     }
   EXPECT_EQ(planar[0], 255);
-  EXPECT_EQ(planar[8], 204);              // 0.8 where (x ^ y) & 8
+  EXPECT_EQ(planar[8], 204);  // 0.8 where (x ^ y) & 8
   EXPECT_EQ(planar[8 * 16], 204);
   EXPECT_EQ(planar[8 * 16 + 8], 255);
   EXPECT_EQ(planar[256 + 8 * 16 + 15], 255);
@@ -486,8 +377,7 @@ TEST_F(FinishFixture, DisplayStageShowsACheckerboardBehind) {
   // Unselected, the checkerboard shows and not the input.
   t.useMask(0);
   t.in8(9, 0)[0] = 100;
-  PixelValue black2 = {0.0f, 0.0f, 0.0f, 1.0f};
-  finishPixel(9, 0, &black2, t.cursor, &preview);
+  finishPixel(9, 0, &black, t.cursor, &preview);
   EXPECT_EQ(planar[9], 204);
   for (uint8_t b : t.out) EXPECT_EQ(b, 0);
 }
@@ -588,15 +478,12 @@ TEST_F(WriteUnitFixture, EachPixelTakesTheColourOfItsLowerRightCorner) {
   EXPECT_EQ(outPixel(4, 0)[0], 0xEE);  // past the unit's width
 }
 
-TEST_F(WriteUnitFixture, UnselectedPixelsKeepTheInput) {
+TEST_F(WriteUnitFixture, UnselectedPixelsKeepTheInputUnlessTheHostMasksItself) {
   mask[1] = 255;  // only pixel (4, 2) is selected
   writeUnit(&unit);
   EXPECT_EQ(outPixel(0, 0)[0], 9);
   EXPECT_EQ(outPixel(1, 0)[0], 63);
   EXPECT_EQ(outPixel(3, 1)[3], 9);
-}
-
-TEST_F(WriteUnitFixture, SelfMaskingHostGetsAutoMaskAndEveryPixel) {
   record.hostSig = 0x41666650;  // 'AffP'
   record.autoMask = 0;
   writeUnit(&unit);
@@ -605,7 +492,7 @@ TEST_F(WriteUnitFixture, SelfMaskingHostGetsAutoMaskAndEveryPixel) {
   EXPECT_EQ(outPixel(3, 1)[1], 47);
 }
 
-TEST_F(WriteUnitFixture, NoCellArrayWritesZeros) {
+TEST_F(WriteUnitFixture, NoCellsWriteZerosAndMissingHostBuffersAreSafe) {
   std::fill(mask.begin(), mask.end(), uint8_t(255));
   grid.cells = nullptr;
   writeUnit(&unit);
@@ -616,12 +503,8 @@ TEST_F(WriteUnitFixture, NoCellArrayWritesZeros) {
   std::fill(out.begin(), out.end(), uint8_t(0xEE));
   writeUnit(&unit);
   EXPECT_EQ(outPixel(2, 1)[0], 0);
-}
-
-TEST_F(WriteUnitFixture, MissingHostBuffersAreSafe) {
-  record.outData = nullptr;
-  record.inData = nullptr;
-  record.maskData = nullptr;
+  std::fill(out.begin(), out.end(), uint8_t(0xEE));
+  record.outData = record.inData = record.maskData = nullptr;
   writeUnit(&unit);
   for (uint8_t b : out) EXPECT_EQ(b, 0xEE);
 }
