@@ -1,7 +1,8 @@
 // The coverage fields: the opaque map and its thresholds, the seed of the
 // distance field with its margin, the sweeps and the inversion with values
 // worked out by hand, the equivalence of the sweep's loop orders, and the
-// smoothing's windows, through the job pool of the engine itself.
+// smoothing's windows against the line kernels, through the job pool of the
+// engine itself.
 #include <gtest/gtest.h>
 
 #include <math.h>
@@ -84,74 +85,46 @@ struct CoverageFixture : ::testing::Test {
 
 float cell(const PixelStore* field, int32_t x, int32_t y) { return readFloat(x, y, field, 0); }
 
-// ---- opaque map -----------------------------------------------------------------------------------
+// ---- opaque map and seed -------------------------------------------------------------------------
 
-TEST_F(CoverageFixture, OpaqueMapTakesSolidFrom252In8Bits) {
-  makeSource(6, 1, kKindRgba8, 0.0f);
-  const int32_t alphas[6] = {0, 5, 128, 251, 252, 255};
-  for (int32_t x = 0; x < 6; ++x) put(x, 0, float(alphas[x]));
-  PixelStore* opaque = buildOpaqueStore(source);
-  ASSERT_NE(opaque, nullptr);
-  EXPECT_EQ(opaque->kind, kKindGray8);
-  EXPECT_EQ(opaque->levelWidth[0], 6);
-  EXPECT_EQ(opaque->levelHeight[0], 1);
-  const int32_t expected[6] = {0, 0, 0, 0, 255, 255};
-  for (int32_t x = 0; x < 6; ++x) EXPECT_EQ(readU8(x, 0, opaque, 0), expected[x]) << "alpha " << alphas[x];
-  pixelStoreDestroy(&opaque);
-}
-
-TEST_F(CoverageFixture, OpaqueMapTakesSolidFrom32383In16Bits) {
-  makeSource(4, 1, kKindRgba16, 0.0f);
-  const int32_t alphas[4] = {521, 32382, 32383, 32768};
-  for (int32_t x = 0; x < 4; ++x) put(x, 0, float(alphas[x]));
-  PixelStore* opaque = buildOpaqueStore(source);
-  ASSERT_NE(opaque, nullptr);
-  const int32_t expected[4] = {0, 0, 255, 255};
-  for (int32_t x = 0; x < 4; ++x) EXPECT_EQ(readU8(x, 0, opaque, 0), expected[x]) << "alpha " << alphas[x];
-  pixelStoreDestroy(&opaque);
-  // The seed draws the same line: the alpha below it, far from it on.
-  PixelStore* field = pixelStoreCreate(4 + kDistanceGrowth, 1 + kDistanceGrowth, kKindFloat, 0, true);
-  seedDistanceStore(source, field, 0);
-  EXPECT_EQ(cell(field, 9, 9), 521.0f * float(1.0 / 32768.0));
-  EXPECT_EQ(cell(field, 10, 9), 32382.0f * float(1.0 / 32768.0));
-  EXPECT_EQ(cell(field, 11, 9), kFarDistance);
-  EXPECT_EQ(cell(field, 12, 9), kFarDistance);
-  pixelStoreDestroy(&field);
-}
-
-TEST_F(CoverageFixture, OpaqueMapTakesFloatAlphaAsItStands) {
-  // The floats on either side of 252/255, alphas above 1 (solid) and NaN (not).
+TEST_F(CoverageFixture, OpaqueMapAndSeedDrawTheSolidLineAtEveryKind) {
+  // 8 bits: solid from 252; 16 bits: from 32383; floats as they stand, the
+  // floats on either side of 252/255, above 1 (solid) and NaN (not). The seed
+  // holds the alpha below the line, far from it on.
   float above = float(kSolidAlpha);
   if (double(above) < kSolidAlpha) above = nextafterf(above, 2.0f);
   const float below = nextafterf(above, 0.0f);
-  ASSERT_LT(double(below), kSolidAlpha);
-  ASSERT_GE(double(above), kSolidAlpha);
-  makeSource(5, 1, kKindRgbaFloat, 0.0f);
-  const float alphas[5] = {below, above, 0.5f, 3.0f, nanf("")};
-  for (int32_t x = 0; x < 5; ++x) put(x, 0, alphas[x]);
-  PixelStore* opaque = buildOpaqueStore(source);
-  ASSERT_NE(opaque, nullptr);
-  const int32_t expected[5] = {0, 255, 0, 255, 0};
-  for (int32_t x = 0; x < 5; ++x) EXPECT_EQ(readU8(x, 0, opaque, 0), expected[x]) << "pixel " << x;
-  pixelStoreDestroy(&opaque);
-}
-
-// ---- seed ---------------------------------------------------------------------------------------
-
-TEST_F(CoverageFixture, SeedHoldsAlphaBelowSolidAndFarAboveIt) {
-  makeSource(4, 1, kKindRgbaFloat, 1.0f);
-  put(0, 0, 0.0f);
-  put(1, 0, 0.5f);
-  put(2, 0, 0.98f);
-  put(3, 0, 1.0f);
-  PixelStore* field = pixelStoreCreate(4 + kDistanceGrowth, 1 + kDistanceGrowth, kKindFloat, 0, true);
-  ASSERT_NE(field, nullptr);
-  seedDistanceStore(source, field, 0);
-  EXPECT_EQ(cell(field, 9, 9), 0.0f);
-  EXPECT_EQ(cell(field, 10, 9), 0.5f);
-  EXPECT_EQ(cell(field, 11, 9), 0.98f);
-  EXPECT_EQ(cell(field, 12, 9), kFarDistance);
-  pixelStoreDestroy(&field);
+  struct Case {
+    int32_t kind;
+    std::vector<float> alphas;
+    std::vector<int32_t> solid;
+  };
+  const Case cases[] = {
+      {kKindRgba8, {0, 5, 128, 251, 252, 255}, {0, 0, 0, 0, 255, 255}},
+      {kKindRgba16, {521, 32382, 32383, 32768}, {0, 0, 255, 255}},
+      {kKindRgbaFloat, {below, above, 0.5f, 3.0f, nanf("")}, {0, 255, 0, 255, 0}},
+      {kKindRgbaFloat, {0.0f, 0.5f, 0.98f, 1.0f}, {0, 0, 0, 255}},
+  };
+  for (const Case& c : cases) {
+    const int32_t n = int32_t(c.alphas.size());
+    makeSource(n, 1, c.kind, 0.0f);
+    for (int32_t x = 0; x < n; ++x) put(x, 0, c.alphas[size_t(x)]);
+    PixelStore* opaque = buildOpaqueStore(source);
+    ASSERT_NE(opaque, nullptr);
+    EXPECT_EQ(opaque->kind, kKindGray8);
+    PixelStore* field = pixelStoreCreate(n + kDistanceGrowth, 1 + kDistanceGrowth, kKindFloat, 0, true);
+    seedDistanceStore(source, field, 0);
+    const float unit = c.kind == kKindRgba8 ? float(1.0 / 255.0) : c.kind == kKindRgba16 ? float(1.0 / 32768.0) : 1.0f;
+    for (int32_t x = 0; x < n; ++x) {
+      EXPECT_EQ(readU8(x, 0, opaque, 0), c.solid[size_t(x)]) << c.kind << " alpha " << c.alphas[size_t(x)];
+      const float a = c.alphas[size_t(x)];
+      const float seed = c.solid[size_t(x)] != 0 ? kFarDistance : c.kind == kKindRgbaFloat ? a : a * unit;
+      if (a == a) EXPECT_EQ(cell(field, x + 9, 9), seed) << x;
+    }
+    pixelStoreDestroy(&opaque);
+    pixelStoreDestroy(&field);
+    pixelStoreDestroy(&source);
+  }
 }
 
 TEST_F(CoverageFixture, SeedRunsTheImageEdgesThroughTheMargin) {
@@ -160,81 +133,55 @@ TEST_F(CoverageFixture, SeedRunsTheImageEdgesThroughTheMargin) {
   put(0, 0, 0.25f);  // top-left corner, soft
   put(2, 1, 0.75f);  // bottom-right corner, soft
   PixelStore* field = pixelStoreCreate(3 + kDistanceGrowth, 2 + kDistanceGrowth, kKindFloat, 0, true);
-  ASSERT_NE(field, nullptr);
   ASSERT_EQ(field->levelWidth[0], 23);
   ASSERT_EQ(field->levelHeight[0], 22);
   seedDistanceStore(source, field, 0);
-  // The whole top-left block of the margin repeats pixel (0, 0).
-  for (int32_t y = 0; y <= 9; ++y) {
+  // The top-left block of the margin repeats pixel (0, 0); 11 columns and 11
+  // rows past the last pixel still hold it; pixel (1, 0) runs up through the
+  // top margin only.
+  for (int32_t y = 0; y <= 9; ++y)
     for (int32_t x = 0; x <= 9; ++x) EXPECT_EQ(cell(field, x, y), 0.25f) << x << "," << y;
-  }
-  // 11 columns and 11 rows past the last pixel still hold it.
-  for (int32_t y = 10; y < 22; ++y) {
+  for (int32_t y = 10; y < 22; ++y)
     for (int32_t x = 11; x < 23; ++x) EXPECT_EQ(cell(field, x, y), 0.75f) << x << "," << y;
-  }
-  // The pixel (1, 0) runs up through the top margin only.
   for (int32_t y = 0; y <= 9; ++y) EXPECT_EQ(cell(field, 10, y), kFarDistance);
   pixelStoreDestroy(&field);
 }
 
 // ---- one cell ----------------------------------------------------------------------------------
 
-struct SmallField {
-  PixelStore* field;
-  // 3 x 3 cells, all far, with the centre at (1, 1).
-  SmallField() : field(pixelStoreCreate(1, 1, kKindFloat, 0, true)) {
-    for (int32_t y = 0; y < 3; ++y) {
-      for (int32_t x = 0; x < 3; ++x) writeFloat(x, y, field, 0, kFarDistance);
-    }
-  }
-  ~SmallField() { pixelStoreDestroy(&field); }
-  float relaxCentre(float centre, float left, float right, float up, float down) {
-    writeFloat(1, 1, field, 0, centre);
-    writeFloat(0, 1, field, 0, left);
-    writeFloat(2, 1, field, 0, right);
-    writeFloat(1, 0, field, 0, up);
-    writeFloat(1, 2, field, 0, down);
-    relaxDistanceCell(1, 1, field);
-    return readFloat(1, 1, field, 0);
-  }
-};
-
-TEST(RelaxDistanceCell, TakesTheNearerNeighbourOfEachAxis) {
-  SmallField f;
-  // a = min(5, 3) = 3, b = min(7, 9) = 7: one axis alone, 3 + 1.
-  EXPECT_EQ(f.relaxCentre(kFarDistance, 5.0f, 3.0f, 7.0f, 9.0f), 4.0f);
-  // The other axis nearer: b = 2.
-  EXPECT_EQ(f.relaxCentre(kFarDistance, 8.0f, 6.0f, 2.0f, 4.0f), 3.0f);
-}
-
-TEST(RelaxDistanceCell, SwitchesFormulaAtAWholePixel) {
-  SmallField f;
-  // |d| = 1.5 and exactly 1: min + 1.
-  EXPECT_EQ(f.relaxCentre(kFarDistance, 0.0f, kFarDistance, 1.5f, kFarDistance), 1.0f);
-  EXPECT_EQ(f.relaxCentre(kFarDistance, 0.0f, kFarDistance, 1.0f, kFarDistance), 1.0f);
-  // |d| = 0.9: (sqrt(2 - 0.81) + 0.9) / 2 = 0.99544... from both fronts.
-  EXPECT_FLOAT_EQ(f.relaxCentre(kFarDistance, 0.0f, kFarDistance, 0.9f, kFarDistance),
-                  float((sqrt(2.0 - 0.81) + 0.9) * 0.5));
-  // Both axes at 0: sqrt(2) / 2.
-  EXPECT_EQ(f.relaxCentre(kFarDistance, 0.0f, kFarDistance, 0.0f, kFarDistance), float(sqrt(2.0) * 0.5));
-}
-
-TEST(RelaxDistanceCell, CellsBelowOneAreFinal) {
-  SmallField f;
-  EXPECT_EQ(f.relaxCentre(0.999f, -5.0f, -5.0f, -5.0f, -5.0f), 0.999f);
-  EXPECT_EQ(f.relaxCentre(-3.0f, -5.0f, -5.0f, -5.0f, -5.0f), -3.0f);
-  // 1.0 itself is still open.
-  EXPECT_EQ(f.relaxCentre(1.0f, 0.0f, 0.0f, 0.0f, 0.0f), float(sqrt(2.0) * 0.5));
-  // A value is only ever lowered.
-  EXPECT_EQ(f.relaxCentre(2.0f, 5.0f, 5.0f, 5.0f, 5.0f), 2.0f);
-}
-
-TEST(RelaxDistanceCell, ReadsPastTheEdgeAsTheCellItself) {
+TEST(RelaxDistanceCell, WorkedCells) {
+  // 3 x 3 cells, the centre relaxed from its four neighbours.
   PixelStore* field = pixelStoreCreate(1, 1, kKindFloat, 0, true);
-  for (int32_t y = 0; y < 3; ++y) {
-    for (int32_t x = 0; x < 3; ++x) writeFloat(x, y, field, 0, kFarDistance);
+  const float far = kFarDistance, r2 = float(sqrt(2.0) * 0.5);
+  struct Case {
+    float centre, left, right, up, down, result;
+  };
+  const Case cases[] = {
+      {far, 5, 3, 7, 9, 4},    // the nearer of each axis: 3 alone, + 1
+      {far, 8, 6, 2, 4, 3},
+      {far, 0, far, 1.5f, far, 1},  // |a - b| of a whole pixel or more: min + 1
+      {far, 0, far, 1.0f, far, 1},
+      {far, 0, far, 0.9f, far, float((sqrt(2.0 - 0.81) + 0.9) * 0.5)},
+      {far, 0, far, 0, far, r2},
+      {0.999f, -5, -5, -5, -5, 0.999f},  // below one: final
+      {-3, -5, -5, -5, -5, -3},
+      {1.0f, 0, 0, 0, 0, r2},            // 1.0 itself is still open
+      {2, 5, 5, 5, 5, 2},                // only ever lowered
+  };
+  for (const Case& c : cases) {
+    for (int32_t y = 0; y < 3; ++y)
+      for (int32_t x = 0; x < 3; ++x) writeFloat(x, y, field, 0, far);
+    writeFloat(1, 1, field, 0, c.centre);
+    writeFloat(0, 1, field, 0, c.left);
+    writeFloat(2, 1, field, 0, c.right);
+    writeFloat(1, 0, field, 0, c.up);
+    writeFloat(1, 2, field, 0, c.down);
+    relaxDistanceCell(1, 1, field);
+    EXPECT_FLOAT_EQ(readFloat(1, 1, field, 0), c.result) << c.centre << " " << c.left << " " << c.up;
   }
-  // Corner (0, 0): left and up are the corner itself; right = 4, down = 6.
+  // Corner (0, 0): left and up read past the edge as the cell itself; right 4, down 6.
+  for (int32_t y = 0; y < 3; ++y)
+    for (int32_t x = 0; x < 3; ++x) writeFloat(x, y, field, 0, far);
   writeFloat(1, 0, field, 0, 4.0f);
   writeFloat(0, 1, field, 0, 6.0f);
   relaxDistanceCell(0, 0, field);
@@ -257,50 +204,6 @@ void sweepColumnsOutermost(PixelStore* field) {
   for (int32_t x = 0; x < w; ++x)
     for (int32_t y = h - 1; y >= 0; --y) relaxDistanceCell(x, y, field);
 }
-
-TEST(SweepDistance, MatchesTheColumnOuterOrderBitForBit) {
-  // Two tiles across and two down, random seeds of every sort: frozen values,
-  // far cells, open values, a concave wall.
-  for (uint32_t seed : {1u, 7u, 12345u}) {
-    srand(seed);
-    PixelStore* a = pixelStoreCreate(530, 515, kKindFloat, 0, true);
-    PixelStore* b = pixelStoreCreate(530, 515, kKindFloat, 0, true);
-    ASSERT_NE(a, nullptr);
-    ASSERT_NE(b, nullptr);
-    const int32_t w = a->levelWidth[0];
-    const int32_t h = a->levelHeight[0];
-    for (int32_t y = 0; y < h; ++y) {
-      for (int32_t x = 0; x < w; ++x) {
-        const int r = rand() % 1000;
-        float v = kFarDistance;
-        if (r < 3) v = float(rand() % 1000) / 1000.0f;         // soft seeds
-        else if (r < 6) v = -float(rand() % 5000) / 100.0f;    // frozen negatives
-        else if (r < 10) v = 1.0f + float(rand() % 3000) / 7.0f;  // open values
-        if (x == 300 && y > 20 && y < 480) v = 0.0f;            // a long wall
-        if (y == 480 && x > 100 && x <= 300) v = 0.0f;
-        writeFloat(x, y, a, 0, v);
-        writeFloat(x, y, b, 0, v);
-      }
-    }
-    sweepDistance(a);
-    sweepColumnsOutermost(b);
-    int32_t differing = 0;
-    for (int32_t y = 0; y < h; ++y) {
-      for (int32_t x = 0; x < w; ++x) {
-        if (floatBits(readFloat(x, y, a, 0)) != floatBits(readFloat(x, y, b, 0))) ++differing;
-      }
-    }
-    EXPECT_EQ(differing, 0) << "seed " << seed;
-    pixelStoreDestroy(&a);
-    pixelStoreDestroy(&b);
-  }
-}
-
-// ---- the fields against plain ones ---------------------------------------------------------------
-//
-// The map, the seed and the inversion read and write the tiles' rows; here
-// they are written the plain way, one accessor call per pixel, and both must
-// give the same bits, margins and spare memory included.
 
 uint32_t nextRandom(uint32_t* state) {
   *state = *state * 1664525u + 1013904223u;
@@ -352,62 +255,6 @@ bool sameTiles(const PixelStore* a, const PixelStore* b) {
     if (memcmp(a->tiles[i].pixels, b->tiles[i].pixels, bytes) != 0) return false;
   }
   return true;
-}
-
-TEST_F(CoverageFixture, MapSeedAndInversionMatchPlainAccessorLoops) {
-  struct Size {
-    int32_t w, h;
-  };
-  const Size sizes[] = {{1, 1}, {3, 7}, {40, 30}, {530, 20}, {17, 600}};
-  uint32_t seed = 5;
-  for (int32_t kind : {kKindRgba8, kKindRgba16, kKindRgbaFloat}) {
-    for (const Size& size : sizes) {
-      source = pixelStoreCreate(size.w, size.h, kind, 0, false);
-      ASSERT_NE(source, nullptr);
-      paintAlphas(source, ++seed);
-
-      PixelStore* map = buildOpaqueStore(source);
-      PixelStore* plainMap = pixelStoreCreate(size.w, size.h, kKindGray8, 0, false);
-      for (int32_t y = 0; y < size.h; ++y) {
-        for (int32_t x = 0; x < size.w; ++x) {
-          float p[4];
-          readUnitPixel(x, y, source, 0, p);
-          writeUnitScalar(x, y, plainMap, 0, double(p[3]) >= kSolidAlpha ? 1.0f : 0.0f);
-        }
-      }
-      EXPECT_TRUE(sameTiles(map, plainMap)) << "map, kind " << kind << ", " << size.w << " x " << size.h;
-
-      PixelStore* field = pixelStoreCreate(size.w + kDistanceGrowth, size.h + kDistanceGrowth, kKindFloat, 0, true);
-      PixelStore* plainField =
-          pixelStoreCreate(size.w + kDistanceGrowth, size.h + kDistanceGrowth, kKindFloat, 0, true);
-      seedDistanceStore(source, field, 0);
-      for (int32_t y = 0; y < plainField->levelHeight[0]; ++y) {
-        for (int32_t x = 0; x < plainField->levelWidth[0]; ++x) {
-          float p[4];
-          const int32_t sx = x - 9 < 0 ? 0 : (x - 9 > size.w - 1 ? size.w - 1 : x - 9);
-          const int32_t sy = y - 9 < 0 ? 0 : (y - 9 > size.h - 1 ? size.h - 1 : y - 9);
-          readUnitPixel(sx, sy, source, 0, p);
-          writeFloat(x, y, plainField, 0, kSolidAlpha > double(p[3]) ? p[3] : kFarDistance);
-        }
-      }
-      EXPECT_TRUE(sameTiles(field, plainField)) << "seed, kind " << kind << ", " << size.w << " x " << size.h;
-
-      invertDistanceStore(field);
-      for (int32_t y = 0; y < plainField->levelHeight[0]; ++y) {
-        for (int32_t x = 0; x < plainField->levelWidth[0]; ++x) {
-          const float v = readFloat(x, y, plainField, 0);
-          writeFloat(x, y, plainField, 0, v == 0.0f ? kFarDistance : -v);
-        }
-      }
-      EXPECT_TRUE(sameTiles(field, plainField)) << "inversion, kind " << kind << ", " << size.w << " x " << size.h;
-
-      pixelStoreDestroy(&map);
-      pixelStoreDestroy(&plainMap);
-      pixelStoreDestroy(&field);
-      pixelStoreDestroy(&plainField);
-      pixelStoreDestroy(&source);
-    }
-  }
 }
 
 TEST(SweepDistance, MatchesTheColumnOuterOrderOnRealFields) {
@@ -527,7 +374,7 @@ TEST_F(CoverageFixture, SoftPixelStaysNegativeAndItsNeighboursStartAtHalf) {
   pixelStoreDestroy(&field);
 }
 
-TEST_F(CoverageFixture, InversionFlipsSignsAndOpensBareCells) {
+TEST(Inversion, FlipsSignsAndOpensBareCells) {
   // A float alpha below 0 seeds a negative cell: only 0.0 itself is bare.
   PixelStore* field = pixelStoreCreate(3, 1, kKindFloat, 0, true);  // 5 x 3 cells
   const float before[5] = {0.0f, 0.3f, 2.5f, kFarDistance, -0.25f};
@@ -698,67 +545,37 @@ TEST_F(CoverageFixture, SmoothingSpreadsASpikeIntoABellHalfACellBack) {
 
 // ---- the whole preparation ----------------------------------------------------------------------
 
-TEST_F(CoverageFixture, LayerWithoutHolesIsDeepEverywhere) {
-  makeSource(40, 30, kKindRgba8, 255.0f);
-  buildFillFields(source);
-  ASSERT_NE(params.opaqueStore, nullptr);
-  ASSERT_NE(params.distanceStore, nullptr);
-  EXPECT_EQ(params.spareStore, nullptr);
-  for (int32_t y = 0; y < 30; ++y) {
-    for (int32_t x = 0; x < 40; ++x) ASSERT_EQ(readU8(x, y, params.opaqueStore, 0), 255);
-  }
-  const PixelStore* field = params.distanceStore;
-  EXPECT_EQ(field->levelWidth[0], 60);
-  EXPECT_EQ(field->levelHeight[0], 50);
-  for (int32_t y = 0; y < 50; ++y) {
-    for (int32_t x = 0; x < 60; ++x) ASSERT_FLOAT_EQ(cell(field, x, y), -kFarDistance) << x << "," << y;
-  }
-  EXPECT_EQ(result, 0);
-}
-
-TEST_F(CoverageFixture, BareLayerIsFarEverywhere) {
-  makeSource(33, 17, kKindRgba16, 0.0f);
-  buildFillFields(source);
-  for (int32_t y = 0; y < 17; ++y) {
-    for (int32_t x = 0; x < 33; ++x) ASSERT_EQ(readU8(x, y, params.opaqueStore, 0), 0);
-  }
-  const PixelStore* field = params.distanceStore;
-  for (int32_t y = 0; y < 37; ++y) {
-    for (int32_t x = 0; x < 53; ++x) ASSERT_FLOAT_EQ(cell(field, x, y), kFarDistance) << x << "," << y;
-  }
-}
-
-TEST_F(CoverageFixture, OnePixelLayerMakesAField21Wide) {
-  // The field is 21 x 21 cells, and every cell repeats the one pixel.
-  makeSource(1, 1, kKindRgba8, 255.0f);
-  buildFillFields(source);
-  const PixelStore* field = params.distanceStore;
-  ASSERT_EQ(field->levelWidth[0], 21);
-  ASSERT_EQ(field->levelHeight[0], 21);
-  ASSERT_EQ(params.opaqueStore->levelWidth[0], 1);
-  EXPECT_EQ(readU8(0, 0, params.opaqueStore, 0), 255);
-  for (int32_t y = 0; y < 21; ++y) {
-    for (int32_t x = 0; x < 21; ++x) ASSERT_FLOAT_EQ(cell(field, x, y), -kFarDistance);
-  }
-}
-
-TEST_F(CoverageFixture, OneSoftPixelLayerHoldsMinusItsAlpha) {
-  // A soft pixel is a seed in every cell: nothing is open in either round, and
-  // the smoothing of a constant gives it back.
-  makeSource(1, 1, kKindRgba8, 128.0f);
-  buildFillFields(source);
-  const float alpha = 128.0f * float(1.0 / 255.0);
-  EXPECT_EQ(readU8(0, 0, params.opaqueStore, 0), 0);
-  for (int32_t y = 0; y < 21; ++y) {
-    for (int32_t x = 0; x < 21; ++x) ASSERT_FLOAT_EQ(cell(params.distanceStore, x, y), -alpha);
-  }
-}
-
-TEST_F(CoverageFixture, OneBarePixelLayerIsFar) {
-  makeSource(1, 1, kKindRgbaFloat, 0.0f);
-  buildFillFields(source);
-  for (int32_t y = 0; y < 21; ++y) {
-    for (int32_t x = 0; x < 21; ++x) ASSERT_FLOAT_EQ(cell(params.distanceStore, x, y), kFarDistance);
+TEST_F(CoverageFixture, UniformLayersGiveUniformFields) {
+  // Without holes: deep everywhere; bare: far; one pixel: a field of 21 x 21
+  // cells that all repeat it; one soft pixel is a seed in every cell and the
+  // smoothing of a constant gives it back.
+  struct Case {
+    int32_t w, h, kind;
+    float alpha;
+    int32_t solid;
+    float cell;
+  };
+  const Case cases[] = {
+      {40, 30, kKindRgba8, 255.0f, 255, -kFarDistance}, {33, 17, kKindRgba16, 0.0f, 0, kFarDistance},
+      {1, 1, kKindRgba8, 255.0f, 255, -kFarDistance},   {1, 1, kKindRgba8, 128.0f, 0, -128.0f * float(1.0 / 255.0)},
+      {1, 1, kKindRgbaFloat, 0.0f, 0, kFarDistance},
+  };
+  for (const Case& c : cases) {
+    makeSource(c.w, c.h, c.kind, c.alpha);
+    buildFillFields(source);
+    ASSERT_NE(params.opaqueStore, nullptr);
+    EXPECT_EQ(params.spareStore, nullptr);
+    for (int32_t y = 0; y < c.h; ++y)
+      for (int32_t x = 0; x < c.w; ++x) ASSERT_EQ(readU8(x, y, params.opaqueStore, 0), c.solid);
+    const PixelStore* field = params.distanceStore;
+    EXPECT_EQ(field->levelWidth[0], c.w + 20);
+    EXPECT_EQ(field->levelHeight[0], c.h + 20);
+    for (int32_t y = 0; y < c.h + 20; ++y)
+      for (int32_t x = 0; x < c.w + 20; ++x) ASSERT_FLOAT_EQ(cell(field, x, y), c.cell) << x << "," << y;
+    EXPECT_EQ(result, 0);
+    pixelStoreDestroy(&params.opaqueStore);
+    pixelStoreDestroy(&params.distanceStore);
+    pixelStoreDestroy(&source);
   }
 }
 

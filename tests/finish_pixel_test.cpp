@@ -120,8 +120,11 @@ TEST(MixAlphaAware, WeighsColourByAlphaAndAlphaByT) {
     EXPECT_FLOAT_EQ(out.r, c.out.r) << c.t;
     EXPECT_EQ(out.g, c.out.g) << c.t;
     EXPECT_FLOAT_EQ(out.b, c.out.b) << c.t;
-    if (c.t == 0.01f) EXPECT_EQ(out.r, c.out.r);  // exact bits
-    else EXPECT_EQ(out.a, c.out.a) << c.t;
+    if (c.t == 0.01f) {
+      EXPECT_EQ(out.r, c.out.r);  // exact bits
+    } else {
+      EXPECT_EQ(out.a, c.out.a) << c.t;
+    }
   }
   // The result may land on an operand.
   PixelValue into = cases[3].a;
