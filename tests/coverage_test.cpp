@@ -119,7 +119,9 @@ TEST_F(CoverageFixture, OpaqueMapAndSeedDrawTheSolidLineAtEveryKind) {
       EXPECT_EQ(readU8(x, 0, opaque, 0), c.solid[size_t(x)]) << c.kind << " alpha " << c.alphas[size_t(x)];
       const float a = c.alphas[size_t(x)];
       const float seed = c.solid[size_t(x)] != 0 ? kFarDistance : c.kind == kKindRgbaFloat ? a : a * unit;
-      if (a == a) EXPECT_EQ(cell(field, x + 9, 9), seed) << x;
+      if (a == a) {
+        EXPECT_EQ(cell(field, x + 9, 9), seed) << x;
+      }
     }
     pixelStoreDestroy(&opaque);
     pixelStoreDestroy(&field);
