@@ -263,40 +263,6 @@ TEST_P(WindowsModule, TerminologyMatchesLayoutByteForByte) {
   EXPECT_TRUE(event.parameters.empty()) << "the filter has no settings to script";
 }
 
-TEST_P(WindowsModule, PropertyListAgreesWithTerminology) {
-  std::vector<uint8_t> pipl = resource(peResourceName("PIPL"), peResourceNumber(kTerminologyId), kEnglishUS);
-  std::vector<uint8_t> aete = resource(peResourceName("AETE"), peResourceNumber(kTerminologyId), kEnglishUS);
-  PiplList list;
-  AeteTerminology terminology;
-  std::string error;
-  ASSERT_TRUE(parsePipl(pipl, &list, &error)) << error;
-  ASSERT_TRUE(parseAete(aete, &terminology, &error)) << error;
-  ASSERT_EQ(list.properties.size(), 11u);
-  ASSERT_EQ(terminology.suites.size(), 1u);
-  ASSERT_EQ(terminology.suites[0].events.size(), 1u);
-
-  std::string name = piplPascalString(list.properties[1].data);
-  std::string category = piplPascalString(list.properties[2].data);
-  EXPECT_EQ(name, "Mendaris K");
-  EXPECT_EQ(category, "Tawny Quince");
-  PiplTerminology hstm;
-  ASSERT_TRUE(parsePiplTerminology(list.properties[6].data, &hstm));
-  EXPECT_EQ(hstm.version, 0);
-  EXPECT_EQ(hstm.scope, category + " " + name);
-  // The terminology property points at the AETE resource by its id.
-  EXPECT_EQ(hstm.terminologyId, int16_t(kTerminologyId));
-
-  const AeteSuite& suite = terminology.suites[0];
-  const AeteEvent& event = suite.events[0];
-  EXPECT_EQ(suite.name, category);
-  EXPECT_EQ(suite.description, name);
-  EXPECT_EQ(event.name, name);
-  EXPECT_EQ(hstm.classCode, suite.code);
-  EXPECT_EQ(hstm.classCode, event.eventClass);
-  EXPECT_EQ(hstm.eventCode, event.eventCode);
-  EXPECT_EQ(hstm.eventCode, "tqmK");
-}
-
 // ---- dialogs -----------------------------------------------------------------------------------
 
 const uint32_t kWsPopup = 0x80000000u, kWsChild = 0x40000000u, kWsVisible = 0x10000000u;
@@ -482,69 +448,50 @@ INSTANTIATE_TEST_SUITE_P(Builds, WindowsModule, ::testing::ValuesIn(kModules),
 
 // ---- the dialogs' arithmetic ------------------------------------------------------------------
 
-TEST(DialogBitmapChoice, NearerWidthWins) {
-  // 109 / 120 = 0.91 -> 1.10 against 218 / 120 = 1.82: the normal image.
-  EXPECT_EQ(chooseDialogBitmap(109, 120, 270, 271), 270);
-  // 109 / 220 = 0.50 -> 2.02 against 218 / 220 = 0.99 -> 1.01: the double one.
-  EXPECT_EQ(chooseDialogBitmap(109, 220, 270, 271), 271);
-  // Narrower than the normal image: shrinking it less wins.
-  EXPECT_EQ(chooseDialogBitmap(109, 50, 270, 271), 270);
-  // Far wider than both: the double image, which stretches less.
-  EXPECT_EQ(chooseDialogBitmap(109, 1000, 270, 271), 271);
+TEST(DialogBitmapChoice, NearerWidthWinsTiesGoToTheSecond) {
+  struct Case {
+    int32_t bitmapWidth, controlWidth, second, chosen;
+  };
+  const Case cases[] = {
+      {109, 120, 271, 270},   // 0.91 -> 1.10 against 1.82: the normal image
+      {109, 220, 271, 271},   // 0.50 -> 2.02 against 0.99 -> 1.01: the double one
+      {109, 50, 271, 270},    // narrower: shrinking less wins
+      {109, 1000, 271, 271},  // far wider: the double one stretches less
+      // 8119 / 5741 and 11482 / 8119 differ only past single precision: a tie
+      // as floats, which goes to the second (in double the first would win).
+      {5741, 8119, 271, 271}, {2378, 3363, 271, 271},
+      // No usable second bitmap; 1 is a valid id.
+      {109, 220, 0, 270},     {109, 220, -5, 270},   {109, 220, 270, 270}, {109, 220, 1, 1},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(chooseDialogBitmap(c.bitmapWidth, c.controlWidth, 270, c.second), c.chosen) << c.controlWidth;
 }
 
-TEST(DialogBitmapChoice, TieGoesToSecondInSinglePrecision) {
-  // 8119 / 5741 and 11482 / 8119 differ only past single precision: as floats
-  // both are 1.41421354, a tie, which goes to the second bitmap. In double
-  // the second ratio is the larger and the first bitmap would win.
-  EXPECT_EQ(chooseDialogBitmap(5741, 8119, 270, 271), 271);
-  EXPECT_EQ(chooseDialogBitmap(2378, 3363, 270, 271), 271);
-}
-
-TEST(DialogBitmapChoice, NoUsableSecondBitmap) {
-  EXPECT_EQ(chooseDialogBitmap(109, 220, 270, 0), 270);
-  EXPECT_EQ(chooseDialogBitmap(109, 220, 270, -5), 270);
-  EXPECT_EQ(chooseDialogBitmap(109, 220, 270, 270), 270);
-  EXPECT_EQ(chooseDialogBitmap(109, 220, 270, 1), 1) << "1 is a valid id";
-}
-
-TEST(DialogPlacement, LargerThanTheScreenLandsAtOrigin) {
-  DialogPosition p = placeDialog(0, 0, 1024, 768, 1300, 900, 1024, 768, 18, true);
-  EXPECT_EQ(p.x, 0);
-  EXPECT_EQ(p.y, 0);
-  // Only a little wider than the screen: the button shift alone keeps it on.
-  p = placeDialog(0, 0, 1024, 768, 1030, 200, 1024, 768, 18, true);
-  EXPECT_EQ(p.x, -18);
-  EXPECT_EQ(p.y, 189);
-}
-
-TEST(DialogPlacement, CentredAcrossAndAThirdDown) {
-  // Parent client area 800 x 600 at (100, 50); dialog 200 x 150.
-  DialogPosition p = placeDialog(100, 50, 900, 650, 200, 150, 1920, 1080, 18, true);
-  EXPECT_EQ(p.x, 600 / 2 - 18 + 100);
-  EXPECT_EQ(p.y, 450 / 3 + 50);
-  // Odd spare room truncates.
-  p = placeDialog(0, 0, 801, 602, 200, 150, 1920, 1080, 18, true);
-  EXPECT_EQ(p.x, 300 - 18);
-  EXPECT_EQ(p.y, 150);
-}
-
-TEST(DialogPlacement, TwoThirdsOfTheButtonWithoutSystemMenu) {
-  EXPECT_EQ(placeDialog(100, 50, 900, 650, 200, 150, 1920, 1080, 18, false).x, 300 - 12 + 100);
-  // m + m / -3 truncates toward zero: 20 - 6 = 14, not 13.
-  EXPECT_EQ(placeDialog(100, 50, 900, 650, 200, 150, 1920, 1080, 20, false).x, 300 - 14 + 100);
-  EXPECT_EQ(placeDialog(100, 50, 900, 650, 200, 150, 1920, 1080, 19, false).x, 300 - 13 + 100);
-}
-
-TEST(DialogPlacement, KeptOnTheScreen) {
-  // A parent reaching past the screen's right and bottom edges.
-  DialogPosition p = placeDialog(1500, 700, 2500, 1500, 400, 300, 1920, 1080, 18, true);
-  EXPECT_EQ(p.x, 1920 - 400);
-  EXPECT_EQ(p.y, 1080 - 300);
-  // Exactly touching the edge is allowed.
-  p = placeDialog(1520, 0, 1920, 300, 400, 300, 1920, 1080, 0, true);
-  EXPECT_EQ(p.x, 1520);
-  EXPECT_EQ(p.y, 0);
+TEST(DialogPlacement, CentredAcrossAThirdDownAndKeptOnTheScreen) {
+  struct Case {
+    int32_t left, top, right, bottom, width, height, screenW, screenH, button;
+    bool systemMenu;
+    int32_t x, y;
+  };
+  const Case cases[] = {
+      {0, 0, 1024, 768, 1300, 900, 1024, 768, 18, true, 0, 0},    // larger than the screen: the origin
+      {0, 0, 1024, 768, 1030, 200, 1024, 768, 18, true, -18, 189},  // the button shift alone keeps it on
+      {100, 50, 900, 650, 200, 150, 1920, 1080, 18, true, 600 / 2 - 18 + 100, 450 / 3 + 50},
+      {0, 0, 801, 602, 200, 150, 1920, 1080, 18, true, 300 - 18, 150},  // odd spare room truncates
+      // Two thirds of the button without a system menu; m + m / -3 truncates
+      // toward zero: 20 - 6 = 14, not 13.
+      {100, 50, 900, 650, 200, 150, 1920, 1080, 18, false, 300 - 12 + 100, 200},
+      {100, 50, 900, 650, 200, 150, 1920, 1080, 20, false, 300 - 14 + 100, 200},
+      {100, 50, 900, 650, 200, 150, 1920, 1080, 19, false, 300 - 13 + 100, 200},
+      {1500, 700, 2500, 1500, 400, 300, 1920, 1080, 18, true, 1920 - 400, 1080 - 300},  // past the edges
+      {1520, 0, 1920, 300, 400, 300, 1920, 1080, 0, true, 1520, 0},  // touching the edge is allowed
+  };
+  for (const Case& c : cases) {
+    DialogPosition p = placeDialog(c.left, c.top, c.right, c.bottom, c.width, c.height, c.screenW, c.screenH, c.button,
+                                   c.systemMenu);
+    EXPECT_EQ(p.x, c.x) << c.left << "," << c.top << " " << c.width << " " << c.button;
+    EXPECT_EQ(p.y, c.y) << c.left << "," << c.top << " " << c.width << " " << c.button;
+  }
 }
 
 }  // namespace
