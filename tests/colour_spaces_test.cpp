@@ -77,48 +77,31 @@ TEST(RgbToHsl, BlackAndGraysHaveNoHueOrSaturation) {
 
 TEST(HslToRgb, HandWorkedColours) {
   // M = (sat + 1) l or sat + l - sat l; m = 2l - M; the sector n = trunc(6h).
-  Rgb c = hsl(0.25f, 0.5f, 0.25f);  // M 0.375, m 0.125, sector 1 at half way
-  EXPECT_FLOAT_EQ(c.r, 0.25f);
-  EXPECT_FLOAT_EQ(c.g, 0.375f);
-  EXPECT_FLOAT_EQ(c.b, 0.125f);
-  c = hsl(0.0f, 0.5f, 0.75f);  // M 0.875, m 0.625
-  EXPECT_FLOAT_EQ(c.r, 0.875f);
-  EXPECT_FLOAT_EQ(c.g, 0.625f);
-  EXPECT_FLOAT_EQ(c.b, 0.625f);
-  c = hsl(0.5f, 1.0f, 0.5f);  // sector 3 at its start: cyan
-  EXPECT_EQ(c.r, 0.0f);
-  EXPECT_EQ(c.g, 1.0f);
-  EXPECT_EQ(c.b, 1.0f);
-  c = hsl(0.75f, 1.0f, 0.5f);  // sector 4 half way: rising 0.5
-  EXPECT_EQ(c.r, 0.5f);
-  EXPECT_EQ(c.g, 0.0f);
-  EXPECT_EQ(c.b, 1.0f);
-  c = hsl(0.9166667f, 1.0f, 0.5f);  // sector 5 half way: falling 0.5
-  EXPECT_EQ(c.r, 1.0f);
-  EXPECT_EQ(c.g, 0.0f);
-  EXPECT_NEAR(c.b, 0.5f, 1e-6f);
-}
-
-TEST(HslToRgb, HueOneTakesTheSectorOfZero) {
-  Rgb one = hsl(1.0f, 1.0f, 0.5f);
-  Rgb zero = hsl(0.0f, 1.0f, 0.5f);
-  EXPECT_EQ(one.r, 1.0f);
-  EXPECT_EQ(one.g, 0.0f);
-  EXPECT_EQ(one.b, 0.0f);
-  EXPECT_EQ(memcmp(&one, &zero, sizeof one), 0);
-  Rgb pale = hsl(1.0f, 0.5f, 0.75f);
-  EXPECT_FLOAT_EQ(pale.r, 0.875f);
-  EXPECT_FLOAT_EQ(pale.g, 0.625f);
-  EXPECT_FLOAT_EQ(pale.b, 0.625f);
-}
-
-TEST(HslToRgb, NoLightGivesBlack) {
-  for (float sat : {0.0f, 0.5f, 1.0f}) {
-    Rgb c = hsl(0.3f, sat, 0.0f);
-    EXPECT_EQ(c.r, 0.0f);
-    EXPECT_EQ(c.g, 0.0f);
-    EXPECT_EQ(c.b, 0.0f);
+  // Hue 1 takes the sector of 0; no light gives black.
+  struct Row {
+    float h, sat, l;
+    Rgb out;
+  };
+  const Row rows[] = {
+      {0.25f, 0.5f, 0.25f, {0.25f, 0.375f, 0.125f}},  // M 0.375, m 0.125, sector 1 half way
+      {0.0f, 0.5f, 0.75f, {0.875f, 0.625f, 0.625f}},  // M 0.875, m 0.625
+      {1.0f, 0.5f, 0.75f, {0.875f, 0.625f, 0.625f}},
+      {0.5f, 1.0f, 0.5f, {0.0f, 1.0f, 1.0f}},         // sector 3 at its start: cyan
+      {0.75f, 1.0f, 0.5f, {0.5f, 0.0f, 1.0f}},        // sector 4 half way: rising 0.5
+      {0.9166667f, 1.0f, 0.5f, {1.0f, 0.0f, 0.5f}},   // sector 5 half way: falling 0.5
+      {0.0f, 1.0f, 0.5f, {1.0f, 0.0f, 0.0f}},         {1.0f, 1.0f, 0.5f, {1.0f, 0.0f, 0.0f}},
+      {0.3f, 0.0f, 0.0f, {0, 0, 0}},                  {0.3f, 0.5f, 0.0f, {0, 0, 0}},
+      {0.3f, 1.0f, 0.0f, {0, 0, 0}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(::testing::Message() << row.h << ", " << row.sat << ", " << row.l);
+    Rgb c = hsl(row.h, row.sat, row.l);
+    EXPECT_NEAR(c.r, row.out.r, 1e-6f);
+    EXPECT_NEAR(c.g, row.out.g, 1e-6f);
+    EXPECT_NEAR(c.b, row.out.b, 1e-6f);
   }
+  Rgb one = hsl(1.0f, 1.0f, 0.5f), zero = hsl(0.0f, 1.0f, 0.5f);
+  EXPECT_EQ(memcmp(&one, &zero, sizeof one), 0);
 }
 
 TEST(HslToRgb, RoundTripsEveryColourOfACoarseCube) {
