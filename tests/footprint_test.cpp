@@ -196,7 +196,9 @@ TEST(ProbeCount, FollowsTheRatio) {
   for (const Case& c : cases) {
     float m = 0.0f;
     EXPECT_EQ(probeCount(c.ratio, c.maxProbes, &m), c.count) << c.ratio;
-    if (c.weight >= 0.0f) EXPECT_EQ(m, c.weight) << c.ratio;
+    if (c.weight >= 0.0f) {
+      EXPECT_EQ(m, c.weight) << c.ratio;
+    }
   }
 }
 
@@ -209,9 +211,13 @@ TEST(MajorAxis, CosinesApproximateAUnitDirection) {
     majorAxisCosines(t, &p, &q);
     EXPECT_NEAR(double(p) * p + double(q) * q, 1.0, 0.01) << t;
     EXPECT_GT(p, 0.0f);
-    if (t != 0.0f) EXPECT_EQ(q > 0.0f, t > 0.0f) << t;
+    if (t != 0.0f) {
+      EXPECT_EQ(q > 0.0f, t > 0.0f) << t;
+    }
     // For small t the angle is about half of atan(t).
-    if (fabsf(t) <= 0.25f) EXPECT_NEAR(atan2(q, p), atan(double(t)) * 0.5, 2e-3) << t;
+    if (fabsf(t) <= 0.25f) {
+      EXPECT_NEAR(atan2(q, p), atan(double(t)) * 0.5, 2e-3) << t;
+    }
   }
   // The pair of t = 1: P = 1 - 0.12404906 + 0.018476253, Q = (126.91107 - 12.871603) / 255.
   majorAxisCosines(1.0f, &p, &q);
@@ -358,7 +364,9 @@ TEST(FoldUnitCoords, ModesAndTheirRanges) {
     EXPECT_EQ(foldUnitCoords(&u, &v, &level, c.mode, s.store, &outU, &outV), c.result) << c.mode << " " << c.u;
     EXPECT_EQ(outU, c.outU) << c.mode << " " << c.u;
     EXPECT_EQ(outV, c.outV) << c.mode << " " << c.v;
-    if (c.mode == 3) EXPECT_TRUE(u == c.outU && v == c.outV);
+    if (c.mode == 3) {
+      EXPECT_TRUE(u == c.outU && v == c.outV);
+    }
     EXPECT_EQ(level, 1.5f);
   }
 }
