@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <utility>
 #include <vector>
 
 #include "grid/opaque_walk.h"
@@ -147,44 +148,29 @@ void expectColour(const float* c, float r, float g, float b, float a) {
 
 // ---- the grid's shape ------------------------------------------------------------------------------
 
-TEST(SampleGrid, OnePixelRectangleHasThreeByThreeCells) {
-  RenderWorld world(8, 8);
-  TestUnit t(VRect{4, 2, 5, 3});
-  EXPECT_EQ(gridsPerUnit(), 1);
-  EXPECT_EQ(t.unit->cursor.gridCols, 3);
-  EXPECT_EQ(t.unit->cursor.gridRows, 3);
-  EXPECT_EQ(t.grid->slotIndex, 0);
-  EXPECT_EQ(t.grid->slotTag, 1000);
-  EXPECT_EQ(t.grid->workUnit, t.unit);
-  ASSERT_NE(t.grid->cells, nullptr);
-  // Points from (left - 1, top - 1) to (right, bottom), row-major from the first.
-  for (int32_t y = 3; y <= 5; ++y)
-    for (int32_t x = 1; x <= 3; ++x) EXPECT_EQ(t.cell(x, y), t.grid->cells + (y - 3) * 3 + (x - 1));
-  // The array is zero-filled.
-  for (int32_t i = 0; i < 9; ++i) EXPECT_EQ(t.grid->cells[i].keyA, 0);
-}
-
-TEST(SampleGrid, CellAtIsNullOutsideTheArray) {
+TEST(SampleGrid, CellsRunFromTheCornerBeforeTheRectangleAndNullPastThem) {
   RenderWorld world(16, 16);
+  TestUnit one(VRect{4, 2, 5, 3});
+  EXPECT_EQ(gridsPerUnit(), 1);
+  EXPECT_EQ(one.unit->cursor.gridCols, 3);
+  EXPECT_EQ(one.unit->cursor.gridRows, 3);
+  EXPECT_EQ(one.grid->slotIndex, 0);
+  EXPECT_EQ(one.grid->slotTag, 1000);
+  EXPECT_EQ(one.grid->workUnit, one.unit);
+  // Points from (left - 1, top - 1) to (right, bottom), row-major, zero-filled.
+  for (int32_t y = 3; y <= 5; ++y)
+    for (int32_t x = 1; x <= 3; ++x) EXPECT_EQ(one.cell(x, y), one.grid->cells + (y - 3) * 3 + (x - 1));
+  for (int32_t i = 0; i < 9; ++i) EXPECT_EQ(one.grid->cells[i].keyA, 0);
   TestUnit t(VRect{4, 2, 9, 7});  // 5 wide, 5 high: 7 by 7 cells
   EXPECT_EQ(t.unit->cursor.gridCols, 7);
-  EXPECT_EQ(t.unit->cursor.gridRows, 7);
   EXPECT_NE(t.cell(1, 3), nullptr);
   EXPECT_NE(t.cell(7, 9), nullptr);
-  EXPECT_EQ(t.cell(8, 5), nullptr);  // right + 1
-  EXPECT_EQ(t.cell(0, 5), nullptr);  // left - 2
-  EXPECT_EQ(t.cell(4, 10), nullptr);  // bottom + 1
-  EXPECT_EQ(t.cell(4, 2), nullptr);  // top - 2
-  EXPECT_EQ(t.cell(INT32_MIN, 5), nullptr);
-}
-
-TEST(SampleGrid, ReleaseFreesAndNullsTheCells) {
-  RenderWorld world(8, 8);
-  TestUnit t(VRect{0, 0, 2, 2});
-  ASSERT_NE(t.grid->cells, nullptr);
+  for (const auto& p : {std::make_pair(8, 5), std::make_pair(0, 5), std::make_pair(4, 10), std::make_pair(4, 2),
+                        std::make_pair(INT32_MIN, 5)})
+    EXPECT_EQ(t.cell(p.first, p.second), nullptr) << p.first << "," << p.second;
   gridRelease(t.grid, 1);
   EXPECT_EQ(t.grid->cells, nullptr);
-  EXPECT_EQ(t.cell(0, 0), nullptr);
+  EXPECT_EQ(t.cell(4, 4), nullptr);
   gridRelease(t.grid, 1);  // harmless twice
 }
 
@@ -359,7 +345,7 @@ TEST(RenderUnit, BareLayerWithFlatFieldGivesBlackOpaque) {
     for (int32_t x = 0; x < 9; ++x) expectColour(t.cell(x, y)->colour, 0.0f, 0.0f, 0.0f, 1.0f);
 }
 
-TEST(RenderUnit, MissingCellArrayEndsTheUnitUntouched) {
+TEST(RenderUnit, MissingCellOrGridArrayEndsTheUnitUntouched) {
   RenderWorld world(8, 8);
   world.allSolid();
   TestUnit t(VRect{0, 0, 8, 8}, false);
@@ -367,15 +353,10 @@ TEST(RenderUnit, MissingCellArrayEndsTheUnitUntouched) {
   renderUnit(t.unit);
   EXPECT_EQ(t.grid->cells, nullptr);
   EXPECT_EQ(t.cell(3, 3), nullptr);
-}
-
-TEST(RenderUnit, NoGridsArrayDoesNothing) {
-  RenderWorld world(8, 8);
-  world.instance->workerCount = 1;
-  TestUnit t(VRect{0, 0, 8, 8}, false);
+  world.instance->workerCount = 7;
   t.unit->grids = nullptr;
   renderUnit(t.unit);
-  EXPECT_EQ(world.instance->workerCount, 1);
+  EXPECT_EQ(world.instance->workerCount, 7);
 }
 
 TEST(RenderUnit, WritesTheWorkerCount) {
@@ -455,25 +436,25 @@ TEST(PixelSampling, SampleRecordAfterOnePixel) {
   for (int c = 0; c < 4; ++c) EXPECT_EQ(sample.resultColour[c], t.cell(2, 5)->colour[c]);
 }
 
-TEST(PixelSampling, AveragesSkipMissingCornersAndUseDouble) {
-  EXPECT_EQ(averageV(-1.0f, 0.25f, 0), 0.25f);
-  EXPECT_EQ(averageV(0.25f, -1.0f, 0), 0.25f);
-  EXPECT_EQ(averageU(-1.0f, 0.75f, 0), 0.75f);
-  EXPECT_EQ(averageU(-1.0f, -1.0f, 0), -1.0f);
-  EXPECT_EQ(averageV(0.25f, 0.5f, 0), 0.375f);
-  const float a = 0.1f, b = 0.7f;
-  EXPECT_EQ(averageU(a, b, 0), float((double(a) + double(b)) * 0.5));
-  EXPECT_EQ(averageV(a, b, 0), float((double(a) + double(b)) * 0.5));
-}
-
-TEST(PixelSampling, CircleAveragesOfTheWrapModes) {
-  EXPECT_NEAR(averageV(0.9f, 0.1f, 1), 1.0f, 1e-6);
-  EXPECT_NEAR(averageV(0.2f, 0.4f, 1), 0.3f, 1e-6);
-  EXPECT_NEAR(averageU(0.9f, 0.2f, 1), 0.05f, 1e-6);
-  EXPECT_NEAR(averageU(0.9f, 0.2f, 0), 0.55f, 1e-6);
-  // averageV's wrap test is under mode 1 only; averageU's under any mode but 0.
-  EXPECT_NEAR(averageV(0.9f, 0.2f, 2), 0.55f, 1e-6);
-  EXPECT_NEAR(averageU(0.9f, 0.2f, 2), 0.05f, 1e-6);
+TEST(PixelSampling, AveragesSkipMissingCornersUseDoubleAndWrap) {
+  // Mode 0 plain; averageV wraps on the circle under mode 1 only, averageU
+  // under any mode but 0.
+  const float a = 0.1f, b = 0.7f, mean = float((double(a) + double(b)) * 0.5);
+  struct Case {
+    bool v;
+    float a, b;
+    int32_t mode;
+    float mean;
+  };
+  const Case cases[] = {{true, -1.0f, 0.25f, 0, 0.25f},  {true, 0.25f, -1.0f, 0, 0.25f}, {false, -1.0f, 0.75f, 0, 0.75f},
+                        {false, -1.0f, -1.0f, 0, -1.0f}, {true, 0.25f, 0.5f, 0, 0.375f}, {false, a, b, 0, mean},
+                        {true, a, b, 0, mean},           {true, 0.9f, 0.1f, 1, 1.0f},    {true, 0.2f, 0.4f, 1, 0.3f},
+                        {false, 0.9f, 0.2f, 1, 0.05f},   {false, 0.9f, 0.2f, 0, 0.55f},  {true, 0.9f, 0.2f, 2, 0.55f},
+                        {false, 0.9f, 0.2f, 2, 0.05f}};
+  for (const Case& c : cases) {
+    const float got = c.v ? averageV(c.a, c.b, c.mode) : averageU(c.a, c.b, c.mode);
+    EXPECT_NEAR(got, c.mean, c.mode == 0 ? 0.0 : 1e-6) << (c.v ? "v " : "u ") << c.a << " " << c.b << " " << c.mode;
+  }
 }
 
 TEST(PixelSampling, KeyHashOfOtherKeys) {
