@@ -76,6 +76,28 @@ struct WalkWorld {
   }
 };
 
+// Runs one step or a whole walk on a 16 by 8 layer with a vertical edge and
+// checks where it ends.
+struct WalkCase {
+  int32_t solidFrom, edge;
+  float x, y;
+  bool result;
+  float ex, ey;
+};
+
+void expectWalks(bool (*walk)(float, float, float*, float*), const WalkCase* cases, size_t count) {
+  for (size_t i = 0; i < count; ++i) {
+    const WalkCase& c = cases[i];
+    WalkWorld world(16, 8);
+    world.solidFromColumn(c.solidFrom);
+    world.edgeField(c.edge);
+    float x, y;
+    EXPECT_EQ(walk(c.x, c.y, &x, &y), c.result) << c.x << "," << c.y;
+    EXPECT_EQ(x, c.ex) << c.x << "," << c.y;
+    EXPECT_EQ(y, c.ey) << c.x << "," << c.y;
+  }
+}
+
 // ---- unit coordinates ---------------------------------------------------------------------
 
 TEST(PointToUnit, WorkedPoints) {
@@ -150,13 +172,7 @@ TEST(OpaqueAt, StrictlyAboveHalfNeverOutsideClampedToTheNearestEdge) {
 // Points reflect once about -1 and once about the width or height, in that
 // order, and a point exactly at a limit is not reflected.
 TEST(WalkStep, WorkedSteps) {
-  struct Case {
-    int32_t solidFrom, edge;
-    float x, y;
-    bool arrives;
-    float ex, ey;
-  };
-  const Case cases[] = {
+  const WalkCase cases[] = {
       {5, 5, 6.25f, 1.5f, true, 6.25f, 1.5f},   // solid: stays
       {5, 5, 3.0f, 1.5f, true, 6.0f, 1.5f},     // 9 - 3
       {5, 5, 0.0f, 2.0f, true, 9.0f, 2.0f},
@@ -172,15 +188,7 @@ TEST(WalkStep, WorkedSteps) {
       {5, 5, -1.5f, 1.0f, true, 9.5f, 1.0f},
       {5, 5, 16.5f, 1.0f, true, 15.5f, 1.0f},
   };
-  for (const Case& c : cases) {
-    WalkWorld world(16, 8);
-    world.solidFromColumn(c.solidFrom);
-    world.edgeField(c.edge);
-    float x, y;
-    EXPECT_EQ(walkStep(c.x, c.y, &x, &y), c.arrives) << c.x << "," << c.y;
-    EXPECT_EQ(x, c.ex) << c.x << "," << c.y;
-    EXPECT_EQ(y, c.ey) << c.x << "," << c.y;
-  }
+  expectWalks(walkStep, cases, sizeof cases / sizeof cases[0]);
 }
 
 TEST(WalkStep, StepsAlongRowsToo) {
@@ -212,13 +220,7 @@ TEST(WalkStep, FlatOrSymmetricFieldGivesNaNAndNaNWalksOn) {
 // ---- the walk --------------------------------------------------------------------------------------
 
 TEST(NearestOpaque, WorkedWalks) {
-  struct Case {
-    int32_t solidFrom, edge;
-    float x, y;
-    bool walked;
-    float ex, ey;
-  };
-  const Case cases[] = {
+  const WalkCase cases[] = {
       {5, 5, 7.75f, 3.25f, true, 7.75f, 3.25f},  // solid: unchanged
       {5, 5, 0.0f, 2.0f, true, 9.0f, 2.0f},      // across the straight edge
       {5, 5, 1.5f, 2.0f, true, 7.5f, 2.0f},
@@ -230,15 +232,7 @@ TEST(NearestOpaque, WorkedWalks) {
       {5, 5, 2.0f, -1.0f, true, 2.0f, -1.0f},    // row -1 is outside: twenty steps 2 <-> 7
       {16, 5, 3.0f, 2.0f, true, 3.0f, 2.0f},     // a bare layer: twenty steps 3 <-> 6
   };
-  for (const Case& c : cases) {
-    WalkWorld world(16, 8);
-    world.solidFromColumn(c.solidFrom);
-    world.edgeField(c.edge);
-    float x, y;
-    EXPECT_EQ(nearestOpaque(c.x, c.y, &x, &y), c.walked) << c.x << "," << c.y;
-    EXPECT_EQ(x, c.ex) << c.x << "," << c.y;
-    EXPECT_EQ(y, c.ey) << c.x << "," << c.y;
-  }
+  expectWalks(nearestOpaque, cases, sizeof cases / sizeof cases[0]);
 }
 
 TEST(NearestOpaque, PointAtWidthFollowsTheOutsideRules) {
