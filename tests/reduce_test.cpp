@@ -180,52 +180,36 @@ void fillRandom(PixelStore* s, uint32_t seed) {
 
 // ---- flat images -----------------------------------------------------------------------------------
 
-TEST(ReduceFlat, EightBitTwoHundredComesOutOneBrighter) {
-  // 200 * 1640 = 328000 weighed, times 1/1630 rather than 1/1640: 201.2, truncated 201.
-  StoreHolder s(10, 6, kKindRgba8);
-  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 200; });
-  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
-  ASSERT_EQ(s->levelWidth[1], 6);  // 5 is odd, so 6
-  ASSERT_EQ(s->levelHeight[1], 4);  // 3 is odd, so 4
-  for (int32_t y = 0; y < 4; ++y)
-    for (int32_t x = 0; x < 6; ++x) {
-      int32_t v[4];
-      readU8x4(x, y, s.store, 1, v);
-      EXPECT_EQ(v[0], 201);
-      EXPECT_EQ(v[1], 201);
-      EXPECT_EQ(v[2], 201);
-      EXPECT_EQ(v[3], 201);
+TEST(ReduceFlat, FlatLevelsComeOutAsTheKernelScaleLeavesThem) {
+  // 200 * 1640 weighed, times 1/1630 rather than 1/1640: 201.2, truncated 201;
+  // full scale stays by the clamp (256.6 would wrap the byte); 16 bits:
+  // 32800000 / 1630 = 20122.7, and 1640 / 1630 is still 1. Odd level sizes
+  // round up to even (10 x 6 gives 6 x 4).
+  struct Case {
+    int32_t w, h, kind;
+    int32_t in[4], out[4];
+  };
+  const Case cases[] = {
+      {10, 6, kKindRgba8, {200, 200, 200, 200}, {201, 201, 201, 201}},
+      {7, 9, kKindRgba8, {255, 255, 0, 255}, {255, 255, 0, 255}},
+      {12, 12, kKindRgba16, {32768, 20000, 0, 1}, {32768, 20122, 0, 1}},
+  };
+  for (const Case& c : cases) {
+    StoreHolder s(c.w, c.h, c.kind);
+    fillU8x4(s.store, 0, [&](int32_t, int32_t, int32_t* v) { memcpy(v, c.in, sizeof c.in); });
+    reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
+    if (c.w == 10) {
+      EXPECT_EQ(s->levelWidth[1], 6);
+      EXPECT_EQ(s->levelHeight[1], 4);
     }
-}
-
-TEST(ReduceFlat, EightBitFullScaleStaysByTheClamp) {
-  StoreHolder s(7, 9, kKindRgba8);
-  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 255; });
-  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
-  int32_t v[4];
-  for (int32_t y = 0; y < s->levelHeight[1]; ++y)
-    for (int32_t x = 0; x < s->levelWidth[1]; ++x) {
-      readU8x4(x, y, s.store, 1, v);
-      ASSERT_EQ(v[0], 255);  // 256.6 unclamped would wrap the byte to 0
-      ASSERT_EQ(v[3], 255);
-    }
-}
-
-TEST(ReduceFlat, SixteenBit) {
-  StoreHolder s(12, 12, kKindRgba16);
-  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) {
-    v[0] = 32768;  // stays by the clamp
-    v[1] = 20000;  // 32800000 / 1630 = 20122.7
-    v[2] = 0;
-    v[3] = 1;  // 1640 / 1630: still 1
-  });
-  reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
-  int32_t v[4];
-  readU16x4(3, 2, s.store, 1, v);
-  EXPECT_EQ(v[0], 32768);
-  EXPECT_EQ(v[1], 20122);
-  EXPECT_EQ(v[2], 0);
-  EXPECT_EQ(v[3], 1);
+    for (int32_t y = 0; y < s->levelHeight[1]; ++y)
+      for (int32_t x = 0; x < s->levelWidth[1]; ++x) {
+        int32_t v[4];
+        if (c.kind == kKindRgba8) readU8x4(x, y, s.store, 1, v);
+        else readU16x4(x, y, s.store, 1, v);
+        for (int ch = 0; ch < 4; ++ch) ASSERT_EQ(v[ch], c.out[ch]) << c.w << " x " << c.h << " at " << x << "," << y;
+      }
+  }
 }
 
 TEST(ReduceFlat, FloatHalfStaysHalfAndTheRangeIsClamped) {
