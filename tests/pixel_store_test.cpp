@@ -483,45 +483,34 @@ TEST(StoreAccess, UnitPixelOfOneValueKinds) {
   EXPECT_EQ(readU8(0, 0, g.store, 0), 255);
 }
 
-TEST(StoreAccess, EveryEightBitValueSurvivesAUnitRoundTrip) {
-  OwnedStore s(256, 1, kKindRgba8);
-  for (int v = 0; v < 256; ++v) {
-    const int32_t in[4] = {v, 255 - v, v, v};
-    writeU8x4(v, 0, s.store, 0, in);
-  }
-  for (int v = 0; v < 256; ++v) {
-    float unit[4];
-    readUnitPixel(v, 0, s.store, 0, unit);
-    EXPECT_EQ(unit[0], float(v) * float(1.0 / 255.0));
-    writeUnitPixel(v, 0, s.store, 0, unit);
-    int32_t back[4];
-    readU8x4(v, 0, s.store, 0, back);
-    ASSERT_EQ(back[0], v);
-    ASSERT_EQ(back[1], 255 - v);
-  }
-  OwnedStore g(256, 1, kKindGray8);
-  for (int v = 0; v < 256; ++v) {
-    writeU8(v, 0, g.store, 0, v);
-    float unit = readUnitScalar(v, 0, g.store, 0);
-    writeUnitScalar(v, 0, g.store, 0, unit);
-    ASSERT_EQ(readU8(v, 0, g.store, 0), v);
-  }
-}
-
-TEST(StoreAccess, EverySixteenBitValueSurvivesAUnitRoundTrip) {
-  OwnedStore s(512, 65, kKindRgba16);
-  for (int v = 0; v <= 32768; ++v) {
-    const int32_t in[4] = {v, 32768 - v, v, v};
-    writeU16x4(v & 511, v >> 9, s.store, 0, in);
-  }
-  for (int v = 0; v <= 32768; ++v) {
-    float unit[4];
-    readUnitPixel(v & 511, v >> 9, s.store, 0, unit);
-    writeUnitPixel(v & 511, v >> 9, s.store, 0, unit);
-    int32_t back[4];
-    readU16x4(v & 511, v >> 9, s.store, 0, back);
-    ASSERT_EQ(back[0], v);
-    ASSERT_EQ(back[1], 32768 - v);
+TEST(StoreAccess, EveryValueSurvivesAUnitRoundTrip) {
+  for (int32_t kind : {kKindRgba8, kKindRgba16, kKindGray8}) {
+    const int32_t full = kind == kKindRgba16 ? 32768 : 255;
+    OwnedStore s(512, 65, kind);
+    auto at = [](int32_t v) { return std::make_pair(v & 511, v >> 9); };
+    for (int32_t v = 0; v <= full; ++v) {
+      const int32_t in[4] = {v, full - v, v, v};
+      if (kind == kKindGray8) writeU8(at(v).first, at(v).second, s.store, 0, v);
+      else writeChannels(at(v).first, at(v).second, s.store, 0, in);
+    }
+    for (int32_t v = 0; v <= full; ++v) {
+      const int32_t x = at(v).first, y = at(v).second;
+      if (kind == kKindGray8) {
+        writeUnitScalar(x, y, s.store, 0, readUnitScalar(x, y, s.store, 0));
+        ASSERT_EQ(readU8(x, y, s.store, 0), v);
+        continue;
+      }
+      float unit[4];
+      readUnitPixel(x, y, s.store, 0, unit);
+      if (kind == kKindRgba8) {
+        EXPECT_EQ(unit[0], float(v) * float(1.0 / 255.0));
+      }
+      writeUnitPixel(x, y, s.store, 0, unit);
+      int32_t back[4];
+      readChannels(x, y, s.store, 0, back);
+      ASSERT_EQ(back[0], v) << kind;
+      ASSERT_EQ(back[1], full - v) << kind;
+    }
   }
 }
 
