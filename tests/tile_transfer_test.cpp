@@ -38,28 +38,43 @@ std::vector<HostCall> advanceCalls(const RunOutcome& run) {
 
 }  // namespace
 
-TEST(TileTransfer, A513WideLayerReadsTwoTileColumns) {
-  Document d = standin::makeIslandDocument(513, 40, 8, 3, 3);
-  Host host(nativeModule(), d);
-  RunOutcome run = host.run();
-  ASSERT_EQ(run.result, 0);
-  std::vector<HostCall> reads = readCalls(run);
-  ASSERT_EQ(reads.size(), 2u);
-  EXPECT_EQ(reads[0].inRect, (Rect{0, 0, 40, 512}));
-  EXPECT_EQ(reads[1].inRect, (Rect{0, 512, 40, 1024}));
-  // During the reading the output and the mask are the filter rectangle's corner.
-  EXPECT_EQ(reads[0].outRect, (Rect{0, 0, 1, 1}));
-  EXPECT_EQ(reads[0].maskRect, (Rect{0, 0, 1, 1}));
-}
-
-TEST(TileTransfer, A512SquareIsOneTileAndOneAdvance) {
-  Document d = standin::makeIslandDocument(512, 512, 8, 1, 4);
-  Host host(nativeModule(), d);
-  RunOutcome run = host.run();
-  ASSERT_EQ(run.result, 0);
-  EXPECT_EQ(readCalls(run).size(), 1u);
-  // Then 16 render tiles of 128 by 128.
-  EXPECT_EQ(advanceCalls(run).size(), 1u + 16u);
+// The reading's tiles: 512 wide, up to 512 high, offset by floatCoord (the
+// layer's origin in a larger document), from the origin whatever the filter
+// rectangle; meanwhile output and mask ask for the filter rectangle's corner.
+TEST(TileTransfer, ReadTilesAsked) {
+  struct Case {
+    int32_t w, h, colourPlanes;
+    int32_t floatH, floatV;
+    Rect filter;
+    std::vector<Rect> reads;
+    Rect corner;
+    size_t advances;  // reads and then render tiles of 128 by 128
+  };
+  const Case cases[] = {
+      {513, 40, 3, 0, 0, Rect{}, {Rect{0, 0, 40, 512}, Rect{0, 512, 40, 1024}}, Rect{0, 0, 1, 1}, 2 + 5},
+      {512, 512, 1, 0, 0, Rect{}, {Rect{0, 0, 512, 512}}, Rect{0, 0, 1, 1}, 1 + 16},
+      {150, 150, 3, 50, 100, Rect{}, {Rect{100, 50, 250, 562}}, Rect{0, 0, 1, 1}, 1 + 4},
+      {200, 100, 3, 0, 0, Rect{10, 20, 90, 180}, {Rect{0, 0, 80, 512}}, Rect{10, 20, 11, 21}, 1 + 2},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.w << " x " << c.h);
+    Document d = standin::makeIslandDocument(c.w, c.h, 8, c.colourPlanes, uint64_t(c.w));
+    HostOptions o;
+    o.floatCoordH = c.floatH;
+    o.floatCoordV = c.floatV;
+    o.filterRect = c.filter;
+    Host host(nativeModule(), d, o);
+    RunOutcome run = host.run();
+    ASSERT_EQ(run.result, 0);
+    std::vector<HostCall> reads = readCalls(run);
+    ASSERT_EQ(reads.size(), c.reads.size());
+    for (size_t i = 0; i < reads.size(); ++i) {
+      EXPECT_EQ(reads[i].inRect, c.reads[i]) << standin::describe(reads[i].inRect);
+      EXPECT_EQ(reads[i].outRect, c.corner) << standin::describe(reads[i].outRect);
+      EXPECT_EQ(reads[i].maskRect, c.corner) << standin::describe(reads[i].maskRect);
+    }
+    EXPECT_EQ(advanceCalls(run).size(), c.advances);
+  }
 }
 
 TEST(TileTransfer, RectanglesInEveryPhaseOfARun) {
@@ -83,34 +98,6 @@ TEST(TileTransfer, RectanglesInEveryPhaseOfARun) {
   // At the end the host's rectangles are given back (empty, as the host left them).
   EXPECT_EQ(host.record().inRect.right, 0);
   EXPECT_EQ(host.record().outRect.right, 0);
-}
-
-TEST(TileTransfer, FloatCoordOffsetsEveryRectangleAsked) {
-  Document plain = standin::makeIslandDocument(150, 150, 8, 3, 8);
-  Document shifted = plain;
-  HostOptions o;
-  o.floatCoordH = 50;
-  o.floatCoordV = 100;
-  // The host's document is larger: the layer's origin sits at (100, 50) in it.
-  Host host(nativeModule(), shifted, o);
-  RunOutcome run = host.run();
-  ASSERT_EQ(run.result, 0);
-  std::vector<HostCall> reads = readCalls(run);
-  ASSERT_EQ(reads.size(), 1u);
-  EXPECT_EQ(reads[0].inRect, (Rect{100, 50, 250, 562}));
-}
-
-TEST(TileTransfer, FilterRectangleOffTheOriginStillReadsFromTheOrigin) {
-  Document d = standin::makeIslandDocument(200, 100, 8, 3, 9);
-  HostOptions o;
-  o.filterRect = Rect{10, 20, 90, 180};
-  Host host(nativeModule(), d, o);
-  RunOutcome run = host.run();
-  ASSERT_EQ(run.result, 0);
-  std::vector<HostCall> reads = readCalls(run);
-  ASSERT_EQ(reads.size(), 1u);
-  EXPECT_EQ(reads[0].inRect, (Rect{0, 0, 80, 512}));
-  EXPECT_EQ(reads[0].outRect, (Rect{10, 20, 11, 21}));
 }
 
 TEST(TileTransfer, HostThatCannotPadGivesTheSameOutput) {
