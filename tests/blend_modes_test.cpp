@@ -359,13 +359,6 @@ TEST(BlendFloat, ColourToAlphaSplitsColourAndCoverage) {
   EXPECT_EQ(out.a, 1.0f);
 }
 
-TEST(BlendFloat, QuotientOfZeroByZeroIsOne) {
-  PixelValue out = blend(px(0.0f, 0.0f, 0.0f), px(0.0f, 0.0f, 0.0f), kBlendQuotient);
-  EXPECT_EQ(out.r, 1.0f);
-  EXPECT_EQ(out.g, 1.0f);
-  EXPECT_EQ(out.b, 1.0f);
-}
-
 // ---- Lab modes ----------------------------------------------------------------------------------
 
 TEST(BlendLab, NeutralPartnersLeaveTheSourceNearlyAsItWas) {
