@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include "fill/line_smooth_lanes.h"
 #include "host/host_record.h"
 #include "store/pixel_store.h"
 
@@ -216,6 +217,30 @@ void filterColumn(PixelStore* store, int32_t column, PassContext* context, int32
                   int32_t level, int32_t radiusA, int32_t radiusB) {
   if (radiusA < 1 && radiusB < 1) return;
   smoothLine(store, column, context, top, bottom, level, radiusA, radiusB, true);
+}
+
+void filterColumns(PixelStore* store, PassContext* context, int32_t left, int32_t right, int32_t top, int32_t bottom,
+                   int32_t level, int32_t radiusA, int32_t radiusB) {
+  // The groups go where smoothLine would take each of their columns down
+  // the float road: the same tests, in the same terms.
+  int32_t first = top < 0 ? 0 : top;
+  int32_t end = bottom;
+  const bool grouped = (radiusA >= 1 || radiusB >= 1) && store != nullptr && store->tiles != nullptr &&
+                       context != nullptr && context->lineBuffer != nullptr && windowRuns(radiusA, radiusB) &&
+                       level >= 0 && level <= store->topLevel && store->kind == kKindFloat;
+  if (grouped && end > store->levelHeight[level]) end = store->levelHeight[level];
+  const int32_t n = end - first;
+  const int32_t width = grouped ? store->levelWidth[level] : 0;
+  const bool fits = grouped && n > 0 && (int64_t(n) + 1) * 2 * 4 <= context->lineBufferBytes;
+  for (int32_t column = left; column < right;) {
+    if (fits && column >= 0 && column % kColumnGroup == 0 && column + kColumnGroup <= right &&
+        column + kColumnGroup <= width && smoothColumnGroupFloat(store, level, column, first, n, radiusA, radiusB)) {
+      column += kColumnGroup;
+      continue;
+    }
+    filterColumn(store, column, context, top, bottom, level, radiusA, radiusB);
+    ++column;
+  }
 }
 
 void smoothLine(PixelStore* store, int32_t line, PassContext* context, int32_t first, int32_t end, int32_t level,
