@@ -238,10 +238,8 @@ bool doStoreJob(JobUnit* unit, JobKind kind) {
     case kJobBoxColumns:
     case kJobBoxColumnsAgain:
       makeLineBuffer(&context, request.passStore);
-      for (int32_t column = r.left; column < r.right; ++column) {
-        filterColumn(request.passStore, column, &context, r.top, r.bottom, request.passLevel, request.radiusA,
-                     request.radiusB);
-      }
+      filterColumns(request.passStore, &context, r.left, r.right, r.top, r.bottom, request.passLevel, request.radiusA,
+                    request.radiusB);
       break;
     case kJobGaussRows:
     case kJobGaussColumns:
