@@ -5,6 +5,8 @@
 #include <stdint.h>
 #include <string.h>
 
+#include "fill/fill_roads.h"
+#include "fill/fill_schedule.h"
 #include "fill/line_smooth.h"
 #include "store/pixel_store.h"
 
@@ -68,6 +70,79 @@ TEST(FastRoads, ColumnGroupsSmoothAsSingleColumns) {
     freeLineBuffer(&context);
     pixelStoreDestroy(&fast);
     pixelStoreDestroy(&plain);
+  }
+}
+
+// Every level of two stores alike: random colours, and alphas that are mostly
+// 0 or full with faint and soft ones among them (8-bit 3..10 around the
+// floors); floats also get colours outside 0..1.
+void paintLayers(PixelStore* a, PixelStore* b, uint32_t seed) {
+  uint32_t state = seed;
+  const int32_t kind = a->kind;
+  const uint32_t full = kind == kKindRgba8 ? 255u : 32768u;
+  for (int32_t level = 0; level <= a->topLevel; ++level) {
+    for (int32_t y = 0; y < a->levelHeight[level]; ++y) {
+      for (int32_t x = 0; x < a->levelWidth[level]; ++x) {
+        const uint32_t roll = nextRandom(&state) % 10u;
+        if (kind == kKindRgbaFloat) {
+          const float alpha = roll < 6 ? 0.0f : (roll < 8 ? 1.0f : float(nextRandom(&state) % 1001u) / 1000.0f);
+          const float c[4] = {float(int32_t(nextRandom(&state) % 4000u) - 500) / 1000.0f,
+                              float(nextRandom(&state) % 1000u) / 999.0f, float(nextRandom(&state) % 1000u) / 999.0f,
+                              alpha};
+          uint32_t w[4];
+          memcpy(w, c, sizeof w);
+          writeWord4(x, y, a, level, w);
+          writeWord4(x, y, b, level, w);
+        } else {
+          const uint32_t faint = kind == kKindRgba8 ? 3 + nextRandom(&state) % 8u : 515 + nextRandom(&state) % 16u;
+          const uint32_t alpha = roll < 6 ? 0u : (roll < 8 ? full : (roll < 9 ? faint : nextRandom(&state) % full));
+          const int32_t c[4] = {int32_t(nextRandom(&state) % (full + 1)), int32_t(nextRandom(&state) % (full + 1)),
+                                int32_t(nextRandom(&state) % (full + 1)), int32_t(alpha)};
+          writeChannels(x, y, a, level, c);
+          writeChannels(x, y, b, level, c);
+        }
+      }
+    }
+  }
+}
+
+TEST(FastRoads, FillRoadsLeaveThePixelRoadsBits) {
+  const int32_t kinds[] = {kKindRgba8, kKindRgba16, kKindRgbaFloat};
+  const FillRoad roads[] = {kFillRoadRows, kFillRoadLanes};
+  struct Size {
+    int32_t w, h;
+  } const sizes[] = {{1, 1}, {3, 5}, {37, 23}, {130, 7}, {600, 530}, {1030, 33}};
+  uint32_t seed = 500;
+  for (int32_t kind : kinds) {
+    for (FillRoad road : roads) {
+      for (const Size& size : sizes) {
+        PixelStore* fast = pixelStoreCreate(size.w, size.h, kind, 0, false);
+        PixelStore* plain = pixelStoreCreate(size.w, size.h, kind, 0, false);
+        ASSERT_NE(fast, nullptr);
+        ASSERT_NE(plain, nullptr);
+        // The whole schedule, then each step alone on levels as painted.
+        paintLayers(fast, plain, ++seed);
+        fillLevelsOn(road, fast, kFillPasses);
+        fillLevelsOn(kFillRoadPixels, plain, kFillPasses);
+        EXPECT_EQ(firstDifference(fast, plain), -1) << "fill, kind " << kind << ", road " << road << ", " << size.w;
+        paintLayers(fast, plain, ++seed);
+        for (int32_t level = 0; level < fast->topLevel; ++level) {
+          diffuseLevelOn(road, fast, level, 1);
+          diffuseLevelOn(kFillRoadPixels, plain, level, 1);
+          reduceColoursOn(road, fast, level);
+          reduceColoursOn(kFillRoadPixels, plain, level);
+        }
+        EXPECT_EQ(firstDifference(fast, plain), -1) << "up, kind " << kind << ", road " << road << ", " << size.w;
+        paintLayers(fast, plain, ++seed);
+        for (int32_t level = fast->topLevel - 1; level >= 0; --level) {
+          expandIntoOn(road, fast, level);
+          expandIntoOn(kFillRoadPixels, plain, level);
+        }
+        EXPECT_EQ(firstDifference(fast, plain), -1) << "down, kind " << kind << ", road " << road << ", " << size.w;
+        pixelStoreDestroy(&fast);
+        pixelStoreDestroy(&plain);
+      }
+    }
   }
 }
 
