@@ -5,6 +5,7 @@
 // lanes of fill_schedule_sse2.cpp.
 #include "fill/fill_roads.h"
 #include "fill/fill_rows.h"
+#include "platform/platform.h"
 
 bool unitTripKeepsValues(const PixelStore* store) {
   const float toUnit = store->valueToUnit;
@@ -185,7 +186,7 @@ void diffuseLevelByRow(PixelStore* store, int32_t level, int32_t passes) {
 // ---- reduction on rows ---------------------------------------------------------------------------
 
 template <int32_t kKind, bool kLanes>
-void reduceColoursByRow(PixelStore* store, int32_t level) {
+void reduceColoursByRow(PixelStore* store, int32_t level, int32_t firstRow, int32_t endRow) {
   constexpr int32_t kBytes = KindBytes<kKind>::kValue;
   const int32_t target = level + 1;
   const int32_t width = store->levelWidth[target];
@@ -196,7 +197,7 @@ void reduceColoursByRow(PixelStore* store, int32_t level) {
   const float toValue = store->unitToValue;
   const uint32_t floorValue =
       kKind == kKindRgbaFloat ? 0u : uint32_t(firstValueNotBelow(kCoverFloor, toUnit, maxStoredValue<kKind>()));
-  for (int32_t oy = 0; oy < height; ++oy) {
+  for (int32_t oy = firstRow; oy < endRow && oy < height; ++oy) {
     // Past the end of an odd level the clamped read repeats the edge pixel,
     // which then weighs twice.
     const int32_t sy = 2 * oy;
@@ -243,7 +244,8 @@ void reduceColoursByRow(PixelStore* store, int32_t level) {
 // Any kind, any level read: every hole calls the kernel of its kind at the
 // position the pixel road would compute, taken once per column and row.
 template <int32_t kKind>
-void expandIntoByKernelCall(PixelStore* store, int32_t level, int32_t readLevel, float limit) {
+void expandIntoByKernelCall(PixelStore* store, int32_t level, int32_t readLevel, float limit, int32_t firstTile,
+                            int32_t endTile) {
   constexpr int32_t kBytes = KindBytes<kKind>::kValue;
   const int32_t width = store->levelWidth[level];
   const int32_t height = store->levelHeight[level];
@@ -258,7 +260,7 @@ void expandIntoByKernelCall(PixelStore* store, int32_t level, int32_t readLevel,
       kKind == kKindRgbaFloat ? 0u : uint32_t(firstValueAbove(kHoleAlpha, toUnit, maxStoredValue<kKind>()));
   const uint32_t full = kKind == kKindRgbaFloat ? 0u : fullStoredAlpha(store);
   float columnX[kTileWidth];
-  for (int32_t t = 0; t < across; ++t) {
+  for (int32_t t = firstTile; t < endTile && t < across; ++t) {
     const int32_t x0 = t * kTileWidth;
     const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
     if (count <= 0) break;
@@ -310,7 +312,8 @@ bool columnSumsApply(const PixelStore* store, int32_t readLevel) {
 }
 
 template <bool kLanes>
-void expandIntoByColumnSums(PixelStore* store, int32_t level, int32_t readLevel, float limit) {
+void expandIntoByColumnSums(PixelStore* store, int32_t level, int32_t readLevel, float limit, int32_t firstTile,
+                            int32_t endTile) {
   constexpr int32_t kBytes = 4;
   const int32_t width = store->levelWidth[level];
   const int32_t height = store->levelHeight[level];
@@ -337,7 +340,7 @@ void expandIntoByColumnSums(PixelStore* store, int32_t level, int32_t readLevel,
   uint32_t weightsX[kTileWidth][5];
   uint32_t weightPairs[kTileWidth][3];
   alignas(16) int32_t sums[4 * kColumnSumSpan];
-  for (int32_t t = 0; t < across; ++t) {
+  for (int32_t t = firstTile; t < endTile && t < across; ++t) {
     const int32_t x0 = t * kTileWidth;
     const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
     if (count <= 0) break;
@@ -502,7 +505,8 @@ inline void kindWeights(const PixelStore* store, int32_t phase, float w[5]) {
 }
 
 template <int32_t kKind>
-void expandIntoByRowSums(PixelStore* store, int32_t level, int32_t readLevel, float limit) {
+void expandIntoByRowSums(PixelStore* store, int32_t level, int32_t readLevel, float limit, int32_t firstRun,
+                         int32_t endRun) {
   typedef RowSumOf<kKind> Kernel;
   typedef typename Kernel::Type Sum;
   constexpr int32_t kBytes = KindBytes<kKind>::kValue;
@@ -525,7 +529,7 @@ void expandIntoByRowSums(PixelStore* store, int32_t level, int32_t readLevel, fl
   Sum weightsX[kRowSumRun][5];
   Sum sums[kRowSumSlots][kRowSumRun][4];
   int32_t slotRow[kRowSumSlots];
-  for (int32_t x0 = 0; x0 < width; x0 += kRowSumRun) {
+  for (int32_t x0 = firstRun * kRowSumRun; x0 < width && x0 < endRun * kRowSumRun; x0 += kRowSumRun) {
     const int32_t count = width - x0 < kRowSumRun ? width - x0 : kRowSumRun;
     for (int32_t k = 0; k < count; ++k) {
       int32_t phase;
@@ -590,6 +594,110 @@ void expandIntoByRowSums(PixelStore* store, int32_t level, int32_t readLevel, fl
   }
 }
 
+// ---- two shares --------------------------------------------------------------------------------------
+//
+// A step whose pixels owe nothing to the order they are written in (the
+// reduce writes level + 1 from level; the way down writes a level from the
+// one above) is cut into pieces, columns of tiles or rows, and a second
+// thread takes the later half of them while this one does the first. Each
+// pixel comes out the same whichever thread writes it, so the result does
+// not depend on the processors.
+
+struct StepShare {
+  PixelStore* store;
+  int32_t level;
+  int32_t readLevel;
+  float limit;
+  bool lanes;
+  bool reduce;
+  int32_t begin;
+  int32_t end;
+  PlatformEvent done;
+};
+
+void reduceShare(const StepShare& s) {
+  switch (s.store->kind) {
+    case kKindRgba8:
+      if (s.lanes) {
+        reduceColoursByRow<kKindRgba8, true>(s.store, s.level, s.begin, s.end);
+      } else {
+        reduceColoursByRow<kKindRgba8, false>(s.store, s.level, s.begin, s.end);
+      }
+      return;
+    case kKindRgba16: reduceColoursByRow<kKindRgba16, false>(s.store, s.level, s.begin, s.end); return;
+    default: reduceColoursByRow<kKindRgbaFloat, false>(s.store, s.level, s.begin, s.end); return;
+  }
+}
+
+void expandShare(const StepShare& s) {
+  const bool sums = columnSumsApply(s.store, s.readLevel);
+  switch (s.store->kind) {
+    case kKindRgba8:
+      if (!sums) {
+        expandIntoByKernelCall<kKindRgba8>(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
+      } else if (s.lanes) {
+        expandIntoByColumnSums<true>(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
+      } else {
+        expandIntoByColumnSums<false>(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
+      }
+      return;
+    case kKindRgba16:
+      if (sums) {
+        expandIntoByRowSums<kKindRgba16>(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
+      } else {
+        expandIntoByKernelCall<kKindRgba16>(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
+      }
+      return;
+    default:
+      if (sums) {
+        expandIntoByRowSums<kKindRgbaFloat>(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
+      } else {
+        expandIntoByKernelCall<kKindRgbaFloat>(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
+      }
+      return;
+  }
+}
+
+void runShare(const StepShare& s) {
+  if (s.reduce) {
+    reduceShare(s);
+  } else {
+    expandShare(s);
+  }
+}
+
+void shareEntry(void* argument) {
+  StepShare* share = static_cast<StepShare*>(argument);
+  runShare(*share);
+  platformSetEvent(share->done);
+}
+
+// Stack of the second thread: the way down keeps some 30 KB of tables there.
+constexpr uint32_t kShareStackBytes = 256 * 1024;
+// Below this many pixels a step is not worth a thread.
+constexpr int64_t kSharePixels = 1 << 16;
+
+// Runs `whole` (pieces begin..end) in two shares where that can pay, else
+// here alone.
+void runInShares(StepShare whole, int64_t pixels) {
+  const int32_t pieces = whole.end - whole.begin;
+  if (pieces >= 2 && pixels >= kSharePixels && platformProcessorCount() >= 2) {
+    StepShare later = whole;
+    later.begin = whole.begin + pieces / 2;
+    later.done = platformCreateEvent();
+    if (later.done != nullptr && platformStartThread(shareEntry, &later, kShareStackBytes)) {
+      StepShare first = whole;
+      first.end = later.begin;
+      runShare(first);
+      platformWaitEvent(later.done);
+      platformCloseEvent(later.done);
+      return;
+    }
+    if (later.done != nullptr) platformCloseEvent(later.done);
+  }
+  runShare(whole);
+}
+
 }  // namespace
 
 void diffuseLevelByRows(PixelStore* store, int32_t level, int32_t passes, bool lanes) {
@@ -607,44 +715,16 @@ void diffuseLevelByRows(PixelStore* store, int32_t level, int32_t passes, bool l
 }
 
 void reduceColoursByRows(PixelStore* store, int32_t level, bool lanes) {
-  switch (store->kind) {
-    case kKindRgba8:
-      if (lanes) {
-        reduceColoursByRow<kKindRgba8, true>(store, level);
-      } else {
-        reduceColoursByRow<kKindRgba8, false>(store, level);
-      }
-      return;
-    case kKindRgba16: reduceColoursByRow<kKindRgba16, false>(store, level); return;
-    default: reduceColoursByRow<kKindRgbaFloat, false>(store, level); return;
-  }
+  const int32_t rows = store->levelHeight[level + 1];
+  StepShare whole = {store, level, level, 0.0f, lanes, true, 0, rows, nullptr};
+  runInShares(whole, int64_t(rows) * store->levelWidth[level + 1]);
 }
 
 void expandIntoByRows(PixelStore* store, int32_t level, int32_t readLevel, float limit, bool lanes) {
-  const bool sums = columnSumsApply(store, readLevel);
-  switch (store->kind) {
-    case kKindRgba8:
-      if (!sums) {
-        expandIntoByKernelCall<kKindRgba8>(store, level, readLevel, limit);
-      } else if (lanes) {
-        expandIntoByColumnSums<true>(store, level, readLevel, limit);
-      } else {
-        expandIntoByColumnSums<false>(store, level, readLevel, limit);
-      }
-      return;
-    case kKindRgba16:
-      if (sums) {
-        expandIntoByRowSums<kKindRgba16>(store, level, readLevel, limit);
-      } else {
-        expandIntoByKernelCall<kKindRgba16>(store, level, readLevel, limit);
-      }
-      return;
-    default:
-      if (sums) {
-        expandIntoByRowSums<kKindRgbaFloat>(store, level, readLevel, limit);
-      } else {
-        expandIntoByKernelCall<kKindRgbaFloat>(store, level, readLevel, limit);
-      }
-      return;
-  }
+  const int32_t width = store->levelWidth[level];
+  // The 8-bit road and the kernel call go by tile columns, the row sums by their runs.
+  const bool byRuns = store->kind != kKindRgba8 && columnSumsApply(store, readLevel);
+  const int32_t pieces = byRuns ? (width + kRowSumRun - 1) / kRowSumRun : store->tilesAcross[level];
+  StepShare whole = {store, level, readLevel, limit, lanes, false, 0, pieces, nullptr};
+  runInShares(whole, int64_t(width) * store->levelHeight[level]);
 }
