@@ -36,8 +36,11 @@ void filterRow(PixelStore* store, int32_t row, PassContext* context, int32_t lef
 // Smooths column `column` between rows top and bottom - 1 (JobKinds -1003, -1004).
 void filterColumn(PixelStore* store, int32_t column, PassContext* context, int32_t top, int32_t bottom,
                   int32_t level, int32_t radiusA, int32_t radiusB);
-// filterColumn for every column from left to right - 1, with the same result;
-// float columns go several at a time where they can.
+// filterRow for every row from top to bottom - 1, and filterColumn for every
+// column from left to right - 1, with the same results; float lines go
+// several at a time where they can.
+void filterRows(PixelStore* store, PassContext* context, int32_t top, int32_t bottom, int32_t left, int32_t right,
+                int32_t level, int32_t radiusA, int32_t radiusB);
 void filterColumns(PixelStore* store, PassContext* context, int32_t left, int32_t right, int32_t top, int32_t bottom,
                    int32_t level, int32_t radiusA, int32_t radiusB);
 

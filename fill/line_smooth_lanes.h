@@ -1,6 +1,6 @@
-// The column pass of the float box, several columns side by side: the fast
-// road beside smoothLine's one column at a time, in line_smooth_sse2.cpp.
-// filterColumns chooses between them.
+// The passes of the float box over several lines side by side: the fast
+// roads beside smoothLine's one line at a time, in line_smooth_sse2.cpp.
+// filterRows and filterColumns choose between them.
 #pragma once
 
 #include <stdint.h>
@@ -17,3 +17,13 @@ constexpr int32_t kColumnGroup = 16;
 // this road is not built or the window is too long for it.
 bool smoothColumnGroupFloat(PixelStore* store, int32_t level, int32_t line, int32_t first, int32_t n, int32_t back,
                             int32_t forward);
+
+// Rows smoothed together, one a lane.
+constexpr int32_t kRowGroup = 4;
+
+// Smooths rows line .. line + kRowGroup - 1 (all inside the level) between
+// columns first and first + n - 1 of a float store, each row exactly as
+// smoothLine does it alone. False, with nothing touched, where this road is
+// not built or the window is too long for it.
+bool smoothRowGroupFloat(PixelStore* store, int32_t level, int32_t line, int32_t first, int32_t n, int32_t back,
+                         int32_t forward);

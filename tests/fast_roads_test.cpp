@@ -44,32 +44,40 @@ void paintField(PixelStore* a, PixelStore* b, uint32_t seed) {
   }
 }
 
-TEST(FastRoads, ColumnGroupsSmoothAsSingleColumns) {
+TEST(FastRoads, LineGroupsSmoothAsSingleLines) {
+  // Rectangles (left, right, top, bottom) reaching past the level, windows
+  // longer than the groups keep, and thin levels.
   struct Case {
     int32_t w, h, left, right, top, bottom, back, forward;
   } const cases[] = {
       {64, 40, 0, 64, 0, 40, 2, 3},       {600, 530, 0, 600, 0, 530, 3, 2},  {530, 70, 5, 523, 0, 70, 2, 2},
       {100, 9, 16, 100, 3, 200, 0, 1},    {70, 1, 0, 70, 0, 1, 3, 3},        {48, 50, 0, 48, 0, 50, 40, 30},
-      {40, 600, -3, 47, -5, 600, 1, 0},
+      {40, 600, -3, 47, -5, 600, 1, 0},   {515, 7, 0, 515, 1, 6, 2, 3},
   };
   uint32_t seed = 11;
   for (const Case& c : cases) {
-    PixelStore* fast = pixelStoreCreate(c.w, c.h, kKindFloat, 0, true);
-    PixelStore* plain = pixelStoreCreate(c.w, c.h, kKindFloat, 0, true);
-    ASSERT_NE(fast, nullptr);
-    ASSERT_NE(plain, nullptr);
-    paintField(fast, plain, ++seed);
-    PassContext context;
-    memset(&context, 0, sizeof context);
-    ASSERT_TRUE(makeLineBuffer(&context, fast));
-    filterColumns(fast, &context, c.left, c.right, c.top, c.bottom, 0, c.back, c.forward);
-    for (int32_t column = c.left; column < c.right; ++column) {
-      filterColumn(plain, column, &context, c.top, c.bottom, 0, c.back, c.forward);
+    for (bool vertical : {false, true}) {
+      PixelStore* fast = pixelStoreCreate(c.w, c.h, kKindFloat, 0, true);
+      PixelStore* plain = pixelStoreCreate(c.w, c.h, kKindFloat, 0, true);
+      ASSERT_NE(fast, nullptr);
+      ASSERT_NE(plain, nullptr);
+      paintField(fast, plain, ++seed);
+      PassContext context;
+      memset(&context, 0, sizeof context);
+      ASSERT_TRUE(makeLineBuffer(&context, fast));
+      if (vertical) {
+        filterColumns(fast, &context, c.left, c.right, c.top, c.bottom, 0, c.back, c.forward);
+        for (int32_t x = c.left; x < c.right; ++x) filterColumn(plain, x, &context, c.top, c.bottom, 0, c.back, c.forward);
+      } else {
+        filterRows(fast, &context, c.top, c.bottom, c.left, c.right, 0, c.back, c.forward);
+        for (int32_t y = c.top; y < c.bottom; ++y) filterRow(plain, y, &context, c.left, c.right, 0, c.back, c.forward);
+      }
+      EXPECT_EQ(firstDifference(fast, plain), -1)
+          << c.w << " x " << c.h << ", window " << c.back << ", " << c.forward << (vertical ? ", columns" : ", rows");
+      freeLineBuffer(&context);
+      pixelStoreDestroy(&fast);
+      pixelStoreDestroy(&plain);
     }
-    EXPECT_EQ(firstDifference(fast, plain), -1) << c.w << " x " << c.h << ", window " << c.back << ", " << c.forward;
-    freeLineBuffer(&context);
-    pixelStoreDestroy(&fast);
-    pixelStoreDestroy(&plain);
   }
 }
 
