@@ -243,3 +243,25 @@ inline void pixelOrderWeights(const int32_t (*taps)[kKernelPhases], int32_t phas
   w[4] = taps[0][phase];
 }
 
+
+// The 2 x 2 block of `level` under pixel ox of level + 1, from its two rows:
+// past the end of an odd level the clamped read repeats the edge pixel, which
+// then weighs twice.
+template <int32_t kBytes>
+inline void blockUnder(const RowRef& row0, const RowRef& row1, int32_t ox, int32_t maxX, const uint8_t* quad[4]) {
+  const int32_t sx = 2 * ox;
+  const int32_t x0 = sx < maxX ? sx : maxX;
+  const int32_t x1 = sx + 1 < maxX ? sx + 1 : maxX;
+  quad[0] = pixelIn<kBytes>(row0, x0);
+  quad[1] = pixelIn<kBytes>(row0, x1);
+  quad[2] = pixelIn<kBytes>(row1, x0);
+  quad[3] = pixelIn<kBytes>(row1, x1);
+}
+
+// Whether no pixel of the block weighs anything: every sum then stays 0,
+// which is stored as 0.
+template <int32_t kKind>
+inline bool blockWithoutWeight(const uint8_t* const quad[4], uint32_t floorValue) {
+  return storedAlpha<kKind>(quad[0]) < floorValue && storedAlpha<kKind>(quad[1]) < floorValue &&
+         storedAlpha<kKind>(quad[2]) < floorValue && storedAlpha<kKind>(quad[3]) < floorValue;
+}

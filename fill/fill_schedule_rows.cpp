@@ -198,8 +198,6 @@ void reduceColoursByRow(PixelStore* store, int32_t level, int32_t firstRow, int3
   const uint32_t floorValue =
       kKind == kKindRgbaFloat ? 0u : uint32_t(firstValueNotBelow(kCoverFloor, toUnit, maxStoredValue<kKind>()));
   for (int32_t oy = firstRow; oy < endRow && oy < height; ++oy) {
-    // Past the end of an odd level the clamped read repeats the edge pixel,
-    // which then weighs twice.
     const int32_t sy = 2 * oy;
     const RowRef row0 = rowRef(store, level, sy < maxY ? sy : maxY, kBytes);
     const RowRef row1 = rowRef(store, level, sy + 1 < maxY ? sy + 1 : maxY, kBytes);
@@ -209,16 +207,10 @@ void reduceColoursByRow(PixelStore* store, int32_t level, int32_t firstRow, int3
       continue;
     }
     for (int32_t ox = 0; ox < width; ++ox) {
-      const int32_t sx = 2 * ox;
-      const int32_t x0 = sx < maxX ? sx : maxX;
-      const int32_t x1 = sx + 1 < maxX ? sx + 1 : maxX;
-      const uint8_t* quad[4] = {pixelIn<kBytes>(row0, x0), pixelIn<kBytes>(row0, x1), pixelIn<kBytes>(row1, x0),
-                                pixelIn<kBytes>(row1, x1)};
+      const uint8_t* quad[4];
+      blockUnder<kBytes>(row0, row1, ox, maxX, quad);
       uint8_t* dst = pixelIn<kBytes>(out, ox);
-      if (kKind != kKindRgbaFloat && storedAlpha<kKind>(quad[0]) < floorValue &&
-          storedAlpha<kKind>(quad[1]) < floorValue && storedAlpha<kKind>(quad[2]) < floorValue &&
-          storedAlpha<kKind>(quad[3]) < floorValue) {
-        // No weight at all: every sum stays 0, which is stored as 0.
+      if (kKind != kKindRgbaFloat && blockWithoutWeight<kKind>(quad, floorValue)) {
         memset(dst, 0, kBytes);
         continue;
       }
@@ -241,24 +233,51 @@ void reduceColoursByRow(PixelStore* store, int32_t level, int32_t firstRow, int3
 
 // ---- expansion on rows ---------------------------------------------------------------------------
 
+// What every road of the way down takes from the store for one level, and
+// the stored alpha values that split holes from the rest and mean full.
+struct ExpandFrame {
+  int32_t width;
+  int32_t height;
+  int32_t maxX;
+  int32_t maxY;
+  float toUnit;
+  float toValue;
+  float inverseX;
+  float inverseY;
+  float scaleX;
+  float scaleY;
+  uint32_t holeValue;
+  uint32_t full;
+};
+
+template <int32_t kKind>
+ExpandFrame expandFrame(const PixelStore* store, int32_t level, int32_t readLevel) {
+  const float toUnit = store->valueToUnit;
+  return ExpandFrame{
+      store->levelWidth[level],
+      store->levelHeight[level],
+      store->levelMaxX[readLevel],
+      store->levelMaxY[readLevel],
+      toUnit,
+      store->unitToValue,
+      store->invInnerWidth[level + 1],
+      store->invInnerHeight[level + 1],
+      store->levelScaleX[readLevel],
+      store->levelScaleY[readLevel],
+      kKind == kKindRgbaFloat ? 0u : uint32_t(firstValueAbove(kHoleAlpha, toUnit, maxStoredValue<kKind>())),
+      kKind == kKindRgbaFloat ? 0u : fullStoredAlpha(store),
+  };
+}
+
 // Any kind, any level read: every hole calls the kernel of its kind at the
 // position the pixel road would compute, taken once per column and row.
 template <int32_t kKind>
 void expandIntoByKernelCall(PixelStore* store, int32_t level, int32_t readLevel, float limit, int32_t firstTile,
                             int32_t endTile) {
   constexpr int32_t kBytes = KindBytes<kKind>::kValue;
-  const int32_t width = store->levelWidth[level];
-  const int32_t height = store->levelHeight[level];
+  const auto [width, height, maxX, maxY, toUnit, toValue, inverseX, inverseY, scaleX, scaleY, holeValue, full] =
+      expandFrame<kKind>(store, level, readLevel);
   const int32_t across = store->tilesAcross[level];
-  const float toUnit = store->valueToUnit;
-  const float toValue = store->unitToValue;
-  const float inverseX = store->invInnerWidth[level + 1];
-  const float inverseY = store->invInnerHeight[level + 1];
-  const float scaleX = store->levelScaleX[readLevel];
-  const float scaleY = store->levelScaleY[readLevel];
-  const uint32_t holeValue =
-      kKind == kKindRgbaFloat ? 0u : uint32_t(firstValueAbove(kHoleAlpha, toUnit, maxStoredValue<kKind>()));
-  const uint32_t full = kKind == kKindRgbaFloat ? 0u : fullStoredAlpha(store);
   float columnX[kTileWidth];
   for (int32_t t = firstTile; t < endTile && t < across; ++t) {
     const int32_t x0 = t * kTileWidth;
@@ -315,20 +334,10 @@ template <bool kLanes>
 void expandIntoByColumnSums(PixelStore* store, int32_t level, int32_t readLevel, float limit, int32_t firstTile,
                             int32_t endTile) {
   constexpr int32_t kBytes = 4;
-  const int32_t width = store->levelWidth[level];
-  const int32_t height = store->levelHeight[level];
+  const auto [width, height, maxX, maxY, toUnit, toValue, inverseX, inverseY, scaleX, scaleY, holeValue, full] =
+      expandFrame<kKindRgba8>(store, level, readLevel);
   const int32_t across = store->tilesAcross[level];
-  const int32_t maxX = store->levelMaxX[readLevel];
-  const int32_t maxY = store->levelMaxY[readLevel];
-  const float toUnit = store->valueToUnit;
-  const float toValue = store->unitToValue;
-  const float inverseX = store->invInnerWidth[level + 1];
-  const float inverseY = store->invInnerHeight[level + 1];
-  const float scaleX = store->levelScaleX[readLevel];
-  const float scaleY = store->levelScaleY[readLevel];
   const int32_t (*taps)[kKernelPhases] = store->kernelTable.weights2048;
-  const uint32_t holeValue = uint32_t(firstValueAbove(kHoleAlpha, toUnit, 255));
-  const uint32_t full = fullStoredAlpha(store);
   // The lanes pack to bytes with saturation where the plain loop wraps: the
   // same only while every clamped colour lands on 0..255.
   const bool wordLanes = kLanes && toValue >= 0.0f && limit * toValue < 256.0f;
@@ -510,19 +519,8 @@ void expandIntoByRowSums(PixelStore* store, int32_t level, int32_t readLevel, fl
   typedef RowSumOf<kKind> Kernel;
   typedef typename Kernel::Type Sum;
   constexpr int32_t kBytes = KindBytes<kKind>::kValue;
-  const int32_t width = store->levelWidth[level];
-  const int32_t height = store->levelHeight[level];
-  const int32_t maxX = store->levelMaxX[readLevel];
-  const int32_t maxY = store->levelMaxY[readLevel];
-  const float toUnit = store->valueToUnit;
-  const float toValue = store->unitToValue;
-  const float inverseX = store->invInnerWidth[level + 1];
-  const float inverseY = store->invInnerHeight[level + 1];
-  const float scaleX = store->levelScaleX[readLevel];
-  const float scaleY = store->levelScaleY[readLevel];
-  const uint32_t holeValue =
-      kKind == kKindRgbaFloat ? 0u : uint32_t(firstValueAbove(kHoleAlpha, toUnit, maxStoredValue<kKind>()));
-  const uint32_t full = kKind == kKindRgbaFloat ? 0u : fullStoredAlpha(store);
+  const auto [width, height, maxX, maxY, toUnit, toValue, inverseX, inverseY, scaleX, scaleY, holeValue, full] =
+      expandFrame<kKind>(store, level, readLevel);
 
   // Half a tile's columns at a time, which keeps the kept sums to 24 KB.
   int32_t columns[kRowSumRun][5];

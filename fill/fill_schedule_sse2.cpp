@@ -166,15 +166,10 @@ void reduceRowLanesU8(const RowRef& row0, const RowRef& row1, const RowRef& out,
   const __m128 toValueLanes = _mm_set1_ps(toValue);
   const __m128i floorLanes = _mm_set1_epi32(int(floorValue));
   for (int32_t ox = 0; ox < width; ++ox) {
-    const int32_t sx = 2 * ox;
-    const int32_t x0 = sx < maxX ? sx : maxX;
-    const int32_t x1 = sx + 1 < maxX ? sx + 1 : maxX;
-    const uint8_t* quad[4] = {pixelIn<kBytes>(row0, x0), pixelIn<kBytes>(row0, x1), pixelIn<kBytes>(row1, x0),
-                              pixelIn<kBytes>(row1, x1)};
+    const uint8_t* quad[4];
+    blockUnder<kBytes>(row0, row1, ox, maxX, quad);
     uint8_t* dst = pixelIn<kBytes>(out, ox);
-    if (storedAlpha<kKindRgba8>(quad[0]) < floorValue && storedAlpha<kKindRgba8>(quad[1]) < floorValue &&
-        storedAlpha<kKindRgba8>(quad[2]) < floorValue && storedAlpha<kKindRgba8>(quad[3]) < floorValue) {
-      // No weight at all: every sum stays 0, which is stored as 0.
+    if (blockWithoutWeight<kKindRgba8>(quad, floorValue)) {
       storeWord(dst, 0);
       continue;
     }
