@@ -9,8 +9,8 @@
 //   neighbourhood, a covered run), touches only the channels that do change,
 //   and on the way down sums the level above once for many holes (columns
 //   first for 8 bits, rows first for 16 bits and floats).
-// - The lane road is the row road with its 8-bit loops in SSE2 lanes
-//   (fill_schedule_sse2.cpp); it exists where SSE2 is built in.
+// - The lane road is the row road with its 8-bit loops and kind 9's sums in
+//   SSE2 lanes (fill_schedule_sse2.cpp); it exists where SSE2 is built in.
 //
 // Every changed value comes from the same single-precision operations on
 // every road, so all of them leave the same bits: tests hold each against
@@ -42,7 +42,7 @@ void fillLevelsOn(FillRoad road, PixelStore* store, int32_t passes);
 
 // ---- the row roads' entries (fill_schedule_rows.cpp) -----------------------------------------------
 // For kinds 3, 4 and 9 whose trip to unit range keeps their values; `lanes`
-// takes the SSE2 loops for kind 3.
+// takes the SSE2 loops.
 
 bool rowRoadTakes(const PixelStore* store);
 void diffuseLevelByRows(PixelStore* store, int32_t level, int32_t passes, bool lanes);
@@ -50,7 +50,7 @@ void reduceColoursByRows(PixelStore* store, int32_t level, bool lanes);
 // readLevel is not `level` itself: nothing written is read again.
 void expandIntoByRows(PixelStore* store, int32_t level, int32_t readLevel, float limit, bool lanes);
 
-// ---- the lane loops of kind 3 (fill_schedule_sse2.cpp) ---------------------------------------------
+// ---- the lane loops (fill_schedule_sse2.cpp) -------------------------------------------------------
 // Each does what the row road's plain loop does over the same pixels.
 
 // The floor of the alpha, and the binarising, over whole groups of four from
@@ -66,6 +66,10 @@ int32_t halfPassBlocksLanesU8(uint8_t* row, const uint8_t* up, const uint8_t* do
 // weighted mean of its 2 x 2 block.
 void reduceRowLanesU8(const RowRef& row0, const RowRef& row1, const RowRef& out, int32_t width, int32_t maxX,
                       float toUnit, float toValue, uint32_t floorValue, uint32_t full);
+// The way down for kind 9 by row sums (as the row road takes it), the four
+// channels of each sum in the lanes.
+void expandIntoByRowSumsLanesFloat(PixelStore* store, int32_t level, int32_t readLevel, float limit, int32_t firstRun,
+                                   int32_t endRun);
 // The five-row column sums of `count` columns (four lanes a column).
 void columnSumsLanesU8(const uint8_t* const rows[5], const int32_t weights[5], int32_t count, int32_t* sums);
 // A run of pixels from the first hole of its row on, with the row's column

@@ -233,42 +233,6 @@ void reduceColoursByRow(PixelStore* store, int32_t level, int32_t firstRow, int3
 
 // ---- expansion on rows ---------------------------------------------------------------------------
 
-// What every road of the way down takes from the store for one level, and
-// the stored alpha values that split holes from the rest and mean full.
-struct ExpandFrame {
-  int32_t width;
-  int32_t height;
-  int32_t maxX;
-  int32_t maxY;
-  float toUnit;
-  float toValue;
-  float inverseX;
-  float inverseY;
-  float scaleX;
-  float scaleY;
-  uint32_t holeValue;
-  uint32_t full;
-};
-
-template <int32_t kKind>
-ExpandFrame expandFrame(const PixelStore* store, int32_t level, int32_t readLevel) {
-  const float toUnit = store->valueToUnit;
-  return ExpandFrame{
-      store->levelWidth[level],
-      store->levelHeight[level],
-      store->levelMaxX[readLevel],
-      store->levelMaxY[readLevel],
-      toUnit,
-      store->unitToValue,
-      store->invInnerWidth[level + 1],
-      store->invInnerHeight[level + 1],
-      store->levelScaleX[readLevel],
-      store->levelScaleY[readLevel],
-      kKind == kKindRgbaFloat ? 0u : uint32_t(firstValueAbove(kHoleAlpha, toUnit, maxStoredValue<kKind>())),
-      kKind == kKindRgbaFloat ? 0u : fullStoredAlpha(store),
-  };
-}
-
 // Any kind, any level read: every hole calls the kernel of its kind at the
 // position the pixel road would compute, taken once per column and row.
 template <int32_t kKind>
@@ -445,153 +409,6 @@ void expandIntoByColumnSums(PixelStore* store, int32_t level, int32_t readLevel,
   }
 }
 
-// Kinds 4 and 9 on a level read of 5 by 5 pixels or more with clamped
-// edges. Their kernels sum each of the five rows first (the 16-bit one
-// divides each row's sum by 32768, the float one rounds as it adds), so the
-// order of the double sum stays as it is; but a row's sum at a column owes
-// nothing to the row of the hole. So the row sums of the level above are kept
-// for the last rows read, and each row of the level above is summed once for
-// all the rows of holes that read it.
-
-// Rows of sums kept: the five a row of holes reads and one more.
-constexpr int32_t kRowSumSlots = 6;
-constexpr int32_t kRowSumRun = kTileWidth / 2;
-
-// One row's sums for a run of columns: five pixels weighed for each, as
-// the kernel of the kind weighs them; four channels each.
-template <int32_t kKind>
-struct RowSumOf;
-template <>
-struct RowSumOf<kKindRgba16> {
-  typedef uint32_t Type;
-  static void weigh(const uint8_t* const pixels[5], const uint32_t w[5], uint32_t out[4]) {
-    for (int32_t c = 0; c < 4; ++c) {
-      const uint32_t sum = load16(pixels[0] + 2 * c) * w[0] + load16(pixels[1] + 2 * c) * w[1] +
-                           load16(pixels[2] + 2 * c) * w[2] + load16(pixels[3] + 2 * c) * w[3] +
-                           load16(pixels[4] + 2 * c) * w[4];
-      // Divided by 32768 with truncation toward zero, as the 16-bit kernel
-      // keeps its double sum inside 32 bits.
-      out[c] = uint32_t(int32_t(sum) / 32768);
-    }
-  }
-  static void total(const uint32_t* const rows[5], const uint32_t w[5], float out[4]) {
-    for (int32_t c = 0; c < 4; ++c) {
-      const uint32_t t = rows[0][c] * w[0] + rows[1][c] * w[1] + rows[2][c] * w[2] + rows[3][c] * w[3] +
-                         rows[4][c] * w[4];
-      out[c] = float(int32_t(t)) * 0x1p-15f;
-    }
-  }
-};
-template <>
-struct RowSumOf<kKindRgbaFloat> {
-  typedef float Type;
-  // Added from the left (top), each step in single precision; a lane a channel.
-  static void weigh(const uint8_t* const pixels[5], const float w[5], float out[4]) {
-    for (int32_t c = 0; c < 4; ++c) {
-      float s = loadFloat(pixels[0] + 4 * c) * w[0];
-      for (int32_t m = 1; m < 5; ++m) s = s + loadFloat(pixels[m] + 4 * c) * w[m];
-      out[c] = s;
-    }
-  }
-  static void total(const float* const rows[5], const float w[5], float out[4]) {
-    for (int32_t c = 0; c < 4; ++c) {
-      float s = rows[0][c] * w[0];
-      for (int32_t m = 1; m < 5; ++m) s = s + rows[m][c] * w[m];
-      out[c] = s;
-    }
-  }
-};
-
-// The weights of one axis in pixel order for the kind's kernel.
-inline void kindWeights(const PixelStore* store, int32_t phase, uint32_t w[5]) {
-  const int32_t(*taps)[kKernelPhases] = store->kernelTable.weights32768;
-  for (int32_t m = 0; m < 5; ++m) w[m] = uint32_t(taps[4 - m][phase]);
-}
-
-inline void kindWeights(const PixelStore* store, int32_t phase, float w[5]) {
-  const float(*taps)[kKernelPhases] = store->kernelTable.weightsFloat;
-  for (int32_t m = 0; m < 5; ++m) w[m] = taps[4 - m][phase];
-}
-
-template <int32_t kKind>
-void expandIntoByRowSums(PixelStore* store, int32_t level, int32_t readLevel, float limit, int32_t firstRun,
-                         int32_t endRun) {
-  typedef RowSumOf<kKind> Kernel;
-  typedef typename Kernel::Type Sum;
-  constexpr int32_t kBytes = KindBytes<kKind>::kValue;
-  const auto [width, height, maxX, maxY, toUnit, toValue, inverseX, inverseY, scaleX, scaleY, holeValue, full] =
-      expandFrame<kKind>(store, level, readLevel);
-
-  // Half a tile's columns at a time, which keeps the kept sums to 24 KB.
-  int32_t columns[kRowSumRun][5];
-  Sum weightsX[kRowSumRun][5];
-  Sum sums[kRowSumSlots][kRowSumRun][4];
-  int32_t slotRow[kRowSumSlots];
-  for (int32_t x0 = firstRun * kRowSumRun; x0 < width && x0 < endRun * kRowSumRun; x0 += kRowSumRun) {
-    const int32_t count = width - x0 < kRowSumRun ? width - x0 : kRowSumRun;
-    for (int32_t k = 0; k < count; ++k) {
-      int32_t phase;
-      const int32_t i = kernelBase(positionAbove(x0 + k, inverseX, scaleX), &phase);
-      kindWeights(store, phase, weightsX[k]);
-      for (int32_t m = 0; m < 5; ++m) columns[k][m] = clampToLevel(int32_t(uint32_t(i) - 2u + uint32_t(m)), maxX);
-    }
-    for (int32_t slot = 0; slot < kRowSumSlots; ++slot) slotRow[slot] = -1;
-
-    for (int32_t y = 0; y < height; ++y) {
-      // A run never crosses a tile: tiles are a whole number of runs wide.
-      uint8_t* run = pixelIn<kBytes>(rowRef(store, level, y, kBytes), x0);
-      bool rowReady = false;
-      int32_t slots[5] = {0, 0, 0, 0, 0};
-      Sum weightsY[5];
-      for (int32_t k = 0; k < count; ++k) {
-        uint8_t* p = run + k * kBytes;
-        if (!isHole<kKind>(p, holeValue)) {
-          setFullAlpha<kKind>(p, full);
-          continue;
-        }
-        if (!rowReady) {
-          // The first hole of the row: the five rows above it, summed where
-          // they are not kept yet.
-          rowReady = true;
-          int32_t phaseY;
-          const int32_t j = kernelBase(positionAbove(y, inverseY, scaleY), &phaseY);
-          kindWeights(store, phaseY, weightsY);
-          int32_t wanted[5];
-          for (int32_t r = 0; r < 5; ++r) wanted[r] = clampToLevel(int32_t(uint32_t(j) - 2u + uint32_t(r)), maxY);
-          for (int32_t r = 0; r < 5; ++r) {
-            int32_t found = -1;
-            for (int32_t slot = 0; slot < kRowSumSlots; ++slot) {
-              if (slotRow[slot] == wanted[r]) found = slot;
-            }
-            if (found < 0) {
-              // The slot of a row that none of the five needs, the farthest back.
-              for (int32_t slot = 0; slot < kRowSumSlots; ++slot) {
-                bool needed = false;
-                for (int32_t q = 0; q < 5; ++q) needed = needed || slotRow[slot] == wanted[q];
-                if (needed) continue;
-                if (found < 0 || slotRow[slot] < slotRow[found]) found = slot;
-              }
-              slotRow[found] = wanted[r];
-              const RowRef source = rowRef(store, readLevel, wanted[r], kBytes);
-              for (int32_t c = 0; c < count; ++c) {
-                const uint8_t* pixels[5];
-                for (int32_t m = 0; m < 5; ++m) pixels[m] = pixelIn<kBytes>(source, columns[c][m]);
-                Kernel::weigh(pixels, weightsX[c], sums[found][c]);
-              }
-            }
-            slots[r] = found;
-          }
-        }
-        const Sum* rows[5];
-        for (int32_t r = 0; r < 5; ++r) rows[r] = sums[slots[r]][k];
-        float value[4];
-        Kernel::total(rows, weightsY, value);
-        storeBroughtDown<kKind>(p, value[0], value[1], value[2], toUnit, toValue, limit);
-      }
-    }
-  }
-}
-
 // ---- two shares --------------------------------------------------------------------------------------
 //
 // A step whose pixels owe nothing to the order they are written in (the
@@ -648,7 +465,11 @@ void expandShare(const StepShare& s) {
       return;
     default:
       if (sums) {
-        expandIntoByRowSums<kKindRgbaFloat>(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
+        if (s.lanes) {
+          expandIntoByRowSumsLanesFloat(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
+        } else {
+          expandIntoByRowSums<kKindRgbaFloat>(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
+        }
       } else {
         expandIntoByKernelCall<kKindRgbaFloat>(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
       }

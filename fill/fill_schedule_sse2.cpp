@@ -106,7 +106,30 @@ inline uint32_t broughtDownWord(__m128i totals, __m128 toUnit, __m128 limit, __m
   return (uint32_t(_mm_cvtsi128_si32(packed)) & 0xffffff00u) | (full & 0xffu);
 }
 
+// Kind 9's row sums, a lane a channel: each lane adds from the left (top),
+// each step in single precision, as RowSumOf<kKindRgbaFloat> does.
+struct RowSumLanesFloat {
+  typedef float Type;
+  static void weigh(const uint8_t* const pixels[5], const float w[5], float out[4]) {
+    __m128 s = _mm_mul_ps(_mm_loadu_ps(reinterpret_cast<const float*>(pixels[0])), _mm_set1_ps(w[0]));
+    for (int32_t m = 1; m < 5; ++m) {
+      s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(reinterpret_cast<const float*>(pixels[m])), _mm_set1_ps(w[m])));
+    }
+    _mm_storeu_ps(out, s);
+  }
+  static void total(const float* const rows[5], const float w[5], float out[4]) {
+    __m128 s = _mm_mul_ps(_mm_loadu_ps(rows[0]), _mm_set1_ps(w[0]));
+    for (int32_t m = 1; m < 5; ++m) s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(rows[m]), _mm_set1_ps(w[m])));
+    _mm_storeu_ps(out, s);
+  }
+};
+
 }  // namespace
+
+void expandIntoByRowSumsLanesFloat(PixelStore* store, int32_t level, int32_t readLevel, float limit, int32_t firstRun,
+                                   int32_t endRun) {
+  expandIntoByRowSums<kKindRgbaFloat, RowSumLanesFloat>(store, level, readLevel, limit, firstRun, endRun);
+}
 
 int32_t floorRunLanesU8(uint8_t* run, int32_t count, uint32_t floorValue) {
   const __m128i alphaMask = _mm_set1_epi32(0xff);
@@ -251,5 +274,6 @@ void reduceRowLanesU8(const RowRef&, const RowRef&, const RowRef&, int32_t, int3
 void columnSumsLanesU8(const uint8_t* const*, const int32_t*, int32_t, int32_t*) {}
 void bringDownRunLanesU8(uint8_t*, int32_t, uint32_t, uint32_t, const int32_t*, int32_t, const int32_t (*)[5],
                          const uint32_t (*)[3], float, float, float) {}
+void expandIntoByRowSumsLanesFloat(PixelStore*, int32_t, int32_t, float, int32_t, int32_t) {}
 
 #endif
