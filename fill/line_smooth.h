@@ -36,6 +36,13 @@ void filterRow(PixelStore* store, int32_t row, PassContext* context, int32_t lef
 // Smooths column `column` between rows top and bottom - 1 (JobKinds -1003, -1004).
 void filterColumn(PixelStore* store, int32_t column, PassContext* context, int32_t top, int32_t bottom,
                   int32_t level, int32_t radiusA, int32_t radiusB);
+// filterRow for every row from top to bottom - 1, and filterColumn for every
+// column from left to right - 1, with the same results; float lines go
+// several at a time where they can.
+void filterRows(PixelStore* store, PassContext* context, int32_t top, int32_t bottom, int32_t left, int32_t right,
+                int32_t level, int32_t radiusA, int32_t radiusB);
+void filterColumns(PixelStore* store, PassContext* context, int32_t left, int32_t right, int32_t top, int32_t bottom,
+                   int32_t level, int32_t radiusA, int32_t radiusB);
 
 // Copies the line in, runs the kernel of the store's kind, copies it back. A
 // negative radius, or both radii 0, leave the line untouched (not even copied).

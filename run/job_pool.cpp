@@ -230,18 +230,14 @@ bool doStoreJob(JobUnit* unit, JobKind kind) {
       return true;
     case kJobBoxRows:
       makeLineBuffer(&context, request.passStore);
-      for (int32_t row = r.top; row < r.bottom; ++row) {
-        filterRow(request.passStore, row, &context, r.left, r.right, request.passLevel, request.radiusA,
-                  request.radiusB);
-      }
+      filterRows(request.passStore, &context, r.top, r.bottom, r.left, r.right, request.passLevel, request.radiusA,
+                 request.radiusB);
       break;
     case kJobBoxColumns:
     case kJobBoxColumnsAgain:
       makeLineBuffer(&context, request.passStore);
-      for (int32_t column = r.left; column < r.right; ++column) {
-        filterColumn(request.passStore, column, &context, r.top, r.bottom, request.passLevel, request.radiusA,
-                     request.radiusB);
-      }
+      filterColumns(request.passStore, &context, r.left, r.right, r.top, r.bottom, request.passLevel, request.radiusA,
+                    request.radiusB);
       break;
     case kJobGaussRows:
     case kJobGaussColumns:
