@@ -1,12 +1,14 @@
 # Mendaris K: `make demo`, `make test`, `make bench`.
 # Every target installs missing Debian packages first (as root), then builds
-# with CMake into build/<mode>.
+# with CMake into build/<mode>. `make install` (PREFIX, DESTDIR) and
+# `make package` (build/package: a .deb and a Windows archive) ship them.
 
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure -j$(JOBS)
+PREFIX ?= /usr/local
 
-.PHONY: all deps native win64 win32 native32 asan tsan fuzz-build windows test test-native test-asan test-tsan test-fuzz demo bench fuzz clean
+.PHONY: all deps native win64 win32 native32 asan tsan fuzz-build windows test test-native test-asan test-tsan test-fuzz demo bench fuzz clean install package
 
 all: native
 
@@ -50,7 +52,8 @@ fuzz-build: deps
 
 windows: win64 win32
 
-test: native windows native32 asan tsan fuzz-build
+# The package is made first: the native tests check it as a packager would.
+test: native windows package native32 asan tsan fuzz-build
 	@$(MAKE) --no-print-directory test-native test-asan test-tsan test-fuzz
 
 test-native:
@@ -70,6 +73,12 @@ test-fuzz:
 
 fuzz: fuzz-build
 	@bash scripts/fuzz.sh 600
+
+install: native
+	@DESTDIR=$(DESTDIR) cmake --install build/native --prefix $(PREFIX)
+
+package: native windows
+	@bash scripts/package.sh .
 
 demo: native
 	@bash scripts/demo.sh

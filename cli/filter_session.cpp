@@ -1,11 +1,22 @@
 #include "cli/filter_session.h"
 
 #include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include "cli/interrupt.h"
 #include "cli/progress.h"
 
 namespace mendaris_cli {
+
+// The module's folder as seen from the program's, set by the build from the
+// installation layout (bin and lib/mendaris under one prefix).
+#ifndef MENDARIS_MODULE_DIR_FROM_BIN
+#define MENDARIS_MODULE_DIR_FROM_BIN "../lib/mendaris"
+#endif
 
 const char kRefusalText[] =
     "This filter cannot operate on the image's background. Use it on a layer with transparent regions.";
@@ -50,6 +61,37 @@ void PI_CALL interposedEntry(int16_t selector, void* record, intptr_t* data, int
 }
 
 }  // namespace
+
+std::vector<std::string> moduleSearchPath() {
+  std::filesystem::path folder = ".";
+  char self[4096];
+  ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+  if (n > 0) folder = std::filesystem::path(std::string(self, size_t(n))).parent_path();
+  return {(folder / "MendarisK.so").string(),
+          (folder / MENDARIS_MODULE_DIR_FROM_BIN / "MendarisK.so").lexically_normal().string()};
+}
+
+std::string defaultModule() {
+  std::vector<std::string> places = moduleSearchPath();
+  struct stat info;
+  for (const std::string& place : places)
+    if (stat(place.c_str(), &info) == 0) return place;
+  return places.back();
+}
+
+std::vector<uint8_t> copyAlpha(const standin::Document& d) {
+  size_t sample = size_t(d.sampleBytes()), pixels = size_t(d.width) * size_t(d.height);
+  std::vector<uint8_t> alpha(d.transparency ? pixels * sample : 0);
+  for (size_t i = 0; i < alpha.size() / sample; ++i)
+    memcpy(&alpha[i * sample], d.pixels.data() + i * d.pixelBytes() + size_t(d.colourPlanes) * sample, sample);
+  return alpha;
+}
+
+void restoreAlpha(standin::Document& d, const std::vector<uint8_t>& alpha) {
+  size_t sample = size_t(d.sampleBytes());
+  for (size_t i = 0; i < alpha.size() / sample; ++i)
+    memcpy(d.pixels.data() + i * d.pixelBytes() + size_t(d.colourPlanes) * sample, &alpha[i * sample], sample);
+}
 
 bool openFilter(FilterSession& session, const std::string& path, std::string& problem) {
   // A bare name would send the loader through the library search path; the

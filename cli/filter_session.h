@@ -12,6 +12,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "plugin_host/stand_in_host.h"
 
@@ -23,6 +24,19 @@ struct FilterSession {
   std::unique_ptr<standin::Host> host;
   bool ranBefore = false;
 };
+
+// Where the tool looks for the module when --module is not given, in order:
+// beside the program (as a build leaves them), then in the module folder of
+// an installation, found from the program's own folder; never a build path.
+std::vector<std::string> moduleSearchPath();
+
+// The first of those that exists, else the installed one (for its message).
+std::string defaultModule();
+
+// --keep-alpha: the layer's transparency plane, copied out before a run and
+// put back after it, so that only the colour comes from the filter.
+std::vector<uint8_t> copyAlpha(const standin::Document& document);
+void restoreAlpha(standin::Document& document, const std::vector<uint8_t>& alpha);
 
 // Loads the module at `path`. False with `problem` set when it cannot be loaded.
 bool openFilter(FilterSession& session, const std::string& path, std::string& problem);

@@ -280,6 +280,7 @@ IoResult readLayer(const std::string& path, standin::Document& document, LayerSo
   size_t pixels = size_t(spec.width) * size_t(spec.height);
   int planes = channels;
   int colourPlanes = document.colourPlanes;
+  if (source.keepAlpha && alpha && depth == 16) source.alpha16.resize(pixels);
   if (source.premultiplied) {
     const float* from = reinterpret_cast<const float*>(staging.data());
     for (size_t i = 0; i < pixels; ++i) {
@@ -296,6 +297,7 @@ IoResult readLayer(const std::string& path, standin::Document& document, LayerSo
         } else if (depth == 16) {
           uint16_t h = fileToHost16(floatTo16(v));
           memcpy(document.pixels.data() + at * 2, &h, 2);
+          if (p == colourPlanes && !source.alpha16.empty()) source.alpha16[i] = floatTo16(v);
         } else {
           document.pixels[at] = floatTo8(v);
         }
@@ -313,6 +315,7 @@ IoResult readLayer(const std::string& path, standin::Document& document, LayerSo
         memcpy(&v, staging.data() + from, 2);
         uint16_t h = fileToHost16(v);
         memcpy(document.pixels.data() + at, &h, 2);
+        if (p == colourPlanes && !source.alpha16.empty()) source.alpha16[i] = v;
       } else {
         memcpy(document.pixels.data() + at, staging.data() + from, sampleBytes);
       }
@@ -463,7 +466,8 @@ IoResult writeLayer(const std::string& path, const standin::Document& document, 
         } else if (depth == 16) {
           uint16_t h;
           memcpy(&h, document.pixels.data() + at * 2, 2);
-          values[p] = float(hostToFile16(h)) / 65535.0f;
+          bool kept = p == colourPlanes && !source.alpha16.empty();
+          values[p] = float(kept ? source.alpha16[i] : hostToFile16(h)) / 65535.0f;
         } else {
           memcpy(&values[p], document.pixels.data() + at * 4, 4);
         }
@@ -485,7 +489,7 @@ IoResult writeLayer(const std::string& path, const standin::Document& document, 
         if (depth == 16) {
           uint16_t h;
           memcpy(&h, from, 2);
-          uint16_t v = hostToFile16(h);
+          uint16_t v = p == colourPlanes && !source.alpha16.empty() ? source.alpha16[i] : hostToFile16(h);
           memcpy(to, &v, 2);
         } else {
           memcpy(to, from, sampleBytes);

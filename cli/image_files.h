@@ -32,6 +32,11 @@ struct LayerSource {
   OIIO::ImageSpec spec;        // the file's own description: sample type, origin, metadata
   std::string formatName;      // the reader's name: "png", "openexr", ...
   bool premultiplied = false;  // the file held colour multiplied by alpha
+  // Set before reading for --keep-alpha. The host's 16-bit range cannot hold
+  // every 16-bit file value, so a 16-bit file's alpha is then kept here as
+  // read, and written back in place of the layer's.
+  bool keepAlpha = false;
+  std::vector<uint16_t> alpha16;
 };
 
 enum class IoResult { done, failed, interrupted };

@@ -26,10 +26,6 @@
 #include "cli/interrupt.h"
 #include "cli/progress.h"
 
-#ifndef MENDARIS_DEFAULT_MODULE
-#define MENDARIS_DEFAULT_MODULE "MendarisK.so"
-#endif
-
 namespace mendaris_cli {
 namespace {
 
@@ -53,9 +49,10 @@ const char kUsage[] =
     "                         without -o the outputs go beside their inputs\n"
     "  -m, --mask MASK        the selection: a gray image of the same size, white\n"
     "                         selected; the filter changes only what is selected\n"
-    "      --module PATH      run this build of the plug-in module instead of\n"
-    "                         " MENDARIS_DEFAULT_MODULE
-    "\n"
+    "      --keep-alpha       write the file's own alpha back unchanged: only the\n"
+    "                         colour is filled (sprites, cut-outs, decals)\n"
+    "      --module PATH      run this build of the plug-in module instead of the\n"
+    "                         first found of those listed below\n"
     "  -q, --quiet            no progress line (none is drawn when stderr is not\n"
     "                         a terminal)\n"
     "      --about            print the plug-in's About box and exit\n"
@@ -76,6 +73,7 @@ struct Options {
   std::string mask;
   std::string module;
   bool quiet = false;
+  bool keepAlpha = false;
   bool about = false;
   bool version = false;
   bool help = false;
@@ -108,6 +106,7 @@ int parseArguments(int argc, char** argv, Options& options) {
   };
   const FlagOption flagOptions[] = {
       {"-q", "--quiet", &options.quiet},
+      {nullptr, "--keep-alpha", &options.keepAlpha},
       {nullptr, "--about", &options.about},
       {nullptr, "--version", &options.version},
       {"-h", "--help", &options.help},
@@ -188,22 +187,6 @@ std::string batchOutputName(const Options& options, const std::string& input) {
   return folder + stem + options.suffix + extension;
 }
 
-// The default module: where the build put it, else beside this program.
-std::string defaultModule() {
-  struct stat info;
-  if (stat(MENDARIS_DEFAULT_MODULE, &info) == 0) return MENDARIS_DEFAULT_MODULE;
-  char self[4096];
-  ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (n > 0) {
-    self[n] = '\0';
-    std::string beside = self;
-    size_t slash = beside.find_last_of('/');
-    beside = beside.substr(0, slash + 1) + "MendarisK.so";
-    if (stat(beside.c_str(), &info) == 0) return beside;
-  }
-  return MENDARIS_DEFAULT_MODULE;
-}
-
 double secondsNow() {
   struct timespec t;
   clock_gettime(CLOCK_MONOTONIC, &t);
@@ -237,6 +220,7 @@ FileResult processFile(FilterSession& session, const Options& options, const std
   progressBegin(label);
   progressShow("reading", 0.0);
   LayerSource source;
+  source.keepAlpha = options.keepAlpha;
   IoResult read = readLayer(input, session.document, source, problem);
   if (read == IoResult::interrupted) return FileResult::interrupted;
   if (read == IoResult::failed) {
@@ -255,6 +239,7 @@ FileResult processFile(FilterSession& session, const Options& options, const std
   }
 
   progressShow("filtering", 0.0);
+  std::vector<uint8_t> alpha = options.keepAlpha ? copyAlpha(session.document) : std::vector<uint8_t>();
   standin::RunOutcome outcome = filterDocument(session);
   if (interrupted()) return FileResult::interrupted;
   if (outcome.startResult == kRefused) {
@@ -277,6 +262,7 @@ FileResult processFile(FilterSession& session, const Options& options, const std
     return FileResult::failed;
   }
 
+  restoreAlpha(session.document, alpha);
   progressShow("writing", 0.0);
   IoResult written = writeLayer(output, session.document, source, problem);
   if (written == IoResult::interrupted) return FileResult::interrupted;
@@ -297,6 +283,8 @@ int runTool(int argc, char** argv) {
   if (parsed >= 0) return parsed;
   if (options.help) {
     fputs(kUsage, stdout);
+    printf("\nThe plug-in module is looked for at:\n");
+    for (const std::string& place : moduleSearchPath()) printf("  %s\n", place.c_str());
     return 0;
   }
   if (options.version) {

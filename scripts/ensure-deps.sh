@@ -12,6 +12,7 @@ packages=(
   libdeflate-dev libspng-dev
   gimp libgimp2.0-dev
   imagemagick libvips-tools hyperfine
+  go-md2man
 )
 missing=()
 for p in "${packages[@]}"; do

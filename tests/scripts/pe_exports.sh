@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The Windows modules: right machine type, PluginMain exported undecorated and
 # nothing else, and no runtime DLL beside the system's.
-#   pe_exports.sh SOURCE_DIR BUILD_DIR
+#   pe_exports.sh SOURCE_DIR BUILD_DIR [X64_FILE X86_FILE]
 set -euo pipefail
 src=$1
 status=0
@@ -27,6 +27,6 @@ check() {
   done
   [ $status -eq 0 ] && echo "OK: $file ($machine) exports PluginMain only; imports: $dlls"
 }
-check "$src/build/win64/MendarisK.8bf" x86_64-w64-mingw32-objdump pei-x86-64
-check "$src/build/win32/MendarisK.8bf" i686-w64-mingw32-objdump pei-i386
+check "${3:-$src/build/win64/MendarisK.8bf}" x86_64-w64-mingw32-objdump pei-x86-64
+check "${4:-$src/build/win32/MendarisK.8bf}" i686-w64-mingw32-objdump pei-i386
 exit $status
