@@ -1,0 +1,33 @@
+; Script-Fu for gimp_plugin.sh: runs plug-in-mendaris-k over image files in
+; GIMP and exports what comes out.
+
+; Opens IN, selects by the alpha of MASK-LAYER (no selection when it is #f),
+; runs the filter on the active layer and exports the image to OUT, as TIFF
+; or PNG by its name. A refusal is reported by GIMP, and the image is
+; exported all the same.
+(define (mendaris-file in out mask-layer)
+  (let* ((image (car (gimp-file-load RUN-NONINTERACTIVE in in)))
+         (layer (car (gimp-image-get-active-layer image))))
+    (if mask-layer
+        (let ((copy (car (gimp-layer-new-from-drawable mask-layer image))))
+          (gimp-image-insert-layer image copy 0 -1)
+          (gimp-image-select-item image CHANNEL-OP-REPLACE copy)
+          (gimp-image-remove-layer image copy)
+          (gimp-image-set-active-layer image layer)))
+    (catch #f (plug-in-mendaris-k RUN-NONINTERACTIVE image layer))
+    (if (string=? (substring out (- (string-length out) 4) (string-length out)) ".tif")
+        (file-tiff-save RUN-NONINTERACTIVE image layer out out 0)
+        ; the last argument keeps the colour of transparent pixels
+        (file-png-save2 RUN-NONINTERACTIVE image layer out out 0 0 0 0 0 0 0 0 1))
+    (gimp-image-delete image)))
+
+; Every name in NAMES from IN-DIR to OUT-DIR, selected by the alpha of
+; MASK-FILE, or with no selection when MASK-FILE is "".
+(define (mendaris-files in-dir out-dir mask-file names)
+  (let ((mask-layer (if (string=? mask-file "")
+                        #f
+                        (car (gimp-image-get-active-layer
+                               (car (gimp-file-load RUN-NONINTERACTIVE mask-file mask-file)))))))
+    (for-each (lambda (name)
+                (mendaris-file (string-append in-dir "/" name) (string-append out-dir "/" name) mask-layer))
+              names)))
