@@ -87,7 +87,9 @@ void query() {
 
 // Filters the layer; returns an empty string when done, else the one line for the user.
 std::string filterActiveLayer(gint32 image, gint32 drawable) {
-  if (!gimp_item_is_layer(drawable)) return "Mendaris K works on a layer, not on a channel or a layer mask";
+  if (!gimp_item_is_layer(drawable) || gimp_item_is_group(drawable)) {
+    return "Mendaris K works on a layer's own pixels, not on a channel, a layer mask or a layer group";
+  }
   gint x, y, w, h;
   // Nothing of the layer is selected: nothing to do.
   if (!gimp_drawable_mask_intersect(drawable, &x, &y, &w, &h)) return "";
@@ -112,7 +114,9 @@ std::string filterActiveLayer(gint32 image, gint32 drawable) {
   gimp_progress_init("Mendaris K");
   problem = mendaris_gimp::filterLayer(session, showProgress);
   if (!problem.empty()) return problem;
-  gimp_progress_update(1.0);
+  // Past here GIMP's cancel, which ends the plug-in's process, would leave a
+  // half-written layer: the progress (and its cancel button) ends first.
+  gimp_progress_end();
 
   // GIMP's merge of a shadow makes the undo step, but over the selection's
   // bounds only, blending by the selection once more. The filter has applied

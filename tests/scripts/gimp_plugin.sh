@@ -73,6 +73,7 @@ for ((i = 0; i < ${#pairs[@]}; i += 2)); do
   actual=$(sed -n "s|^${pairs[i + 1]}: ||p" pixels.txt)
   [ -n "$actual" ] && [ "$expected" = "$actual" ] || fail "${pairs[i + 1]} (${actual:-missing}) is not ${pairs[i]} ($expected)"
 done
+! grep -F "FAIL:" gimp.log || fail "GIMP's side of the test failed"
 refusal="This filter cannot operate on the image's background. Use it on a layer with transparent regions."
 [ "$(grep -cxF "$refusal" gimp.log)" = 1 ] || fail "the refusal of the layer without alpha is not in GIMP's output once"
 if [ "$failures" -ne 0 ]; then
