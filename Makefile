@@ -6,7 +6,9 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure -j$(JOBS)
 
-.PHONY: all deps native win64 win32 native32 asan tsan fuzz-build windows test test-native test-asan test-tsan test-fuzz demo bench fuzz clean
+GIMP_USER_PLUGINS ?= $(HOME)/.config/GIMP/2.10/plug-ins
+
+.PHONY: install install-gimp-user all deps native win64 win32 native32 asan tsan fuzz-build windows test test-native test-asan test-tsan test-fuzz demo bench fuzz clean
 
 all: native
 
@@ -76,6 +78,18 @@ demo: native
 
 bench: native
 	@bash scripts/bench.sh
+
+# Into the system, GIMP's own plug-in folder included (as gimptool-2.0 reports
+# it): run as root.
+install: native
+	cmake --install build/native
+
+# The GIMP plug-in for the present user only: GIMP 2.10's folder in the home.
+install-gimp-user: deps
+	@cmake -S . -B build/native -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/native -j$(JOBS) --target mendaris-k MendarisK
+	install -d $(GIMP_USER_PLUGINS)/mendaris-k
+	install -m 755 build/native/mendaris-k build/native/MendarisK.so $(GIMP_USER_PLUGINS)/mendaris-k/
 
 clean:
 	rm -rf build
