@@ -7,9 +7,10 @@
         (map (lambda (x) (car (gimp-selection-value image x 0))) '(0 24 36 48 60 72 96))))
 
 ; Opens IN, selects by the alpha of MASK-LAYER (no selection when it is #f),
-; runs the filter on the active layer and exports the image to OUT, as TIFF
-; or PNG by its name. A refusal is reported by GIMP, and the image is
-; exported all the same. The filter must leave the selection as it was.
+; runs the filter on the active layer as the menu does, and exports the
+; image to OUT, as TIFF or PNG by its name. A refusal is shown as a GIMP
+; message, and the image is exported all the same. The filter must leave
+; the selection as it was.
 (define (mendaris-file in out mask-layer)
   (let* ((image (car (gimp-file-load RUN-NONINTERACTIVE in in)))
          (layer (car (gimp-image-get-active-layer image))))
@@ -20,7 +21,7 @@
           (gimp-image-remove-layer image copy)
           (gimp-image-set-active-layer image layer)))
     (let ((before (selection-state image)))
-      (catch #f (plug-in-mendaris-k RUN-NONINTERACTIVE image layer))
+      (catch #f (plug-in-mendaris-k RUN-INTERACTIVE image layer))
       (if (not (equal? before (selection-state image)))
           (gimp-message (string-append "FAIL: the selection of " in " changed"))))
     (if (string=? (substring out (- (string-length out) 4) (string-length out)) ".tif")

@@ -79,7 +79,8 @@ done
 grep -qxF "script-fu-Warning: plug-in-mendaris-k in <Image>/Filters/Tawny Quince/Mendaris K" gimp.log ||
   fail "the plug-in is not in GIMP's menu as Filters/Tawny Quince/Mendaris K"
 refusal="This filter cannot operate on the image's background. Use it on a layer with transparent regions."
-[ "$(grep -cxF "$refusal" gimp.log)" = 1 ] || fail "the refusal of the layer without alpha is not in GIMP's output once"
+[ "$(grep -cxF "Mendaris K-Warning: $refusal" gimp.log)" = 1 ] ||
+  fail "the refusal of the layer without alpha is not a GIMP message, once"
 if [ "$failures" -ne 0 ]; then
   echo "--- GIMP's output:"; cat gimp.log
   exit 1
