@@ -8,7 +8,9 @@ CMAKE_FLAGS ?=
 CTEST = ctest --output-on-failure -j$(JOBS)
 PREFIX ?= /usr/local
 
-.PHONY: all deps native win64 win32 native32 asan tsan fuzz-build windows test test-native test-asan test-tsan test-fuzz demo bench fuzz clean install package
+GIMP_USER_PLUGINS ?= $(HOME)/.config/GIMP/2.10/plug-ins
+
+.PHONY: all deps native win64 win32 native32 asan tsan fuzz-build windows test test-native test-asan test-tsan test-fuzz demo bench fuzz clean install install-gimp-user package
 
 all: native
 
@@ -74,6 +76,8 @@ test-fuzz:
 fuzz: fuzz-build
 	@bash scripts/fuzz.sh 600
 
+# The tool, its module and man page under PREFIX; the GIMP plug-in into GIMP's
+# own plug-in folder (as gimptool-2.0 reports it). DESTDIR stages the lot.
 install: native
 	@DESTDIR=$(DESTDIR) cmake --install build/native --prefix $(PREFIX)
 
@@ -85,6 +89,13 @@ demo: native
 
 bench: native
 	@bash scripts/bench.sh
+
+# The GIMP plug-in for the present user only: GIMP 2.10's folder in the home.
+install-gimp-user: deps
+	@cmake -S . -B build/native -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/native -j$(JOBS) --target mendaris-k MendarisK
+	install -d $(GIMP_USER_PLUGINS)/mendaris-k
+	install -m 755 build/native/mendaris-k build/native/MendarisK.so $(GIMP_USER_PLUGINS)/mendaris-k/
 
 clean:
 	rm -rf build

@@ -38,5 +38,8 @@ set(CPACK_DEBIAN_PACKAGE_SECTION graphics)
 # become the package's dependencies, through dpkg-shlibdeps.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS man-db)
+# The tool and its module only: the GIMP plug-in (component gimp) is installed
+# by make install, not shipped in this package, which would then need GIMP.
+set(CPACK_COMPONENTS_ALL Unspecified)
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_SOURCE_DIR}/build/package)
 include(CPack)
