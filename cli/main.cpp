@@ -11,6 +11,7 @@
 // its input.
 #include <errno.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -21,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/batch.h"
 #include "cli/filter_session.h"
 #include "cli/image_files.h"
 #include "cli/interrupt.h"
@@ -57,6 +59,8 @@ const char kUsage[] =
     "      --compression HOW  PNG output: fast, default (about as small as common\n"
     "                         tools make it, at a fraction of their time),\n"
     "                         smallest (for archives: slower), or a level 1..12\n"
+    "  -j, --jobs N           do up to N files at once, each in a process of its\n"
+    "                         own (default: one per processor)\n"
     "      --module PATH      run this build of the plug-in module instead of\n"
     "                         " MENDARIS_DEFAULT_MODULE
     "\n"
@@ -81,6 +85,8 @@ struct Options {
   std::string module;
   std::string compressionText;
   int compression = kCompressionDefault;
+  std::string jobsText;
+  int jobs = 0;  // 0: one per processor
   bool quiet = false;
   bool about = false;
   bool version = false;
@@ -100,13 +106,14 @@ int parseArguments(int argc, char** argv, Options& options) {
     std::string* value;
     bool* seen;
   };
-  bool maskSeen = false, moduleSeen = false, compressionSeen = false;
+  bool maskSeen = false, moduleSeen = false, compressionSeen = false, jobsSeen = false;
   const ValueOption valueOptions[] = {
       {"-o", "--output-dir", &options.outputDir, &options.haveOutputDir},
       {"-s", "--suffix", &options.suffix, &options.haveSuffix},
       {"-m", "--mask", &options.mask, &maskSeen},
       {nullptr, "--module", &options.module, &moduleSeen},
       {nullptr, "--compression", &options.compressionText, &compressionSeen},
+      {"-j", "--jobs", &options.jobsText, &jobsSeen},
   };
   struct FlagOption {
     const char* shortName;
@@ -161,6 +168,12 @@ int parseArguments(int argc, char** argv, Options& options) {
   if (options.help || options.version || options.about) return -1;
   if (compressionSeen && !parseCompression(options.compressionText, options.compression))
     return usageError("--compression takes fast, default, smallest or a level from 1 to 12");
+  if (jobsSeen) {
+    char* end = nullptr;
+    long n = strtol(options.jobsText.c_str(), &end, 10);
+    if (options.jobsText.empty() || *end != '\0' || n < 1 || n > 1024) return usageError("--jobs takes a number from 1 up");
+    options.jobs = int(n);
+  }
   if (options.haveOutputDir && options.outputDir.empty()) return usageError("-o needs a folder name");
   if (options.haveOutputDir || options.haveSuffix) {
     if (positional.empty()) return usageError("no input files");
@@ -300,6 +313,33 @@ FileResult processFile(FilterSession& session, const Options& options, const std
   return FileResult::done;
 }
 
+// Several files at once, each in a worker process (cli/batch.h) that is
+// given the options that shape a result.
+int runInWorkers(const Options& options, const std::string& modulePath, int jobs) {
+  std::vector<std::string> workerOptions = {"--module", modulePath};
+  if (!options.mask.empty()) workerOptions.insert(workerOptions.end(), {"--mask", options.mask});
+  if (!options.compressionText.empty())
+    workerOptions.insert(workerOptions.end(), {"--compression", options.compressionText});
+  std::vector<BatchFile> files;
+  std::set<std::string> outputsTaken;
+  int failures = 0;
+  for (const std::string& input : options.inputs) {
+    std::string output = batchOutputName(options, input);
+    if (!outputsTaken.insert(output).second) {
+      report(input, "its output " + output + " is already the output of an earlier file");
+      ++failures;
+      continue;
+    }
+    files.push_back(BatchFile{input, output});
+  }
+  BatchResult result = runBatch(files, workerOptions, jobs);
+  if (result.stopped || interrupted()) {
+    fprintf(stderr, "mendaris: stopped\n");
+    return interrupted() ? interruptStatus() : 130;
+  }
+  return failures + result.failures == 0 ? 0 : 1;
+}
+
 int runTool(int argc, char** argv) {
   Options options;
   int parsed = parseArguments(argc, argv, options);
@@ -346,6 +386,8 @@ int runTool(int argc, char** argv) {
   bool stopReported = false;
   std::set<std::string> outputsTaken;
   size_t count = options.inputs.size();
+  int jobs = options.jobs > 0 ? options.jobs : defaultJobs();
+  if (jobs > 1 && count > 1) return runInWorkers(options, modulePath, jobs);
   for (size_t i = 0; i < count && !interrupted(); ++i) {
     const std::string& input = options.inputs[i];
     std::string output = options.output.empty() ? batchOutputName(options, input) : options.output;
