@@ -55,9 +55,11 @@ for size in $sizes; do
 done
 
 echo
-echo "== reading and writing alone (islands 4096, 8 and 16 bits) =="
-"$b/file_io_times" "$images/islands_4096_8.png" "$runs"
-"$b/file_io_times" "$images/islands_4096_16.png" "$runs"
+echo "== reading and writing alone (filled islands 4096, 8 and 16 bits) =="
+for depth in 8 16; do
+  build/native/mendaris --quiet "$images/islands_4096_$depth.png" "$work/filled.png"
+  "$b/file_io_times" "$work/filled.png" "$runs"
+done
 
 echo
 echo "== the filter alone (stand-in host, $(nproc) processors) =="
