@@ -62,6 +62,17 @@ for depth in 8 16; do
 done
 
 echo
+echo "== many files: 24 textures of 1024 (atlas and islands, 8 and 16 bits), best of $runs =="
+mkdir -p "$work/many"
+for i in $(seq 6); do
+  for f in "$images"/*_1024_*.png; do cp "$f" "$work/many/${i}_$(basename "$f")"; done
+done
+for jobs in 1 $(nproc); do
+  read -r seconds _ < <(best_of build/native/mendaris --quiet -j "$jobs" "$work"/many/*.png -o "$work/many-out")
+  echo "  -j $jobs: $seconds s"
+done
+
+echo
 echo "== the filter alone (stand-in host, $(nproc) processors) =="
 "$b/end_to_end_timing" 1024 8 3
 "$b/end_to_end_timing" 4096 8
