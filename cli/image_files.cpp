@@ -14,6 +14,7 @@
 
 #include "cli/depth_mapping.h"
 #include "cli/interrupt.h"
+#include "cli/png_reader.h"
 #include "cli/png_writer.h"
 #include "cli/progress.h"
 
@@ -340,6 +341,12 @@ IoResult readLayer(const std::string& path, standin::Document& document, LayerSo
                       : depth == 16        ? TypeDesc::UINT16
                                            : TypeDesc::FLOAT;
   bool direct = identityOrder(order) && !source.premultiplied && depth != 16;
+  // The common kind of PNG is read past the library, faster; anything else
+  // about it (and any damage) is left to the library.
+  if (source.formatName == "png" && identityOrder(order) && !source.premultiplied && depth != 32) {
+    if (readPlainPng(path, document)) return IoResult::done;
+    if (interrupted()) return IoResult::interrupted;
+  }
   size_t samples = size_t(spec.width) * size_t(spec.height) * size_t(channels);
   std::vector<uint8_t> staging;
   try {

@@ -1,7 +1,8 @@
 // The band-parallel PNG writer: every kind of layer it writes, at every
 // compression, decodes through OpenImageIO (libpng beneath) to exactly the
-// samples given, 16-bit ones mapped from the host's range; and a stop asked
-// for by the progress callback writes nothing.
+// samples given, 16-bit ones mapped from the host's range, and the tool's own
+// reader gives the layer back; a stop asked for by the progress callback
+// writes nothing.
 #include <stdio.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "cli/depth_mapping.h"
+#include "cli/png_reader.h"
 #include "cli/png_writer.h"
 
 namespace {
@@ -80,6 +82,11 @@ TEST(PngWriter, DecodesToTheSamplesGivenForEveryKindAndCompression) {
       std::vector<uint16_t> got(size_t(k.width) * size_t(k.height) * size_t(channels));
       ASSERT_TRUE(in->read_image(0, 0, 0, channels, OIIO::TypeDesc::UINT16, got.data())) << in->geterror();
       in->close();
+      standin::Document back = standin::Document::make(k.width, k.height, k.depth, k.colourPlanes, k.withAlpha);
+      EXPECT_TRUE(mendaris_cli::readPlainPng(path, back));
+      if (k.withAlpha) {
+        EXPECT_TRUE(back.pixels == d.pixels);
+      }
       unlink(path.c_str());
       size_t mismatches = 0;
       for (size_t p = 0; p < size_t(k.width) * size_t(k.height); ++p) {
