@@ -48,7 +48,7 @@ const char kUsage[] =
     "\n"
     "IN is read as a layer with transparency (gray and alpha, or RGBA) at 8 or\n"
     "16 bits, half or float; OUT is written in the format its extension names,\n"
-    "at IN's bit depth. Several inputs are done one after another.\n"
+    "at IN's bit depth. Several inputs are done in parallel (see -j).\n"
     "\n"
     "Options:\n"
     "  -o, --output-dir DIR   write each result into DIR, under its input's name\n"
