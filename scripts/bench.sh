@@ -57,6 +57,7 @@ done
 echo
 echo "== reading and writing alone (filled islands 4096, 8 and 16 bits) =="
 for depth in 8 16; do
+  [ -s "$images/islands_4096_$depth.png" ] || "$b/make_bench_images" islands 4096 "$depth" "$images/islands_4096_$depth.png"
   build/native/mendaris --quiet "$images/islands_4096_$depth.png" "$work/filled.png"
   "$b/file_io_times" "$work/filled.png" "$runs"
 done
