@@ -60,7 +60,9 @@ bool readPlainPng(const std::string& path, standin::Document& document) {
   std::vector<uint8_t> file;
   if (!readWhole(path, file) || file.size() < 8 || memcmp(file.data(), "\x89PNG\r\n\x1a\n", 8) != 0) return false;
   static const int kPlanesOfColourType[] = {1, 0, 3, 0, 2, 0, 4};
-  std::vector<uint8_t> stream;
+  // The IDAT payloads are moved down to the front of the file's own buffer,
+  // into one stream: no second copy of it is held.
+  size_t streamSize = 0;
   bool header = false, ended = false;
   for (size_t at = 8; at + 12 <= file.size() && !ended;) {
     uint32_t size = big32(&file[at]);
@@ -75,7 +77,8 @@ bool readPlainPng(const std::string& path, standin::Document& document) {
         return false;
       header = true;
     } else if (memcmp(type, "IDAT", 4) == 0) {
-      stream.insert(stream.end(), data, data + size);
+      memmove(file.data() + streamSize, data, size);
+      streamSize += size;
     } else if (memcmp(type, "IEND", 4) == 0) {
       ended = true;
     } else if (memcmp(type, "PLTE", 4) == 0 || memcmp(type, "tRNS", 4) == 0) {
@@ -84,7 +87,6 @@ bool readPlainPng(const std::string& path, standin::Document& document) {
     at += size + 12;
   }
   if (!header || !ended) return false;
-  std::vector<uint8_t>().swap(file);
 
   size_t sampleBytes = size_t(document.depth / 8);
   size_t rowBytes = size_t(document.width) * size_t(document.planes()) * sampleBytes;
@@ -94,10 +96,10 @@ bool readPlainPng(const std::string& path, standin::Document& document) {
   if (inflater == nullptr) return false;
   size_t produced = 0;
   libdeflate_result result =
-      libdeflate_zlib_decompress(inflater, stream.data(), stream.size(), raw.data(), raw.size(), &produced);
+      libdeflate_zlib_decompress(inflater, file.data(), streamSize, raw.data(), raw.size(), &produced);
   libdeflate_free_decompressor(inflater);
   if (result != LIBDEFLATE_SUCCESS || produced != raw.size()) return false;
-  std::vector<uint8_t>().swap(stream);
+  std::vector<uint8_t>().swap(file);
 
   std::vector<uint8_t> zeros(rowBytes, 0);
   size_t bpp = size_t(document.planes()) * sampleBytes;
