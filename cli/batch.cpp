@@ -4,19 +4,17 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <functional>
 #include <thread>
 
 #include "cli/interrupt.h"
 #include "cli/progress.h"
-
-extern char** environ;
 
 namespace mendaris_cli {
 
@@ -36,38 +34,30 @@ double secondsNow() {
   return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
 }
 
-std::string selfPath() {
-  char self[4096];
-  ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (n <= 0) return "mendaris";
-  self[n] = '\0';
-  return self;
-}
-
-bool startWorker(const std::string& program, const std::vector<std::string>& options, const BatchFile& file,
-                 Worker& worker) {
+// A worker is this process forked: the plug-in is loaded already and has
+// never run, so each worker starts from the state a fresh process has, at no
+// cost of starting one. Its stderr is a pipe to here.
+bool startWorker(const std::function<int(const BatchFile&)>& runOne, const BatchFile& file, Worker& worker) {
   int fds[2];
   if (pipe(fds) != 0) return false;
-  fcntl(fds[0], F_SETFD, FD_CLOEXEC);
-  std::vector<std::string> args = {program, "--quiet"};
-  args.insert(args.end(), options.begin(), options.end());
-  args.push_back("--");
-  args.push_back(file.input);
-  args.push_back(file.output);
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
-  posix_spawn_file_actions_addclose(&actions, fds[1]);
-  int failed = posix_spawn(&worker.pid, program.c_str(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(fds[1]);
-  if (failed != 0) {
+  fflush(nullptr);
+  worker.pid = fork();
+  if (worker.pid < 0) {
     close(fds[0]);
+    close(fds[1]);
     return false;
   }
+  if (worker.pid == 0) {
+    close(fds[0]);
+    dup2(fds[1], STDERR_FILENO);
+    close(fds[1]);
+    progressSetUp(true);
+    int status = runOne(file);
+    fflush(nullptr);
+    _exit(status);
+  }
+  close(fds[1]);
+  fcntl(fds[0], F_SETFD, FD_CLOEXEC);
   worker.pipe = fds[0];
   worker.messages.clear();
   worker.start = secondsNow();
@@ -81,10 +71,9 @@ int defaultJobs() {
   return n == 0 ? 1 : int(n);
 }
 
-BatchResult runBatch(const std::vector<BatchFile>& files, const std::vector<std::string>& workerOptions,
+BatchResult runBatch(const std::vector<BatchFile>& files, const std::function<int(const BatchFile&)>& runOne,
                      int parallel) {
   BatchResult result;
-  std::string program = selfPath();
   std::vector<Worker> running;
   size_t next = 0, finished = 0;
   bool forwarded = false;
@@ -110,7 +99,7 @@ BatchResult runBatch(const std::vector<BatchFile>& files, const std::vector<std:
     while (!result.stopped && next < files.size() && int(running.size()) < parallel) {
       Worker worker;
       worker.file = next;
-      if (!startWorker(program, workerOptions, files[next], worker)) {
+      if (!startWorker(runOne, files[next], worker)) {
         progressClear();
         fprintf(stderr, "mendaris: %s: cannot start a worker: %s\n", files[next].input.c_str(), strerror(errno));
         ++result.failures;

@@ -313,13 +313,8 @@ FileResult processFile(FilterSession& session, const Options& options, const std
   return FileResult::done;
 }
 
-// Several files at once, each in a worker process (cli/batch.h) that is
-// given the options that shape a result.
-int runInWorkers(const Options& options, const std::string& modulePath, int jobs) {
-  std::vector<std::string> workerOptions = {"--module", modulePath};
-  if (!options.mask.empty()) workerOptions.insert(workerOptions.end(), {"--mask", options.mask});
-  if (!options.compressionText.empty())
-    workerOptions.insert(workerOptions.end(), {"--compression", options.compressionText});
+// Several files at once, each in a worker process (cli/batch.h).
+int runInWorkers(FilterSession& session, const Options& options, int jobs) {
   std::vector<BatchFile> files;
   std::set<std::string> outputsTaken;
   int failures = 0;
@@ -332,7 +327,18 @@ int runInWorkers(const Options& options, const std::string& modulePath, int jobs
     }
     files.push_back(BatchFile{input, output});
   }
-  BatchResult result = runBatch(files, workerOptions, jobs);
+  auto runOne = [&](const BatchFile& file) {
+    FileResult result;
+    try {
+      result = processFile(session, options, file.input, file.output, baseName(file.input));
+    } catch (const std::bad_alloc&) {
+      report(file.input, "not enough memory");
+      result = FileResult::failed;
+    }
+    if (result == FileResult::interrupted) report(file.input, "stopped; " + file.output + " was not written");
+    return result == FileResult::done ? 0 : result == FileResult::failed ? 1 : interruptStatus();
+  };
+  BatchResult result = runBatch(files, runOne, jobs);
   if (result.stopped || interrupted()) {
     fprintf(stderr, "mendaris: stopped\n");
     return interrupted() ? interruptStatus() : 130;
@@ -387,7 +393,7 @@ int runTool(int argc, char** argv) {
   std::set<std::string> outputsTaken;
   size_t count = options.inputs.size();
   int jobs = options.jobs > 0 ? options.jobs : defaultJobs();
-  if (jobs > 1 && count > 1) return runInWorkers(options, modulePath, jobs);
+  if (jobs > 1 && count > 1) return runInWorkers(session, options, jobs);
   for (size_t i = 0; i < count && !interrupted(); ++i) {
     const std::string& input = options.inputs[i];
     std::string output = options.output.empty() ? batchOutputName(options, input) : options.output;
