@@ -10,8 +10,12 @@
 #include <cmath>
 #include <new>
 
+#include <zlib.h>
+
 #include "cli/depth_mapping.h"
 #include "cli/interrupt.h"
+#include "cli/png_reader.h"
+#include "cli/png_writer.h"
 #include "cli/progress.h"
 
 namespace mendaris_cli {
@@ -168,6 +172,89 @@ std::string temporaryBeside(const std::string& path) {
   return folder + "." + stem + tag + extension;
 }
 
+
+void putBig32(std::vector<uint8_t>& to, uint32_t v) {
+  for (int shift = 24; shift >= 0; shift -= 8) to.push_back(uint8_t(v >> shift));
+}
+
+// The PNG chunks that carry the metadata the tool keeps, as OpenImageIO's own
+// PNG writer spells them (so that it reads them back under the same names).
+std::vector<PngChunk> pngMetadata(const ImageSpec& source) {
+  std::vector<PngChunk> chunks;
+  std::string space = source.get_string_attribute("oiio:ColorSpace");
+  if (space == "sRGB") {
+    PngChunk gamma{"gAMA", {}};
+    putBig32(gamma.data, 45455);
+    chunks.push_back(gamma);
+    chunks.push_back(PngChunk{"sRGB", {3}});
+    PngChunk white{"cHRM", {}};
+    for (uint32_t v : {31270u, 32900u, 64000u, 33000u, 30000u, 60000u, 15000u, 6000u}) putBig32(white.data, v);
+    chunks.push_back(white);
+  } else if (space == "GammaCorrected" && source.get_float_attribute("oiio:Gamma") > 0.0f) {
+    PngChunk gamma{"gAMA", {}};
+    putBig32(gamma.data, uint32_t(std::lround(100000.0 / source.get_float_attribute("oiio:Gamma"))));
+    chunks.push_back(gamma);
+  }
+  const OIIO::ParamValue* icc = source.find_attribute("ICCProfile");
+  if (icc != nullptr && icc->type().basetype == TypeDesc::UINT8) {
+    const uint8_t* profile = static_cast<const uint8_t*>(icc->data());
+    std::vector<uint8_t> packed(compressBound(uLong(icc->type().numelements())));
+    uLongf size = uLongf(packed.size());
+    if (compress2(packed.data(), &size, profile, uLong(icc->type().numelements()), 9) == Z_OK) {
+      PngChunk chunk{"iCCP", {}};
+      const char name[] = "ICC Profile";
+      chunk.data.assign(name, name + sizeof(name));  // with its terminating zero
+      chunk.data.push_back(0);                       // deflate
+      chunk.data.insert(chunk.data.end(), packed.begin(), packed.begin() + long(size));
+      chunks.push_back(chunk);
+    }
+  }
+  float xres = source.get_float_attribute("XResolution"), yres = source.get_float_attribute("YResolution");
+  if (xres > 0.0f && yres > 0.0f) {
+    std::string unit = source.get_string_attribute("ResolutionUnit");
+    double perMetre = unit == "cm" ? 100.0 : unit == "in" || unit == "inch" ? 1.0 / 0.0254 : 0.0;
+    PngChunk chunk{"pHYs", {}};
+    putBig32(chunk.data, uint32_t(std::lround(xres * (perMetre > 0.0 ? perMetre : 1.0))));
+    putBig32(chunk.data, uint32_t(std::lround(yres * (perMetre > 0.0 ? perMetre : 1.0))));
+    chunk.data.push_back(perMetre > 0.0 ? 1 : 0);
+    chunks.push_back(chunk);
+  }
+  const char* const kTextKeys[][2] = {{"ImageDescription", "Description"}, {"Artist", "Author"},
+                                      {"Copyright", "Copyright"},         {"DocumentName", "Title"},
+                                      {"Software", "Software"}};
+  for (const auto& key : kTextKeys) {
+    std::string value = key[0] == std::string("Software") ? "Mendaris K 1.0.0" : source.get_string_attribute(key[0]);
+    if (value.empty()) continue;
+    PngChunk chunk{"tEXt", {}};
+    chunk.data.assign(key[1], key[1] + strlen(key[1]) + 1);
+    chunk.data.insert(chunk.data.end(), value.begin(), value.end());
+    chunks.push_back(chunk);
+  }
+  return chunks;
+}
+
+// PNG through the tool's own writer, into an open temporary file.
+IoResult writePngFile(const std::string& temporary, const standin::Document& document, bool keepAlpha,
+                      const LayerSource& source, int compression, std::string& problem) {
+  FILE* file = fopen(temporary.c_str(), "wb");
+  if (file == nullptr) {
+    problem = std::string("cannot write: ") + strerror(errno);
+    return IoResult::failed;
+  }
+  bool stopped = false;
+  bool ok = writePng(file, document, keepAlpha, compression, pngMetadata(source.spec), imageProgress,
+                     const_cast<char*>("writing"), stopped, problem,
+                     source.alpha16.empty() ? nullptr : source.alpha16.data());
+  if (fclose(file) != 0 && ok) {
+    ok = false;
+    problem = strerror(errno);
+  }
+  if (ok) return IoResult::done;
+  if (stopped || interrupted()) return IoResult::interrupted;
+  problem = "cannot write: " + problem;
+  return IoResult::failed;
+}
+
 }  // namespace
 
 bool sameFile(const std::string& a, const std::string& b) {
@@ -255,6 +342,14 @@ IoResult readLayer(const std::string& path, standin::Document& document, LayerSo
                       : depth == 16        ? TypeDesc::UINT16
                                            : TypeDesc::FLOAT;
   bool direct = identityOrder(order) && !source.premultiplied && depth != 16;
+  // The common kind of PNG is read past the library, faster; anything else
+  // about it (and any damage) is left to the library.
+  // (Not where a 16-bit file's own alpha is kept: the library's road keeps it.)
+  if (source.formatName == "png" && identityOrder(order) && !source.premultiplied && depth != 32 &&
+      !(source.keepAlpha && depth == 16)) {
+    if (readPlainPng(path, document)) return IoResult::done;
+    if (interrupted()) return IoResult::interrupted;
+  }
   size_t samples = size_t(spec.width) * size_t(spec.height) * size_t(channels);
   std::vector<uint8_t> staging;
   try {
@@ -398,7 +493,7 @@ bool checkOutput(const std::string& path, std::string& problem) {
 }
 
 IoResult writeLayer(const std::string& path, const standin::Document& document, const LayerSource& source,
-                    std::string& problem) {
+                    std::string& problem, int compression) {
   std::unique_ptr<ImageOutput> out;
   {
     QuietStderr quiet;
@@ -443,6 +538,18 @@ IoResult writeLayer(const std::string& path, const standin::Document& document, 
   }
   spec.attribute("Software", "Mendaris K 1.0.0");
   bool premultiply = keepAlpha && format == "openexr";
+  if (format == "png" && depth != 32) {
+    std::string temporary = temporaryBeside(path);
+    setPendingFile(temporary);
+    IoResult result = writePngFile(temporary, document, keepAlpha, source, compression, problem);
+    if (result == IoResult::done && rename(temporary.c_str(), path.c_str()) != 0) {
+      problem = std::string("cannot write: ") + strerror(errno);
+      result = IoResult::failed;
+    }
+    if (result != IoResult::done) unlink(temporary.c_str());
+    clearPendingFile();
+    return result;
+  }
   // Straight colour goes out as it is: without the hint the writers would
   // divide it by alpha, taking it for multiplied.
   if (!premultiply) spec.attribute("oiio:UnassociatedAlpha", 1);

@@ -58,8 +58,10 @@ bool checkOutput(const std::string& path, std::string& problem);
 
 // Writes the document into a temporary file beside `path` and renames it to
 // `path` only once it is complete: on any failure or signal nothing is left.
+// PNG at 8 and 16 bits goes through the tool's own writer (cli/png_writer.h)
+// at the given compression; every other kind through the library.
 IoResult writeLayer(const std::string& path, const standin::Document& document, const LayerSource& source,
-                    std::string& problem);
+                    std::string& problem, int compression = 0);
 
 // True when both names lead to the same existing file.
 bool sameFile(const std::string& a, const std::string& b);

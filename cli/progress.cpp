@@ -39,7 +39,9 @@ void writeAll(const std::string& text) {
 }  // namespace
 
 void progressSetUp(bool quiet) {
-  if (!quiet && isatty(STDERR_FILENO)) lineFd = dup(STDERR_FILENO);
+  if (lineFd >= 0) close(lineFd);  // set up again, as in a worker process
+  lineFd = !quiet && isatty(STDERR_FILENO) ? dup(STDERR_FILENO) : -1;
+  lineDrawn = false;
 }
 
 bool progressShown() { return lineFd >= 0; }

@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   libopenimageio-dev openimageio-tools
-  libdeflate-dev libspng-dev
+  libdeflate-dev libspng-dev libisal-dev zlib1g-dev
   gimp libgimp2.0-dev
   imagemagick libvips-tools hyperfine
   go-md2man

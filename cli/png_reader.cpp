@@ -1,0 +1,151 @@
+#include "cli/png_reader.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+#include <vector>
+
+#include <libdeflate.h>
+
+#include "cli/depth_mapping.h"
+#include "cli/progress.h"
+
+namespace mendaris_cli {
+
+namespace {
+
+uint32_t big32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
+
+// Whole-file and whole-image buffers are mapped, not allocated: a large block
+// taken from and given back to malloc would raise its mapping threshold and
+// leave the filter's later allocations fragmenting the heap (tens of MiB more
+// at the peak).
+struct Mapping {
+  uint8_t* data = nullptr;
+  size_t size = 0;
+  Mapping() = default;
+  Mapping(const Mapping&) = delete;
+  Mapping& operator=(const Mapping&) = delete;
+  ~Mapping() {
+    if (data != nullptr) munmap(data, size);
+  }
+  bool map(size_t bytes, int fd) {
+    void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, fd < 0 ? MAP_PRIVATE | MAP_ANONYMOUS : MAP_PRIVATE, fd, 0);
+    if (p == MAP_FAILED) return false;
+    data = static_cast<uint8_t*>(p);
+    size = bytes;
+    return true;
+  }
+};
+
+// The file, writable in this process only (its IDAT payloads are joined in place).
+bool mapFile(const std::string& path, Mapping& file) {
+  int fd = open(path.c_str(), O_RDONLY);
+  if (fd < 0) return false;
+  struct stat info;
+  bool ok = fstat(fd, &info) == 0 && info.st_size > 0 && file.map(size_t(info.st_size), fd);
+  close(fd);
+  return ok;
+}
+
+// Undoes one row's filter in place; `prior` is the row above, unfiltered (zeros for the first).
+bool unfilterRow(uint8_t filter, uint8_t* row, const uint8_t* prior, size_t n, size_t bpp) {
+  switch (filter) {
+    case 0:
+      return true;
+    case 1:
+      for (size_t i = bpp; i < n; ++i) row[i] = uint8_t(row[i] + row[i - bpp]);
+      return true;
+    case 2:
+      for (size_t i = 0; i < n; ++i) row[i] = uint8_t(row[i] + prior[i]);
+      return true;
+    case 3:
+      for (size_t i = 0; i < bpp; ++i) row[i] = uint8_t(row[i] + (prior[i] >> 1));
+      for (size_t i = bpp; i < n; ++i) row[i] = uint8_t(row[i] + ((row[i - bpp] + prior[i]) >> 1));
+      return true;
+    case 4:
+      for (size_t i = 0; i < bpp; ++i) row[i] = uint8_t(row[i] + prior[i]);
+      for (size_t i = bpp; i < n; ++i) {
+        int a = row[i - bpp], b = prior[i], c = prior[i - bpp];
+        int pa = abs(b - c), pb = abs(a - c), pc = abs(a + b - 2 * c);
+        row[i] = uint8_t(row[i] + (pa <= pb && pa <= pc ? a : pb <= pc ? b : c));
+      }
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+bool readPlainPng(const std::string& path, standin::Document& document) {
+  Mapping file;
+  if (!mapFile(path, file) || file.size < 8 || memcmp(file.data, "\x89PNG\r\n\x1a\n", 8) != 0) return false;
+  static const int kPlanesOfColourType[] = {1, 0, 3, 0, 2, 0, 4};
+  // The IDAT payloads are moved down to the front of the file's own buffer,
+  // into one stream: no second copy of it is held.
+  size_t streamSize = 0;
+  bool header = false, ended = false;
+  for (size_t at = 8; at + 12 <= file.size && !ended;) {
+    uint32_t size = big32(file.data + at);
+    if (size > file.size - at - 12) return false;
+    const uint8_t* type = file.data + at + 4;
+    const uint8_t* data = type + 4;
+    if (libdeflate_crc32(libdeflate_crc32(0, type, 4), data, size) != big32(data + size)) return false;
+    if (memcmp(type, "IHDR", 4) == 0) {
+      if (size != 13 || big32(data) != uint32_t(document.width) || big32(data + 4) != uint32_t(document.height) ||
+          data[8] != document.depth || data[9] > 6 || kPlanesOfColourType[data[9]] != document.planes() ||
+          data[10] != 0 || data[11] != 0 || data[12] != 0)
+        return false;
+      header = true;
+    } else if (memcmp(type, "IDAT", 4) == 0) {
+      memmove(file.data + streamSize, data, size);
+      streamSize += size;
+    } else if (memcmp(type, "IEND", 4) == 0) {
+      ended = true;
+    } else if (memcmp(type, "PLTE", 4) == 0 || memcmp(type, "tRNS", 4) == 0) {
+      return false;
+    }
+    at += size + 12;
+  }
+  if (!header || !ended) return false;
+
+  size_t sampleBytes = size_t(document.depth / 8);
+  size_t rowBytes = size_t(document.width) * size_t(document.planes()) * sampleBytes;
+  size_t rows = size_t(document.height);
+  Mapping raw;
+  if (!raw.map(rows * (rowBytes + 1), -1)) return false;
+  libdeflate_decompressor* inflater = libdeflate_alloc_decompressor();
+  if (inflater == nullptr) return false;
+  size_t produced = 0;
+  libdeflate_result result =
+      libdeflate_zlib_decompress(inflater, file.data, streamSize, raw.data, raw.size, &produced);
+  libdeflate_free_decompressor(inflater);
+  if (result != LIBDEFLATE_SUCCESS || produced != raw.size) return false;
+
+  std::vector<uint8_t> zeros(rowBytes, 0);
+  size_t bpp = size_t(document.planes()) * sampleBytes;
+  for (size_t y = 0; y < rows; ++y) {
+    uint8_t* row = raw.data + y * (rowBytes + 1) + 1;
+    const uint8_t* prior = y == 0 ? zeros.data() : row - (rowBytes + 1);
+    if (!unfilterRow(row[-1], row, prior, rowBytes, bpp)) return false;
+    uint8_t* to = document.pixels.data() + y * rowBytes;
+    if (sampleBytes == 1) {
+      memcpy(to, row, rowBytes);
+    } else {
+      for (size_t i = 0; i < rowBytes; i += 2) {
+        uint16_t h = fileToHost16(uint16_t(row[i] << 8 | row[i + 1]));
+        memcpy(to + i, &h, 2);
+      }
+    }
+    if (y % 256 == 255 && imageProgress(const_cast<char*>("reading"), float(y) / float(rows))) return false;
+  }
+  return true;
+}
+
+}  // namespace mendaris_cli
