@@ -39,6 +39,8 @@ enum : uint16_t {
   kErrScratchAlloc = 227,
   kErrUserAbort = 228,
   kErrReadAdvance = 231,
+  kErrJobGivenUp = 232,    // a job stopped with units left: no unit record, event or thread to be had
+  kErrUnitMemory = 233,    // a store unit could not get its line buffer
 };
 
 // The module's own positive result values: no message goes with them.
