@@ -587,7 +587,7 @@ void buildFillFields(PixelStore* source) {
   params->opaqueStore = buildOpaqueStore(source);
   if (params->distanceStore == nullptr || params->opaqueStore == nullptr) {
     // Out of memory for a store of the run: reported as for the source store.
-    setFailure(kErrSourceStore, kResultSourceFailed);
+    reportShortfall(kErrSourceStore, kResultSourceFailed);
   }
   PixelStore* field = params->distanceStore;
   if (field == nullptr) return;

@@ -22,6 +22,13 @@ void setFailure(uint16_t code, int16_t result) {
   setResult(result);
 }
 
+int16_t runShortfall = 0;
+
+void reportShortfall(uint16_t code, int16_t result) {
+  runShortfall = result;
+  setFailure(code, result);
+}
+
 namespace {
 
 FilterRecord* record() { return hostContext.filterRecord; }
@@ -182,11 +189,13 @@ void doStart() {
   }
   if (instance != nullptr) {
     instance->parametersPending = false;
-    jobShortfall = false;
+    runShortfall = 0;
     runFilter();
-    // A job given up, or a unit that could not do its work, fails the run,
-    // whatever a later advanceState answered: its output is not whole.
-    if (jobShortfall && getResult() == 0) setResult(memFullErr);
+    // A source store that could not be made leaves no tiles behind.
+    if (instance->sourceStore.tiles == nullptr && runShortfall == 0) runShortfall = kResultSourceFailed;
+    // A store, a job or a unit that memory denied fails the run, whatever a
+    // later advanceState answered: the output is not whole.
+    if (runShortfall != 0 && getResult() == 0) setResult(runShortfall);
     // A host calls no Finish after a Start that failed or was cancelled: the
     // run's memory goes now rather than never. Finish would release it again,
     // which is harmless.

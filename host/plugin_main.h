@@ -48,6 +48,13 @@ constexpr int16_t kResultRefused = 1;
 constexpr int16_t kResultScratchFailed = 3;
 constexpr int16_t kResultSourceFailed = 999;
 
+// A failure for want of memory (or of an event or a thread) inside a run:
+// reported at once, like any failure, and once more as the run ends, so that a
+// later advanceState's answer cannot hide it: the output is not whole.
+void reportShortfall(uint16_t code, int16_t result);
+// The result of the last shortfall of the present run, 0 when none.
+extern int16_t runShortfall;
+
 int16_t getResult();
 void setResult(int16_t value);
 // Records a failure: the diagnostic code and the host's result word.

@@ -13,7 +13,6 @@
 #include "store/pixel_store.h"
 
 int32_t cancelLatch = 0;
-bool jobShortfall = false;
 
 namespace {
 
@@ -35,11 +34,6 @@ bool isBoxPass(JobKind kind) {
   return kind == kJobBoxRows || kind == kJobBoxColumns || kind == kJobBoxColumnsAgain;
 }
 
-// What the host sees of a unit or a job that could not be done.
-void reportShortfall(uint16_t code) {
-  jobShortfall = true;
-  setFailure(code, memFullErr);
-}
 
 ParamBlock* params() { return hostContext.paramBlock; }
 
@@ -284,7 +278,7 @@ void collectUnit(JobUnit* unit, JobUnit** slot) {
   JobRequest request = unit->request;
   PlatformEvent startEvent = unit->startEvent;
   PlatformEvent doneEvent = unit->doneEvent;
-  if (unit->shortOfMemory) reportShortfall(kErrUnitMemory);
+  if (unit->shortOfMemory) reportShortfall(kErrUnitMemory, memFullErr);
 
   if (runStage() == kRunStageWhole) {
     if (testAbort()) {
@@ -371,7 +365,7 @@ void runJob(JobKind kind, int32_t tiling, JobRequest request) {
     bool anyBusy = false;
     for (int32_t i = 0; i < jobThreadCount; ++i) anyBusy = anyBusy || slots[i] != nullptr;
     if (!anyBusy) {
-      if (cancelLatch == 0) reportShortfall(kErrJobGivenUp);
+      if (cancelLatch == 0) reportShortfall(kErrJobGivenUp, memFullErr);
       break;
     }
     int i = platformWaitAnyEvent(doneEvents, jobThreadCount);

@@ -124,11 +124,6 @@ VRect jobRectFor(JobKind kind, const JobRequest& request);
 // the next finished unit reports at once.
 void resetProgressClock();
 
-// A job of the present run was given up, or a unit of it could not do its
-// work, for want of memory, an event or a thread; cleared at the head of a run.
-// The run then ends with memFullErr, whatever a later advanceState answered.
-extern bool jobShortfall;
-
 // The plan of the job at hand and its counters, for tests.
 const TileCursor& currentTileCursor();
 int32_t currentThreadCount();
