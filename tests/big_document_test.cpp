@@ -1,0 +1,76 @@
+// Layers at the edges of the host's 16-bit coordinates. Bands 700 pixels wide
+// (or high) alternate opaque and bare, the opaque ones in colours that change
+// every 128 pixels; the filter must give every opaque pixel back (within the
+// one step its sampling may move a colour) and leave no pixel transparent, on the road of 32-bit coordinates (the stand-in host's
+// default), on the 16-bit road, and with the record present but unused. On
+// layers that all of them can do, the outputs are equal bit for bit.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include "tests/support/test_support.h"
+
+using standin::Document;
+using standin::Host;
+using standin::HostOptions;
+using testing_support::nativeModule;
+
+namespace {
+
+constexpr int32_t kBand = 700;
+
+Document bandLayer(int32_t width, int32_t height) {
+  Document d = Document::make(width, height, 8, 3, true);
+  for (int32_t y = 0; y < height; ++y)
+    for (int32_t x = 0; x < width; ++x) {
+      int32_t along = width >= height ? x : y;
+      if ((along / kBand) % 2 != 0) continue;  // bare: all zero
+      // A colour of its own every 128 pixels, so that a fill in its place shows.
+      int32_t step = along / 128;
+      uint8_t* p = d.at(x, y);
+      p[0] = uint8_t(step * 37 + 11);
+      p[1] = uint8_t(step * 91 + 5);
+      p[2] = uint8_t(step * 53 + 200);
+      p[3] = 255;
+    }
+  return d;
+}
+
+}  // namespace
+
+TEST(BigDocument, BandLayersComeBackWholeOnEveryRoadAndEqual) {
+  struct Size {
+    int32_t width, height;
+  };
+  // Around the last 512-wide read tile that still fits 16 bits, across and down.
+  const Size kSizes[] = {{32257, 6}, {32767, 6}, {6, 32700}};
+  // -1: the host's default; 0: no record; 1: present, 16-bit coordinates; 2: 32-bit.
+  const int kRoads[] = {-1, 0, 2};
+  for (const Size& size : kSizes) {
+    const Document input = bandLayer(size.width, size.height);
+    std::string firstDigest;
+    for (int road : kRoads) {
+      SCOPED_TRACE(std::to_string(size.width) + " x " + std::to_string(size.height) + ", road " +
+                   std::to_string(road));
+      Document d = input;
+      HostOptions options;
+      if (road >= 0) options.bigDocument = road;
+      Host host(nativeModule(), d, options);
+      ASSERT_EQ(host.run().result, 0);
+      int32_t changedOpaque = 0, transparent = 0;
+      for (int32_t y = 0; y < d.height; ++y)
+        for (int32_t x = 0; x < d.width; ++x) {
+          const uint8_t* before = input.at(x, y);
+          const uint8_t* after = d.at(x, y);
+          if (before[3] == 255 && (abs(before[0] - after[0]) > 1 || abs(before[1] - after[1]) > 1 ||
+                                   abs(before[2] - after[2]) > 1 || after[3] != 255))
+            ++changedOpaque;
+          if (d.at(x, y)[3] != 255) ++transparent;
+        }
+      EXPECT_EQ(changedOpaque, 0);
+      EXPECT_EQ(transparent, 0);
+      std::string digest = standin::documentDigest(d);
+      if (firstDigest.empty()) firstDigest = digest;
+      EXPECT_EQ(digest, firstDigest);
+    }
+  }
+}
