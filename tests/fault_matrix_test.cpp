@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <set>
 
 #include "grid/sample_grid.h"
@@ -54,8 +55,9 @@ bool insideAny(const std::vector<Rect>& rects, int32_t x, int32_t y) {
 
 // The engine's own allocations, failed one call at a time (in the module linked
 // into this test, whose fault hook the test can reach).
+// Counted from the host's thread and the workers (their line buffers).
 PlatformFaultSite memorySite = kFaultBlock;
-int memoryCalls = 0;
+std::atomic<int> memoryCalls{0};
 int memoryFailAt = 0;
 size_t memoryFailedSize = 0;
 bool countMemory(PlatformFaultSite site, size_t size) {

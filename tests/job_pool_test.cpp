@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -331,13 +332,14 @@ TEST_F(JobPoolRun, ReducedLevelsAreTheSameOnOneAndAllProcessors) {
 
 namespace {
 
-int faultCalls[kFaultSiteCount];
+// Counted from the host's thread and the workers (their line buffers).
+std::atomic<int> faultCalls[kFaultSiteCount];
 int faultAt[kFaultSiteCount];
 
 bool countingFault(PlatformFaultSite site, size_t) { return ++faultCalls[site] == faultAt[site]; }
 
 void armFault(PlatformFaultSite site, int at) {
-  memset(faultCalls, 0, sizeof(faultCalls));
+  for (std::atomic<int>& c : faultCalls) c = 0;
   memset(faultAt, 0, sizeof(faultAt));
   faultAt[site] = at;
   platformFaultHook = countingFault;
