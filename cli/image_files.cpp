@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <new>
 
@@ -257,6 +258,32 @@ IoResult writePngFile(const std::string& temporary, const standin::Document& doc
 
 }  // namespace
 
+double filterPeakBytes(int32_t width, int32_t height, int planes, int depth) {
+  // Stores keep tiles 512 pixels wide with 4 spare rows each.
+  auto storeBytes = [](double w, double h, double pixelBytes) {
+    double across = std::ceil(w / 512.0);
+    double down = std::ceil(h / 512.0);
+    return across * 512.0 * (h + 4.0 * down) * pixelBytes;
+  };
+  double layer = double(width) * double(height) * double(planes) * double(depth / 8);
+  // The filter's copy: four samples a pixel at the layer's depth, with every
+  // reduced level (each about half the size of the one below, rounded up even).
+  double source = 0.0;
+  double w = width, h = height;
+  for (int level = 0; level < 20 && (w > 1.0 || h > 1.0 || level == 0); ++level) {
+    source += storeBytes(w, h, 4.0 * double(depth / 8));
+    w = std::ceil(w / 2.0);
+    h = std::ceil(h / 2.0);
+  }
+  double opaque = storeBytes(width, height, 1.0);
+  double distance = storeBytes(double(width) + 20.0, double(height) + 20.0, 4.0);
+  double longest = width > height ? width : height;
+  double cells = std::max(2.0 * (longest + 4.0), 3.0 * (double(width) + 728.0)) * 72.0;
+  // The program, its libraries and the render's cell arrays.
+  const double kFixed = 64.0 * 1048576.0;
+  return layer + source + opaque + distance + cells + kFixed;
+}
+
 bool sameFile(const std::string& a, const std::string& b) {
   struct stat sa, sb;
   if (stat(a.c_str(), &sa) != 0 || stat(b.c_str(), &sb) != 0) return false;
@@ -315,15 +342,13 @@ IoResult readLayer(const std::string& path, standin::Document& document, LayerSo
   source.spec = spec;
   source.formatName = in->format_name();
   source.premultiplied = alpha && holdsPremultiplied(source.formatName, spec);
-  // The filter keeps the layer, its pyramid and two fields of the same size:
-  // about six times the layer's own bytes. A file that asks for more than the
-  // machine has (or a damaged header that claims it) is refused before any
-  // of it is allocated.
-  double layerBytes = double(spec.width) * double(spec.height) * double((alpha ? channels : channels + 1) * depth / 8);
+  // A layer that needs more memory than the machine has (or a damaged header
+  // that claims one) is refused before any of it is allocated.
+  double needed = filterPeakBytes(spec.width, spec.height, alpha ? channels : channels + 1, depth);
   double machineBytes = double(sysconf(_SC_PHYS_PAGES)) * double(sysconf(_SC_PAGE_SIZE));
-  if (machineBytes > 0 && layerBytes * 6.0 > machineBytes) {
+  if (machineBytes > 0 && needed > machineBytes) {
     snprintf(text, sizeof(text), "is %d by %d pixels: filtering it needs about %.1f GiB of memory, and this machine has %.1f GiB",
-             spec.width, spec.height, layerBytes * 6.0 / 1073741824.0, machineBytes / 1073741824.0);
+             spec.width, spec.height, needed / 1073741824.0, machineBytes / 1073741824.0);
     problem = text;
     return IoResult::failed;
   }

@@ -24,8 +24,15 @@
 
 namespace mendaris_cli {
 
-// The largest side of a layer the filter takes: its host record holds 16-bit coordinates.
+// The largest side of a layer the filter takes. The host hands it 32-bit
+// coordinates, but the filter's render counts rows and columns in 16 bits.
 constexpr int32_t kLargestSide = 32767;
+
+// Bytes a run of the filter holds at its peak for a layer of this size, with
+// `planes` samples of `depth` bits a pixel: the layer itself (the file's
+// pixels, which the host presents as its document), the filter's copy with
+// its reduced levels, its opaque map and its distance field, and its scratch.
+double filterPeakBytes(int32_t width, int32_t height, int planes, int depth);
 
 // What the tool keeps of the file a layer came from, to write the result the same way.
 struct LayerSource {

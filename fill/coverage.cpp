@@ -471,7 +471,8 @@ void runBoxPass(PixelStore* store, int32_t level, VRect rect, JobKind kind, int3
 PixelStore* buildOpaqueStore(const PixelStore* source) {
   const int32_t width = source->levelWidth[0];
   const int32_t height = source->levelHeight[0];
-  PixelStore* store = pixelStoreCreate(width, height, kKindGray8, 0, false);
+  // Only level 0 of the map is ever read: the levels above get no memory.
+  PixelStore* store = pixelStoreCreate(width, height, kKindGray8, 0, false, 1);
   if (store == nullptr) return nullptr;
   switch (source->kind) {
     case kKindRgba8: markSolidRows<kKindRgba8>(source, store); break;
@@ -580,11 +581,13 @@ void buildFillFields(PixelStore* source) {
   const int32_t width = r.right - r.left;
   const int32_t height = r.bottom - r.top;
 
-  params->distanceStore = pixelStoreCreate(width + kDistanceGrowth, height + kDistanceGrowth, kKindFloat, 0, true);
+  // Only level 0 of the field is ever read: the levels above get no memory.
+  params->distanceStore =
+      pixelStoreCreate(width + kDistanceGrowth, height + kDistanceGrowth, kKindFloat, 0, true, 1);
   params->opaqueStore = buildOpaqueStore(source);
   if (params->distanceStore == nullptr || params->opaqueStore == nullptr) {
     // Out of memory for a store of the run: reported as for the source store.
-    setFailure(kErrSourceStore, kResultSourceFailed);
+    reportShortfall(kErrSourceStore, kResultSourceFailed);
   }
   PixelStore* field = params->distanceStore;
   if (field == nullptr) return;

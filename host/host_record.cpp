@@ -22,13 +22,18 @@ BigDocumentRecord* bigDocument() {
 
 VRect fromRect16(const PIRect& r) { return VRect{r.top, r.left, r.bottom, r.right}; }
 
-// Cut to 16 bits on writing: the host offers 32-bit rectangles when it needs them.
+// Cut to 16 bits on writing: the host offers 32-bit rectangles when it needs
+// them. A coordinate past the 16-bit range is held at its end rather than
+// wrapped: the last read tile of a layer 32257 to 32767 pixels across reaches
+// 32768, one column past the layer, which the host would only have padded.
+int16_t toCoord16(int32_t v) { return int16_t(v > 32767 ? 32767 : v < -32768 ? -32768 : v); }
+
 PIRect toRect16(VRect r) {
   PIRect out;
-  out.top = int16_t(r.top);
-  out.left = int16_t(r.left);
-  out.bottom = int16_t(r.bottom);
-  out.right = int16_t(r.right);
+  out.top = toCoord16(r.top);
+  out.left = toCoord16(r.left);
+  out.bottom = toCoord16(r.bottom);
+  out.right = toCoord16(r.right);
   return out;
 }
 
@@ -318,7 +323,7 @@ void clearProgress() {
 
 void* blockAlloc(int32_t size, int32_t* idSlot) {
   if (idSlot != nullptr) *idSlot = -1;
-  if (size <= 0) return nullptr;
+  if (size <= 0 || platformFaultInjected(kFaultBlock, size_t(size))) return nullptr;
   return malloc(size_t(size));
 }
 

@@ -6,6 +6,7 @@
 #include "host/host_record.h"
 #include "platform/dialogs.h"
 #include "platform/platform.h"
+#include "run/job_pool.h"
 #include "run/run_driver.h"
 
 HostContext hostContext = {};
@@ -21,6 +22,13 @@ void setFailure(uint16_t code, int16_t result) {
   setResult(result);
 }
 
+int16_t runShortfall = 0;
+
+void reportShortfall(uint16_t code, int16_t result) {
+  runShortfall = result;
+  setFailure(code, result);
+}
+
 namespace {
 
 FilterRecord* record() { return hostContext.filterRecord; }
@@ -29,6 +37,9 @@ FilterRecord* record() { return hostContext.filterRecord; }
 // anything, and the first-use flag must read as clear on the road of Prepare
 // without Parameters.
 bool instanceIsNew = false;
+// Likewise for a ParamBlock made in this call: the job pool reads its progress
+// words from the first job of the first run on, before the run sets them.
+bool paramsAreNew = false;
 
 Handle instanceHandle() {
   return hostContext.dataWord != nullptr ? reinterpret_cast<Handle>(*hostContext.dataWord) : nullptr;
@@ -46,7 +57,13 @@ void unlockBlocks() {
 // Clears the first byte of ParamBlock and the view state of a freshly prepared block.
 void prepareFreshBlocks() {
   lockBlocks();
-  if (hostContext.paramBlock != nullptr) hostContext.paramBlock->blockHeader = 0;
+  ParamBlock* params = hostContext.paramBlock;
+  if (params != nullptr) params->blockHeader = 0;
+  if (paramsAreNew && params != nullptr) {
+    params->progressDone = -1;  // no progress shown until a run sets it
+    params->progressTotal = 1;
+  }
+  paramsAreNew = false;
   if (instanceIsNew && hostContext.instanceBlock != nullptr) hostContext.instanceBlock->firstUseFlag = false;
   instanceIsNew = false;
   resetViewState();
@@ -78,6 +95,7 @@ void createParamBlock() {
   Handle h = procs != nullptr && procs->newProc != nullptr ? procs->newProc(int32_t(sizeof(ParamBlock))) : nullptr;
   record()->parameters = h;
   if (h == nullptr) setFailure(kErrParamBlockAlloc, memFullErr);
+  paramsAreNew = h != nullptr;
 }
 
 void createInstanceBlock() {
@@ -171,7 +189,13 @@ void doStart() {
   }
   if (instance != nullptr) {
     instance->parametersPending = false;
+    runShortfall = 0;
     runFilter();
+    // A source store that could not be made leaves no tiles behind.
+    if (instance->sourceStore.tiles == nullptr && runShortfall == 0) runShortfall = kResultSourceFailed;
+    // A store, a job or a unit that memory denied fails the run, whatever a
+    // later advanceState answered: the output is not whole.
+    if (runShortfall != 0 && getResult() == 0) setResult(runShortfall);
     // A host calls no Finish after a Start that failed or was cancelled: the
     // run's memory goes now rather than never. Finish would release it again,
     // which is harmless.
@@ -198,6 +222,7 @@ PI_EXPORT PI_HOST_CALLED void PI_CALL PluginMain(int16_t selector, void* record,
   hostContext.paramBlock = nullptr;
   hostContext.instanceBlock = nullptr;
   instanceIsNew = false;
+  paramsAreNew = false;
 
   if (selector == filterSelectorAbout) {
     AboutRecord* about = static_cast<AboutRecord*>(record);

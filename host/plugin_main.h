@@ -39,12 +39,21 @@ enum : uint16_t {
   kErrScratchAlloc = 227,
   kErrUserAbort = 228,
   kErrReadAdvance = 231,
+  kErrJobGivenUp = 232,    // a job stopped with units left: no unit record, event or thread to be had
+  kErrUnitMemory = 233,    // a store unit could not get its line buffer
 };
 
 // The module's own positive result values: no message goes with them.
 constexpr int16_t kResultRefused = 1;
 constexpr int16_t kResultScratchFailed = 3;
 constexpr int16_t kResultSourceFailed = 999;
+
+// A failure for want of memory (or of an event or a thread) inside a run:
+// reported at once, like any failure, and once more as the run ends, so that a
+// later advanceState's answer cannot hide it: the output is not whole.
+void reportShortfall(uint16_t code, int16_t result);
+// The result of the last shortfall of the present run, 0 when none.
+extern int16_t runShortfall;
 
 int16_t getResult();
 void setResult(int16_t value);

@@ -26,7 +26,8 @@ const int kAboutTitleBitmapDouble = 271;
 const int kAboutWebsiteButton = 5;
 const int kRefusalCancelButton = 1;
 
-const char kMakerPage[] = "https://tawnyquince.example/";
+// The build's MENDARIS_MAKER_PAGE setting (CMakeLists.txt).
+const char kMakerPage[] = MENDARIS_MAKER_PAGE;
 
 HANDLE dialogContext = INVALID_HANDLE_VALUE;
 bool dialogContextTaken = false;

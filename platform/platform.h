@@ -30,3 +30,20 @@ void platformGlobalFree(void* block);
 
 // The handle of this module (HINSTANCE on Windows), for loading resources.
 void* platformModuleHandle();
+
+// Fault injection for the tests of the failure roads. Nothing in the module
+// sets the hook; when a test does, it is asked before each operation that can
+// fail for want of a resource, and a true answer makes that operation fail as
+// the system would: null memory, no event, no thread.
+enum PlatformFaultSite : int {
+  kFaultBlock = 0,        // a block of the process heap (blockAlloc)
+  kFaultGlobalBlock = 1,  // zero-filled global memory (the cell arrays)
+  kFaultEventCreate = 2,
+  kFaultThreadStart = 3,
+  kFaultSiteCount = 4,
+};
+typedef bool (*PlatformFaultHook)(PlatformFaultSite site, size_t size);
+extern PlatformFaultHook platformFaultHook;
+inline bool platformFaultInjected(PlatformFaultSite site, size_t size) {
+  return platformFaultHook != nullptr && platformFaultHook(site, size);
+}

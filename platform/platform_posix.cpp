@@ -31,7 +31,10 @@ void* threadMain(void* raw) {
 
 }  // namespace
 
+PlatformFaultHook platformFaultHook = nullptr;
+
 bool platformStartThread(PlatformThreadEntry entry, void* argument, uint32_t stackBytes) {
+  if (platformFaultInjected(kFaultThreadStart, stackBytes)) return false;
   ThreadStart* start = static_cast<ThreadStart*>(malloc(sizeof(ThreadStart)));
   if (start == nullptr) return false;
   start->entry = entry;
@@ -56,6 +59,7 @@ bool platformStartThread(PlatformThreadEntry entry, void* argument, uint32_t sta
 }
 
 PlatformEvent platformCreateEvent() {
+  if (platformFaultInjected(kFaultEventCreate, 0)) return nullptr;
   PlatformEvent event = static_cast<PlatformEvent>(malloc(sizeof(PlatformEventRecord)));
   if (event != nullptr) event->signalled = false;
   return event;
@@ -107,7 +111,10 @@ int platformProcessorCount() {
   return 1;
 }
 
-void* platformGlobalAlloc(size_t size) { return calloc(1, size == 0 ? 1 : size); }
+void* platformGlobalAlloc(size_t size) {
+  if (platformFaultInjected(kFaultGlobalBlock, size)) return nullptr;
+  return calloc(1, size == 0 ? 1 : size);
+}
 
 void platformGlobalFree(void* block) { free(block); }
 

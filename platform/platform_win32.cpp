@@ -24,7 +24,10 @@ PI_HOST_CALLED DWORD WINAPI threadMain(LPVOID raw) {
 
 }  // namespace
 
+PlatformFaultHook platformFaultHook = nullptr;
+
 bool platformStartThread(PlatformThreadEntry entry, void* argument, uint32_t stackBytes) {
+  if (platformFaultInjected(kFaultThreadStart, stackBytes)) return false;
   ThreadStart* start = static_cast<ThreadStart*>(HeapAlloc(GetProcessHeap(), 0, sizeof(ThreadStart)));
   if (start == nullptr) return false;
   start->entry = entry;
@@ -39,6 +42,7 @@ bool platformStartThread(PlatformThreadEntry entry, void* argument, uint32_t sta
 }
 
 PlatformEvent platformCreateEvent() {
+  if (platformFaultInjected(kFaultEventCreate, 0)) return nullptr;
   return reinterpret_cast<PlatformEvent>(CreateEventA(nullptr, FALSE, FALSE, nullptr));
 }
 
@@ -84,6 +88,7 @@ int platformProcessorCount() {
 
 // Moveable, zero-filled, and locked for its whole life.
 void* platformGlobalAlloc(size_t size) {
+  if (platformFaultInjected(kFaultGlobalBlock, size)) return nullptr;
   HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE | GMEM_ZEROINIT, size == 0 ? 1 : size);
   if (block == nullptr) return nullptr;
   void* pointer = GlobalLock(block);

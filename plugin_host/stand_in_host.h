@@ -65,7 +65,7 @@ struct HostOptions {
   int32_t floatCoordH = 0;
   int32_t floatCoordV = 0;
   Rect filterRect;                  // empty: the whole document
-  int bigDocument = 0;              // 0 none, 1 present but 16-bit coordinates, 2 32-bit coordinates
+  int bigDocument = 2;              // 0 none, 1 present but 16-bit coordinates, 2 32-bit coordinates (default)
   uint32_t hostSig = kHostSigPhotoshop;
   bool advanceState = true;
   bool displayPixels = true;

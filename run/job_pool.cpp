@@ -30,6 +30,11 @@ int64_t lastProgressTime = 0;
 
 int64_t nowSeconds() { return int64_t(time(nullptr)); }
 
+bool isBoxPass(JobKind kind) {
+  return kind == kJobBoxRows || kind == kJobBoxColumns || kind == kJobBoxColumnsAgain;
+}
+
+
 ParamBlock* params() { return hostContext.paramBlock; }
 
 RunStage runStage() { return params() != nullptr ? params()->runStage : kRunStageWhole; }
@@ -163,10 +168,10 @@ void releaseUnit(JobUnit* unit) {
   blockFreePlain(&unit);
 }
 
-void startUnit(int32_t unitIndex, JobKind kind, const JobRequest& request, PlatformEvent startEvent,
+bool startUnit(int32_t unitIndex, JobKind kind, const JobRequest& request, PlatformEvent startEvent,
                PlatformEvent doneEvent, JobUnit** slot) {
   JobUnit* unit = static_cast<JobUnit*>(blockAllocPlain(int32_t(sizeof(JobUnit))));
-  if (unit == nullptr) return;
+  if (unit == nullptr) return false;
   memset(unit, 0, sizeof(JobUnit));
   unit->cursor = tileCursor;
   unit->cursor.unitIndex = unitIndex;
@@ -174,20 +179,24 @@ void startUnit(int32_t unitIndex, JobKind kind, const JobRequest& request, Platf
   unit->kind = kind;
   if (kind == kJobEmpty) {
     blockFreePlain(&unit);
-    return;
+    return false;
   }
-  int32_t count = gridsPerUnit();
-  unit->grids = static_cast<SampleGrid*>(blockAllocPlain(count * int32_t(sizeof(SampleGrid))));
-  if (unit->grids != nullptr) {
-    memset(unit->grids, 0, size_t(count) * sizeof(SampleGrid));
-    unit->gridCount = count;
-    // Only the render reads the cells; store jobs go without them.
-    if (kind == kJobRender) gridAllocate(unit, unit->grids, count);
-    InstanceBlock* instance = hostContext.instanceBlock;
-    unit->instance = instance;
-    unit->jobFlag = -1;
-    unit->sourceStore = instance != nullptr ? &instance->sourceStore : nullptr;
-    unit->request = request;
+  // The request travels with every unit, whatever else it got: the slot's
+  // next unit is started from this copy.
+  InstanceBlock* instance = hostContext.instanceBlock;
+  unit->instance = instance;
+  unit->jobFlag = -1;
+  unit->sourceStore = instance != nullptr ? &instance->sourceStore : nullptr;
+  unit->request = request;
+  // Only the render reads grids and cells; store jobs go without them.
+  if (kind == kJobRender) {
+    int32_t count = gridsPerUnit();
+    unit->grids = static_cast<SampleGrid*>(blockAllocPlain(count * int32_t(sizeof(SampleGrid))));
+    if (unit->grids != nullptr) {
+      memset(unit->grids, 0, size_t(count) * sizeof(SampleGrid));
+      unit->gridCount = count;
+      gridAllocate(unit, unit->grids, count);
+    }
   }
   unit->status = -1;
   nextUnit += 1;
@@ -195,13 +204,22 @@ void startUnit(int32_t unitIndex, JobKind kind, const JobRequest& request, Platf
   unit->doneEvent = doneEvent;
   platformResetEvent(doneEvent);
   unit->status = 0;
-  if (!platformSetEvent(startEvent)) unit->status = -2;
   *slot = unit;
-  if (!platformStartThread(workerMain, slot, kWorkerStackBytes)) {
-    // No thread to be had: the unit runs here, with the same result, so that
-    // its done event still comes.
-    workerMain(slot);
-  }
+  bool signalled = platformSetEvent(startEvent);
+  if (!signalled) unit->status = -2;
+  if (signalled && platformStartThread(workerMain, slot, kWorkerStackBytes)) return true;
+  // No thread or no start signal: the unit runs here, with the same result,
+  // and runJob collects it without waiting for an event.
+  if (signalled) platformWaitEvent(startEvent);
+  runUnitWork(unit);
+  unit->ranHere = true;
+  return true;
+}
+
+void runUnitWork(JobUnit* unit) {
+  if (unit->kind == kJobEmpty || doStoreJob(unit, unit->kind)) return;
+  // A render unit that got no grids array has no set-up at all: it does nothing.
+  if (unit->kind == kJobRender && unit->grids != nullptr) renderUnit(unit);
 }
 
 void workerMain(void* rawSlot) {
@@ -209,10 +227,7 @@ void workerMain(void* rawSlot) {
   platformWaitEvent((*slot)->startEvent);
   JobUnit* unit = *slot;
   PlatformEvent done = unit->doneEvent;
-  // A unit that got no grids array has no set-up at all: its worker does nothing.
-  if (unit->kind != kJobEmpty && unit->grids != nullptr) {
-    if (!doStoreJob(unit, unit->kind) && unit->kind == kJobRender) renderUnit(unit);
-  }
+  runUnitWork(unit);
   platformSetEvent(done);
 }
 
@@ -229,13 +244,13 @@ bool doStoreJob(JobUnit* unit, JobKind kind) {
       reduceLevelWeightedUnit(request.store, request.level, r);
       return true;
     case kJobBoxRows:
-      makeLineBuffer(&context, request.passStore);
+      if (!makeLineBuffer(&context, request.passStore)) break;
       filterRows(request.passStore, &context, r.top, r.bottom, r.left, r.right, request.passLevel, request.radiusA,
                  request.radiusB);
       break;
     case kJobBoxColumns:
     case kJobBoxColumnsAgain:
-      makeLineBuffer(&context, request.passStore);
+      if (!makeLineBuffer(&context, request.passStore)) break;
       filterColumns(request.passStore, &context, r.left, r.right, r.top, r.bottom, request.passLevel, request.radiusA,
                     request.radiusB);
       break;
@@ -247,6 +262,8 @@ bool doStoreJob(JobUnit* unit, JobKind kind) {
     default:
       return false;
   }
+  // A pass with a store but no line buffer did nothing: the host's thread reports it.
+  if (request.passStore != nullptr && context.lineBuffer == nullptr && isBoxPass(kind)) unit->shortOfMemory = true;
   freeLineBuffer(&context);
   return true;
 }
@@ -257,6 +274,7 @@ void collectUnit(JobUnit* unit, JobUnit** slot) {
   JobRequest request = unit->request;
   PlatformEvent startEvent = unit->startEvent;
   PlatformEvent doneEvent = unit->doneEvent;
+  if (unit->shortOfMemory) reportShortfall(kErrUnitMemory, memFullErr);
 
   if (runStage() == kRunStageWhole) {
     if (testAbort()) {
@@ -306,32 +324,55 @@ void runJob(JobKind kind, int32_t tiling, JobRequest request) {
   PlatformEvent startEvents[kMaxJobThreads];
   PlatformEvent doneEvents[kMaxJobThreads];
   JobUnit* slots[kMaxJobThreads];
+  // A slot needs both its events; the job runs on the slots that have them,
+  // with the same result, since no output depends on the number of threads.
+  int32_t slotCount = 0;
   for (int32_t i = 0; i < jobThreadCount; ++i) {
     startEvents[i] = platformCreateEvent();
     doneEvents[i] = platformCreateEvent();
     slots[i] = nullptr;
+    if (startEvents[i] == nullptr || doneEvents[i] == nullptr) {
+      platformCloseEvent(startEvents[i]);
+      platformCloseEvent(doneEvents[i]);
+      break;
+    }
+    ++slotCount;
   }
-  // The first round numbers its units by slot.
-  for (int32_t i = 0; i < jobThreadCount; ++i) {
-    startUnit(i, kind, request, startEvents[i], doneEvents[i], &slots[i]);
+  jobThreadCount = slotCount;
+  // The first round numbers its units as the later ones do: a slot whose unit
+  // record could not be had leaves that unit to the next slot.
+  for (int32_t i = 0; i < jobThreadCount && nextUnit < jobUnitCount; ++i) {
+    startUnit(nextUnit, kind, request, startEvents[i], doneEvents[i], &slots[i]);
   }
 
-  jobRunning = true;
-  for (;;) {
+  jobRunning = jobUnitCount > 0;
+  while (jobRunning) {
+    // Units done on this thread are collected first, without an event.
+    bool collected = false;
+    for (int32_t i = 0; i < jobThreadCount && jobRunning; ++i) {
+      if (slots[i] != nullptr && slots[i]->ranHere) {
+        collectUnit(slots[i], &slots[i]);
+        collected = true;
+      }
+    }
+    if (!jobRunning || collected) continue;
     // A slot whose unit could not be allocated stays empty and signals nothing:
     // when no slot holds a unit, the job is given up rather than waited on.
     bool anyBusy = false;
     for (int32_t i = 0; i < jobThreadCount; ++i) anyBusy = anyBusy || slots[i] != nullptr;
-    if (!jobRunning || !anyBusy) break;
+    if (!anyBusy) {
+      if (cancelLatch == 0) reportShortfall(kErrJobGivenUp, memFullErr);
+      break;
+    }
     int i = platformWaitAnyEvent(doneEvents, jobThreadCount);
-    if (i >= 0 && i < jobThreadCount) collectUnit(slots[i], &slots[i]);
+    if (i >= 0 && i < jobThreadCount && slots[i] != nullptr) collectUnit(slots[i], &slots[i]);
   }
 
-  // Units still out (a job given up after failed starts) are waited for, so
-  // that no worker outlives its events.
+  // Units still out (none, after a job that ended as it should) are waited
+  // for, so that no worker outlives its events.
   for (int32_t i = 0; i < jobThreadCount; ++i) {
     if (slots[i] != nullptr) {
-      platformWaitEvent(doneEvents[i]);
+      if (!slots[i]->ranHere) platformWaitEvent(doneEvents[i]);
       releaseUnit(slots[i]);
       slots[i] = nullptr;
     }

@@ -88,6 +88,8 @@ struct JobUnit {
   SampleGrid* grids;
   int32_t gridCount;
   JobRequest request;
+  bool ranHere;        // no thread or start signal to be had: done on the host's thread, collected without an event
+  bool shortOfMemory;  // a store unit that could not get its line buffer and did nothing
 };
 
 // Set when the user cancels; process-wide and never cleared while the module
@@ -105,9 +107,12 @@ void chooseThreadCount();
 // Blocking: returns when the job is done or given up.
 void runJob(JobKind kind, int32_t tiling, JobRequest request);
 
-void startUnit(int32_t unitIndex, JobKind kind, const JobRequest& request, PlatformEvent startEvent,
+// False when no unit record could be had: nothing was counted or started.
+bool startUnit(int32_t unitIndex, JobKind kind, const JobRequest& request, PlatformEvent startEvent,
                PlatformEvent doneEvent, JobUnit** slot);
 void workerMain(void* slot);
+// The unit's work, on whichever thread runs it.
+void runUnitWork(JobUnit* unit);
 bool doStoreJob(JobUnit* unit, JobKind kind);
 void collectUnit(JobUnit* unit, JobUnit** slot);
 void releaseUnit(JobUnit* unit);

@@ -101,13 +101,14 @@ void pixelStoreInit(PixelStore* store) {
   store->initMark = -99;
 }
 
-PixelStore* pixelStoreCreate(int32_t width, int32_t height, int32_t kind, int32_t edgeMode, bool bordered) {
+PixelStore* pixelStoreCreate(int32_t width, int32_t height, int32_t kind, int32_t edgeMode, bool bordered,
+                             int32_t levelsWithMemory) {
   PixelStore* store = static_cast<PixelStore*>(blockAllocPlain(int32_t(sizeof(PixelStore))));
   if (store == nullptr) return nullptr;
   // The heap gives the object unzeroed; start every field from a known value.
   memset(store, 0, sizeof *store);
   pixelStoreInit(store);
-  if (!pixelStoreBuild(store, width, height, kind, edgeMode, bordered)) {
+  if (!pixelStoreBuild(store, width, height, kind, edgeMode, bordered, levelsWithMemory)) {
     blockFreePlain(&store);
     return nullptr;
   }
@@ -120,7 +121,7 @@ bool pixelStoreBuildEmbedded(int32_t width, int32_t height, InstanceBlock* insta
 }
 
 bool pixelStoreBuild(PixelStore* store, int32_t width, int32_t height, int32_t kind, int32_t edgeMode,
-                     bool bordered) {
+                     bool bordered, int32_t levelsWithMemory) {
   if (store == nullptr || width <= 0 || height <= 0) return false;
   // A store built again would otherwise lose its old tiles.
   if (store->tiles != nullptr) pixelStoreRelease(store);
@@ -192,12 +193,14 @@ bool pixelStoreBuild(PixelStore* store, int32_t width, int32_t height, int32_t k
         tile.top = r * kTileWidth;
         tile.left = c * kTileWidth;
         tile.rows = rows;
-        tile.pixels = static_cast<uint8_t*>(blockAlloc(bytes, &tile.bufferId));
-        if (tile.pixels == nullptr) {
-          pixelStoreRelease(store);
-          return false;
+        if (level < levelsWithMemory) {
+          tile.pixels = static_cast<uint8_t*>(blockAlloc(bytes, &tile.bufferId));
+          if (tile.pixels == nullptr) {
+            pixelStoreRelease(store);
+            return false;
+          }
+          memset(tile.pixels, 0, size_t(bytes));
         }
-        memset(tile.pixels, 0, size_t(bytes));
         store->lastTile[level] = index;
         ++index;
       }

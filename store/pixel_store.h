@@ -152,15 +152,20 @@ inline uint8_t* pixelIn(const RowRef& row, int32_t x) {
 void pixelStoreInit(PixelStore* store);
 // A store on the heap, initialised and built; ownsItself is set. Null when the
 // object or any tile could not be allocated, or the size is not positive.
-PixelStore* pixelStoreCreate(int32_t width, int32_t height, int32_t kind, int32_t edgeMode, bool bordered);
+// `levelsWithMemory` as for pixelStoreBuild.
+PixelStore* pixelStoreCreate(int32_t width, int32_t height, int32_t kind, int32_t edgeMode, bool bordered,
+                             int32_t levelsWithMemory = kStoreLevels);
 // Builds instance->sourceStore at the source kind of the document; false on failure.
 bool pixelStoreBuildEmbedded(int32_t width, int32_t height, InstanceBlock* instance);
-// Allocates every level's tiles (zero-filled, with kTileSpareRows spare rows each)
-// and fills the level tables. A store that still holds tiles is released first.
-// False for a null store, a width or height of 0 or less, or when memory ran out;
-// whatever was allocated before the failure is released again.
+// Allocates the tiles of the first `levelsWithMemory` levels (zero-filled, with
+// kTileSpareRows spare rows each) and fills the level tables of all of them.
+// The tiles of the levels above keep their places in the table with null
+// pixels: a store whose readers never go past level 0 (the fill's opaque map
+// and distance field) takes 1. A store that still holds tiles is released
+// first. False for a null store, a width or height of 0 or less, or when
+// memory ran out; whatever was allocated before the failure is released again.
 bool pixelStoreBuild(PixelStore* store, int32_t width, int32_t height, int32_t kind, int32_t edgeMode,
-                     bool bordered);
+                     bool bordered, int32_t levelsWithMemory = kStoreLevels);
 // Frees all tiles and the tile table; the object stays. Harmless on an empty store.
 void pixelStoreRelease(PixelStore* store);
 // Frees tiles and table, the object too when it owns itself, and nulls *store.

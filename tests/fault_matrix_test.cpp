@@ -10,8 +10,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <set>
 
+#include "grid/sample_grid.h"
+#include "host/plugin_main.h"
+#include "platform/platform.h"
 #include "tests/support/test_support.h"
 
 using standin::Document;
@@ -21,6 +25,7 @@ using standin::HostOptions;
 using standin::Rect;
 using standin::RunOutcome;
 using testing_support::countCalls;
+using testing_support::linkedModule;
 using testing_support::nativeModule;
 
 namespace {
@@ -48,18 +53,41 @@ bool insideAny(const std::vector<Rect>& rects, int32_t x, int32_t y) {
   return false;
 }
 
+// The engine's own allocations, failed one call at a time (in the module linked
+// into this test, whose fault hook the test can reach).
+// Counted from the host's thread and the workers (their line buffers).
+PlatformFaultSite memorySite = kFaultBlock;
+std::atomic<int> memoryCalls{0};
+int memoryFailAt = 0;
+size_t memoryFailedSize = 0;
+bool countMemory(PlatformFaultSite site, size_t size) {
+  if (site != memorySite || ++memoryCalls != memoryFailAt) return false;
+  memoryFailedSize = size;
+  return true;
+}
+
 // Runs one injected fault in a child process; returns a description of the
-// failure, or an empty string when the run survived as it should.
-std::string survive(const HostOptions& options, const std::string& what) {
+// failure, or an empty string when the run survived as it should. With
+// `memoryAt`, the engine's allocation of that number fails, and a run that
+// says 0 must give the reference output, but where the failed block was a
+// render unit's grids or cells, which end in a tile of zeros, unreported.
+std::string survive(const HostOptions& options, const std::string& what, int memoryAt = 0,
+                    const std::string& reference = "") {
   pid_t child = fork();
   if (child == 0) {
     alarm(60);  // a hang becomes a signal
     Document d = faultDocument();
     Document before = d;
-    Host host(nativeModule(), d, options);
+    memoryFailAt = memoryAt;
+    memoryCalls = 0;
+    if (memoryAt != 0) platformFaultHook = countMemory;
+    Host host(memoryAt != 0 ? linkedModule() : nativeModule(), d, options);
     RunOutcome run = host.run();
+    platformFaultHook = nullptr;
     int code = 0;
     if (!kPossibleResults.count(run.result)) code = 10;
+    bool unreported = memorySite == kFaultGlobalBlock || memoryFailedSize == sizeof(SampleGrid);
+    if (memoryAt != 0 && run.result == 0 && !unreported && standin::documentDigest(d) != reference) code = 13;
     std::vector<Rect> written;
     for (const HostCall& c : host.log())
       if (c.name == "advanceState" && c.value == 0) written.push_back(c.outRect);
@@ -75,6 +103,7 @@ std::string survive(const HostOptions& options, const std::string& what) {
   if (WEXITSTATUS(status) == 10) return what + ": a result the filter cannot give";
   if (WEXITSTATUS(status) == 11) return what + ": pixels changed outside the written tiles";
   if (WEXITSTATUS(status) == 12) return what + ": a handle left locked";
+  if (WEXITSTATUS(status) == 13) return what + ": another output with result 0";
   if (WEXITSTATUS(status) != 0) return what + ": exit status " + std::to_string(WEXITSTATUS(status));
   return "";
 }
@@ -125,5 +154,36 @@ TEST(FaultMatrix, EveryHostFaultAtEveryCallIsSurvived) {
   }
   printf("fault matrix: %d faults injected (%d newProc, %d lockProc, %d advanceState, %d abortProc), %d survived\n",
          injected, newCalls, lockCalls, 2 * advanceCalls, abortPolls, injected - int(failures.size()));
+  for (const std::string& f : failures) ADD_FAILURE() << f;
+}
+
+// Each block and tile the engine allocates, and each cell array, fails in turn.
+TEST(FaultMatrix, EveryEngineAllocationFailingIsSurvived) {
+  int calls[2] = {0, 0};
+  std::string referenceDigest;
+  for (PlatformFaultSite site : {kFaultBlock, kFaultGlobalBlock}) {
+    Document d = faultDocument();
+    memorySite = site;
+    memoryCalls = 0;
+    memoryFailAt = 0;
+    platformFaultHook = countMemory;
+    Host reference(linkedModule(), d, faultOptions());
+    ASSERT_EQ(reference.run().result, 0);
+    platformFaultHook = nullptr;
+    calls[site] = memoryCalls;
+    referenceDigest = standin::documentDigest(d);
+  }
+  ASSERT_GT(calls[kFaultBlock], 20);
+  ASSERT_GT(calls[kFaultGlobalBlock], 1);
+  std::vector<std::string> failures;
+  for (PlatformFaultSite site : {kFaultBlock, kFaultGlobalBlock}) {
+    memorySite = site;
+    for (int n = 1; n <= calls[site]; ++n) {
+      std::string what = std::string(site == kFaultBlock ? "block #" : "cell array #") + std::to_string(n);
+      std::string failure = survive(faultOptions(), what, n, referenceDigest);
+      if (!failure.empty()) failures.push_back(failure);
+    }
+  }
+  printf("memory faults: %d blocks, %d cell arrays\n", calls[kFaultBlock], calls[kFaultGlobalBlock]);
   for (const std::string& f : failures) ADD_FAILURE() << f;
 }

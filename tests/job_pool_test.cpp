@@ -4,14 +4,19 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <stdlib.h>
+#include <unistd.h>
 #include <string.h>
 
+#include <algorithm>
+#include <atomic>
+#include <string>
 #include <vector>
 
 #include "fill/line_smooth.h"
 #include "fill/reduce.h"
 #include "host/blocks.h"
 #include "host/plugin_main.h"
+#include "platform/platform.h"
 #include "run/job_pool.h"
 #include "store/pixel_store.h"
 
@@ -256,37 +261,38 @@ TEST_F(JobPoolRun, OtherHostErrorsDoNotStopTheJob) {
   EXPECT_EQ(cancelLatch, 0);
 }
 
+namespace {
+
+// A float store with a fixed pattern, smoothed along its rows and its columns
+// in bands of 64 (five and six units).
+std::vector<float> smoothedStore() {
+  PixelStore* store = pixelStoreCreate(333, 271, kKindFloat, 0, true);
+  if (store == nullptr) return {};
+  for (int32_t y = 0; y < store->levelHeight[0]; ++y)
+    for (int32_t x = 0; x < store->levelWidth[0]; ++x) writeFloat(x, y, store, 0, float((x * 7 + y * 13) % 97));
+  JobRequest rows = makeJobRequest(0);
+  rows.passStore = store;
+  rows.passLevel = 0;
+  rows.radiusA = rows.radiusB = 3;
+  rows.rect = VRect{0, 0, store->levelHeight[0], store->levelWidth[0]};
+  runJob(kJobBoxRows, kTilingRowBands, rows);
+  runJob(kJobBoxColumns, kTilingColumnBands, rows);
+  std::vector<float> out;
+  for (int32_t y = 0; y < store->levelHeight[0]; ++y)
+    for (int32_t x = 0; x < store->levelWidth[0]; ++x) out.push_back(readFloat(x, y, store, 0));
+  pixelStoreDestroy(&store);
+  return out;
+}
+
+}  // namespace
+
 // A box pass over a float store: the same bytes whatever the number of processors.
 TEST_F(JobPoolRun, StoreJobsGiveTheSameBytesOnOneAndAllProcessors) {
-  auto smoothOnce = [](int cpus) {
-    pinToCpus(cpus);
-    PixelStore* store = pixelStoreCreate(333, 271, kKindFloat, 0, true);
-    EXPECT_NE(store, nullptr);
-    uint32_t seed = 12345;
-    for (int32_t y = 0; y < store->levelHeight[0]; ++y) {
-      for (int32_t x = 0; x < store->levelWidth[0]; ++x) {
-        seed = seed * 1103515245u + 12345u;
-        writeFloat(x, y, store, 0, float(seed >> 8) / 16777216.0f * 100.0f - 50.0f);
-      }
-    }
-    JobRequest rows = makeJobRequest(0);
-    rows.passStore = store;
-    rows.passLevel = 0;
-    rows.radiusA = 3;
-    rows.radiusB = 3;
-    rows.rect = VRect{0, 0, store->levelHeight[0], store->levelWidth[0]};
-    runJob(kJobBoxRows, kTilingRowBands, rows);
-    JobRequest columns = rows;
-    runJob(kJobBoxColumns, kTilingColumnBands, columns);
-    std::vector<float> out;
-    for (int32_t y = 0; y < store->levelHeight[0]; ++y)
-      for (int32_t x = 0; x < store->levelWidth[0]; ++x) out.push_back(readFloat(x, y, store, 0));
-    pixelStoreDestroy(&store);
-    return out;
-  };
-  std::vector<float> one = smoothOnce(1);
-  std::vector<float> all = smoothOnce(availableCpus());
-  ASSERT_EQ(one.size(), all.size());
+  pinToCpus(1);
+  std::vector<float> one = smoothedStore();
+  pinToCpus(availableCpus());
+  std::vector<float> all = smoothedStore();
+  ASSERT_FALSE(one.empty());
   EXPECT_EQ(memcmp(one.data(), all.data(), one.size() * sizeof(float)), 0);
 }
 
@@ -316,4 +322,72 @@ TEST_F(JobPoolRun, ReducedLevelsAreTheSameOnOneAndAllProcessors) {
   std::vector<int32_t> all = reduceOnce(availableCpus());
   EXPECT_FALSE(one.empty());
   EXPECT_EQ(one, all);
+}
+
+// ---- failure roads ------------------------------------------------------------------------------
+// Each resource the pool takes (a unit record or grids array, a cell array, an
+// event, a thread) fails at each of its calls in turn. Every unit must then
+// run exactly once, or the job must end with memFullErr and its code; nothing
+// may hang (the alarm) or be written twice.
+
+namespace {
+
+// Counted from the host's thread and the workers (their line buffers).
+std::atomic<int> faultCalls[kFaultSiteCount];
+int faultAt[kFaultSiteCount];
+
+bool countingFault(PlatformFaultSite site, size_t) { return ++faultCalls[site] == faultAt[site]; }
+
+void armFault(PlatformFaultSite site, int at) {
+  for (std::atomic<int>& c : faultCalls) c = 0;
+  memset(faultAt, 0, sizeof(faultAt));
+  faultAt[site] = at;
+  platformFaultHook = countingFault;
+}
+
+}  // namespace
+
+TEST_F(JobPoolRun, EveryResourceFailingAtEveryCallRunsEachUnitOnceOrFails) {
+  alarm(240);  // a hang fails the test
+  prepareStores(300, 200);  // six render units
+  const std::vector<float> reference = smoothedStore();
+  ASSERT_FALSE(reference.empty());
+  const char* const kSiteNames[kFaultSiteCount] = {"block", "global block", "event", "thread start"};
+  int injected = 0;
+  for (int site = 0; site < kFaultSiteCount; ++site) {
+    for (int job = 0; job < 2; ++job) {
+      // The reference count of this resource's calls in this job.
+      armFault(PlatformFaultSite(site), 0);
+      if (job == 0) runJob(kJobRender, kTilingSquares, makeJobRequest(0)); else smoothedStore();
+      const int calls = faultCalls[site];
+      for (int n = 1; n <= calls; ++n) {
+        SCOPED_TRACE(std::string(kSiteNames[site]) + " call " + std::to_string(n) + (job == 0 ? " render" : " smoothing"));
+        armFault(PlatformFaultSite(site), n);
+        result = 0;
+        hostContext.lastErrorCode = 0;
+        advancedRects.clear();
+        ++injected;
+        bool failed;
+        if (job == 0) {
+          runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+          std::vector<int> seen(6, 0);
+          for (const VRect& r : advancedRects) ++seen[size_t((r.top / 128) * 3 + r.left / 128)];
+          for (int s : seen) EXPECT_LE(s, 1) << "a tile written twice";
+          failed = std::count(seen.begin(), seen.end(), 1) != 6;
+        } else {
+          std::vector<float> out = smoothedStore();
+          failed = out != reference;
+          // The store itself failing is not the pool's concern.
+          if (out.empty()) continue;
+        }
+        if (failed || result != 0) {
+          EXPECT_EQ(result, memFullErr);
+          EXPECT_TRUE(hostContext.lastErrorCode == kErrJobGivenUp || hostContext.lastErrorCode == kErrUnitMemory)
+              << hostContext.lastErrorCode;
+        }
+      }
+    }
+  }
+  platformFaultHook = nullptr;
+  EXPECT_GT(injected, 20);
 }

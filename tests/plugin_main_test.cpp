@@ -66,7 +66,9 @@ TEST(SelectorSequence, FirstRunThenRepeatThroughTheModule) {
 
 TEST(SelectorSequence, ContinueAndUnknownSelectorsUnlockBothHandlesWithoutLocking) {
   Document d = smallLayer();
-  Host host(nativeModule(), d);
+  HostOptions sixteenBit;  // the record's own rectangles, which the test sets
+  sixteenBit.bigDocument = 0;
+  Host host(nativeModule(), d, sixteenBit);
   ASSERT_EQ(host.run().result, 0);
   for (int16_t selector : {int16_t(filterSelectorContinue), int16_t(6)}) {
     host.record().inRect = host.record().outRect = host.record().maskRect = PIRect{0, 0, 10, 10};
