@@ -22,18 +22,13 @@ BigDocumentRecord* bigDocument() {
 
 VRect fromRect16(const PIRect& r) { return VRect{r.top, r.left, r.bottom, r.right}; }
 
-// Cut to 16 bits on writing: the host offers 32-bit rectangles when it needs
-// them. A coordinate past the 16-bit range is held at its end rather than
-// wrapped: the last read tile of a layer 32257 to 32767 pixels across reaches
-// 32768, one column past the layer, which the host would only have padded.
-int16_t toCoord16(int32_t v) { return int16_t(v > 32767 ? 32767 : v < -32768 ? -32768 : v); }
-
+// Cut to 16 bits on writing: the host offers 32-bit rectangles when it needs them.
 PIRect toRect16(VRect r) {
   PIRect out;
-  out.top = toCoord16(r.top);
-  out.left = toCoord16(r.left);
-  out.bottom = toCoord16(r.bottom);
-  out.right = toCoord16(r.right);
+  out.top = int16_t(r.top);
+  out.left = int16_t(r.left);
+  out.bottom = int16_t(r.bottom);
+  out.right = int16_t(r.right);
   return out;
 }
 

@@ -345,7 +345,9 @@ TEST(StrictHost, PaddingRateAndPlanesAsPhotoshopAnswersThem) {
   for (const Case& c : cases) {
     Document d = Document::make(4, 2, 8, 1, true);
     for (int i = 0; i < 4; ++i) d.setSample(i, 0, 0, i + 1), d.setSample(i, 1, 0, 9);
-    Host host(fake, d);
+    HostOptions sixteenBit;  // the fake asks through the record's own rectangles
+    sixteenBit.bigDocument = 0;
+    Host host(fake, d, sixteenBit);
     request = Request{c.padding, c.rate, c.left, c.right, c.hiPlane, 1, {}};
     host.run();
     SCOPED_TRACE(testing::Message() << "padding " << c.padding << " rate " << c.rate << " planes " << c.hiPlane);
