@@ -149,19 +149,6 @@ TEST_F(KernelTable, TellingRowsMatch) {
   EXPECT_EQ(table.weights[0][0], 0.0f);
 }
 
-TEST_F(KernelTable, FloatFormsAgreeAndSumToOne) {
-  EXPECT_EQ(memcmp(table.weights, table.weightsFloat, sizeof table.weights), 0);
-  for (int p = 0; p < kKernelPhases; ++p) {
-    const float sum = table.weights[1][p] + table.weights[0][p] + table.weights[2][p] + table.weights[3][p];
-    EXPECT_EQ(table.weights[4][p], 1.0f - sum) << p;
-    double exact = 0;
-    for (int t = 0; t < 5; ++t) exact += table.weights[t][p];
-    EXPECT_NEAR(exact, 1.0, 1e-7) << p;
-    // The integer taps are the truncated float taps.
-    for (int t = 0; t < 4; ++t) EXPECT_EQ(table.weights2048[t][p], int32_t(table.weights[t][p] * 2048.0f));
-  }
-}
-
 TEST(Lanczos, BaseFunction) {
   EXPECT_EQ(lanczos2(0.0), 1.0);
   EXPECT_EQ(lanczos2(2.0), 0.0);
