@@ -483,32 +483,6 @@ TEST_F(CoverageFixture, UniformLayersGiveUniformFields) {
   }
 }
 
-TEST_F(CoverageFixture, DiscIsNegativeInsideAndPositiveOutside) {
-  // A solid disc of radius 12 in a bare 64 x 64 layer. After smoothing the
-  // sign still tells inside from outside away from the rim, and the field
-  // grows with the distance from the disc.
-  makeSource(64, 64, kKindRgba8, 0.0f);
-  for (int32_t y = 0; y < 64; ++y) {
-    for (int32_t x = 0; x < 64; ++x) {
-      const double r = sqrt(double((x - 32) * (x - 32) + (y - 32) * (y - 32)));
-      if (r <= 12.0) put(x, y, 255.0f);
-    }
-  }
-  buildFillFields(source);
-  const PixelStore* field = params.distanceStore;
-  auto at = [&](int32_t x, int32_t y) { return cell(field, x + kDistanceMargin, y + kDistanceMargin); };
-  EXPECT_LT(at(32, 32), -8.0f);
-  EXPECT_GT(at(32, 32), -13.0f);
-  EXPECT_GT(at(2, 32), 15.0f);
-  EXPECT_LT(at(2, 32), 22.0f);
-  // The zero crossing lies near the rim on the row through the centre.
-  EXPECT_LT(at(32 + 9, 32), 0.0f);
-  EXPECT_GT(at(32 + 16, 32), 0.0f);
-  for (int32_t x = 33; x < 63; ++x) EXPECT_LT(at(x - 1, 32), at(x, 32)) << x;
-  EXPECT_EQ(readU8(32, 32, params.opaqueStore, 0), 255);
-  EXPECT_EQ(readU8(32 + 13, 32, params.opaqueStore, 0), 0);
-}
-
 TEST_F(CoverageFixture, SourceWithoutPixelsLeavesBothStoresNull) {
   PixelStore empty;
   memset(&empty, 0, sizeof(empty));
