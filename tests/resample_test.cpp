@@ -377,19 +377,6 @@ TEST(LevelBlend, FractionMixesTwoLevels) {
   EXPECT_EQ(out[0], 200.0f);
 }
 
-TEST(LevelBlend, FractionZeroReadsOneLevelAtItsScale) {
-  OwnedStore s(700, 500, kKindRgba16);
-  fillRandom(s.store, 21);
-  const float u = 0.4123f;
-  const float v = 0.7771f;
-  float blend[4];
-  float direct[4];
-  filterPixelBlend<kKindRgba16>(s.store, 2, 0.0f, u, v, &blend[0], &blend[1], &blend[2], &blend[3]);
-  filterPixel<kKindRgba16>(s.store, 2, s->levelScaleX[2] * u - 0.5f, s->levelScaleY[2] * v - 0.5f, &direct[0],
-                           &direct[1], &direct[2], &direct[3]);
-  for (int c = 0; c < 4; ++c) EXPECT_EQ(blend[c], direct[c]);
-}
-
 TEST(LevelBlend, LevelIsLimitedButTheFractionStillBlends) {
   OwnedStore s(300, 200, kKindRgbaFloat);
   fillRandom(s.store, 8);
