@@ -411,30 +411,6 @@ TEST(BlendLab, MultiplyAndScreenWorkOnLightness) {
   EXPECT_GT(lighter.g, 0.6f);
 }
 
-TEST(BlendLab, PinKeepsTheSourcesThirdChannel) {
-  // Blue source over a yellow destination: the third Lab channel (blue to
-  // yellow) stays the source's, so the result stays on the blue side, while
-  // the first two channels follow the pin.
-  const int32_t blue[3] = {4096, 4096, 28672};
-  const int32_t yellow[3] = {28672, 28672, 4096};
-  int32_t sl[3], dl[3], cl[3], c[3];
-  rgbToLab15(blue, sl);
-  rgbToLab15(yellow, dl);
-  ASSERT_LT(sl[2], 16384);
-  ASSERT_GT(dl[2], 16384);
-  auto pin = [](int32_t x, int32_t y) {
-    if (y < 16384) return x < 2 * y ? x : 2 * y;
-    return x > 2 * y - 32768 ? x : 2 * y - 32768;
-  };
-  cl[0] = pin(dl[0], sl[0]);
-  cl[1] = pin(dl[1], sl[1]);
-  cl[2] = sl[2];
-  labToRgb15(cl, c);
-  PixelValue out = blend(px15(blue[0], blue[1], blue[2]), px15(yellow[0], yellow[1], yellow[2]), kBlendLabPin);
-  expect15(out, c[0], c[1], c[2]);
-  EXPECT_GT(out.b, out.r);
-}
-
 // ---- calling conventions ------------------------------------------------------------------------
 
 TEST(BlendCalls, OutputMayBeEitherInput) {

@@ -812,24 +812,19 @@ void expectCleanInterrupt(const std::string& scratch, const std::string& in, con
 
 }  // namespace
 
-// Ctrl-C in the middle of a large image: no output, no temporary file, 130.
+// Ctrl-C in the middle of a large image, while reading and while the filter
+// runs (the host's abortProc carries it): no output, no temporary file, 130.
 TEST_F(ToolTest, InterruptLeavesNoOutputAndExits130) {
   REQUIRE_TOOL();
-  RunSettings settings;
-  settings.interruptAfter = 0.3;
-  expectCleanInterrupt(dir, path("big.png"), path("big_out.png"), settings);
-  EXPECT_EQ(listing(), std::vector<std::string>{"big.png"});
-}
-
-// The same while the filter itself runs: the host's abortProc carries it.
-TEST_F(ToolTest, InterruptWhileFilteringLeavesNoOutput) {
-  REQUIRE_TOOL();
-  RunSettings settings;
-  settings.stderrTerminal = true;
-  settings.interruptOnText = "filtering";
-  settings.interruptAfter = 0.3;
-  expectCleanInterrupt(dir, path("big.png"), path("big_out.png"), settings);
-  EXPECT_EQ(listing(), std::vector<std::string>{"big.png"});
+  RunSettings reading;
+  reading.interruptAfter = 0.3;
+  RunSettings filtering = reading;
+  filtering.stderrTerminal = true;
+  filtering.interruptOnText = "filtering";
+  for (const RunSettings& settings : {reading, filtering}) {
+    expectCleanInterrupt(dir, path("big.png"), path("big_out.png"), settings);
+    EXPECT_EQ(listing(), std::vector<std::string>{"big.png"});
+  }
 }
 
 #endif  // MENDARIS_CLI_TEST_IMAGES

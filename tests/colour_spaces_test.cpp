@@ -167,18 +167,6 @@ TEST(HueSatLumaToRgb, AboveTheHueLightensBelowDarkens) {
   EXPECT_EQ(black.b, 0.0f);
 }
 
-TEST(HueSatLumaToRgb, UndoneByRgbToHueSatLuma) {
-  for (float hue : {0.0f, 0.1f, 0.33333334f, 0.55f, 0.8f}) {
-    for (float t : {0.05f, 0.2f, 0.4f, 0.6f, 0.9f}) {
-      Rgb c = hueSatLuma(hue, 0.8f, t);
-      float h, sat, back;
-      rgbToHueSatLuma(c.r, c.g, c.b, &h, &sat, &back);
-      EXPECT_NEAR(back, t, 2e-6f) << hue << " " << t;
-      EXPECT_NEAR(sat, 0.8f, 2e-6f) << hue << " " << t;
-    }
-  }
-}
-
 TEST(RgbToHueSatLuma, RoundTripsEveryColourOfACoarseCube) {
   for (int r = 0; r <= 16; ++r) {
     for (int g = 0; g <= 16; ++g) {

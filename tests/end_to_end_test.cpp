@@ -160,17 +160,6 @@ TEST(Filter, FullMaskByteIsTheSameAsNoSelection) {
   EXPECT_EQ(runDigest(plain), runDigest(masked));
 }
 
-TEST(Filter, ThirtyTwoBitCoordinatesGiveTheSameOutput) {
-  Document d = standin::makeIslandDocument(140, 100, 16, 3, 9);
-  HostOptions big;
-  big.bigDocument = 2;
-  HostOptions presentButOff;
-  presentButOff.bigDocument = 1;
-  std::string plain = runDigest(d);
-  EXPECT_EQ(runDigest(d, big), plain);
-  EXPECT_EQ(runDigest(d, presentButOff), plain);
-}
-
 TEST(Filter, FloatCoordOffsetsTheHostTilesNotThePixels) {
   Document layer = standin::makeIslandDocument(150, 120, 8, 3, 8);
   Document placed = Document::make(160, 130, 8, 3, true);

@@ -141,10 +141,6 @@ TEST_F(FillFixture, OnePixelColoursTheWholeImageAtEveryKind) {
     expectLevelsAre(st.s, 0, top - 1, c.result);
     expectLevelsAre(st.s, top, top, c.top);
   }
-  Store thin(1, 100, kKindRgba8);
-  const int32_t heights[8] = {100, 50, 26, 14, 8, 4, 2, 1};
-  ASSERT_EQ(thin.s->topLevel, 7);
-  for (int32_t level = 0; level <= 7; ++level) EXPECT_EQ(thin.s->levelHeight[level], heights[level]);
 }
 
 TEST_F(FillFixture, LonePixelOfMidColourEndsWithinTwoSteps) {

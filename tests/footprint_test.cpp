@@ -225,59 +225,6 @@ TEST(MajorAxis, CosinesApproximateAUnitDirection) {
   EXPECT_NEAR(q, 0.447214, 1e-6);
 }
 
-// The expected colour of an elongated footprint, computed independently in
-// double from the closed form of the ellipse: n probes spread evenly over the
-// major axis, centred on the point, averaged.
-void expectProbes(const PixelStore* store, const float derivs[4], float u, float v, int32_t n, const float out[4]) {
-  const double w = store->refWidth[0], h = store->refHeight[0];
-  const double dux = derivs[0] * w, dvx = derivs[1] * h, duy = derivs[2] * w, dvy = derivs[3] * h;
-  const double b = (double(derivs[1]) * derivs[0] + double(derivs[3]) * derivs[2]) * -2.0;
-  const double a = dvx * dvx + dvy * dvy, c = dux * dux + duy * duy;
-  const double f = c * a - b * b * 0.25;
-  const double an = a / f, bn = b / f, cn = c / f;
-  const double root = sqrt((an - cn) * (an - cn) + bn * bn);
-  const double major = sqrt(2.0 / (an + cn - root)) * 0.85;
-  const double minor = sqrt(2.0 / (an + cn + root)) * 0.85;
-  // Level 0 in these cases: the minor axis is below one pixel.
-  ASSERT_LT(log2(minor), 0.0);
-  // The ellipse's major axis is along x here (C > A): direction about (1, t / 2).
-  ASSERT_GT(cn, an);
-  const double t = bn / (an - cn);
-  const double len = sqrt(1.0 + t * t / 4.0);
-  const double stepU = (1.0 / len) * major / (n - 1) / w;
-  const double stepV = ((t / 2.0) / len) * major / (n - 1) / h;
-  double sum[4] = {0, 0, 0, 0};
-  for (int32_t i = 0; i < n; ++i) {
-    const double k = i - (n - 1) * 0.5;
-    float tmp[4];
-    filterUnitPixel(store, 0, 0.0f, float(u + k * stepU), float(v + k * stepV), tmp);
-    for (int ch = 0; ch < 4; ++ch) sum[ch] += tmp[ch];
-  }
-  for (int ch = 0; ch < 4; ++ch) EXPECT_NEAR(out[ch], sum[ch] / n, 2e-4) << "channel " << ch;
-}
-
-TEST(FootprintSample, ElongatedFootprintAveragesProbesAlongMajorAxis) {
-  // Eight pixels a step in x, one in y, a trace of skew: axes 8 * 0.85 and
-  // 0.85, ratio 8: eight probes at level 0, or as many as the state allows;
-  // 40 pixels a step is capped at the state's 20.
-  struct Case {
-    int32_t width, maxProbes, probes;
-    float stepPixels, u, v;
-  };
-  const float u0 = 30.5f / 64.0f, v0 = 20.25f / 64.0f;
-  for (Case c : {Case{64, 20, 8, 8.0f, u0, v0}, Case{64, 4, 4, 8.0f, u0, v0}, Case{256, 20, 20, 40.0f, 0.5f, 0.5f}}) {
-    PatternStore s(kKindRgbaFloat, c.width, 64);
-    const float derivs[4] = {c.stepPixels / float(c.width), 1e-4f, 0.0f, 1.0f / 64.0f};
-    const float u = c.u, v = c.v;
-    FootprintState state = freshState();
-    state.maxProbes = c.maxProbes;
-    float out[4];
-    footprintSample(derivs, u, v, 0, s.store, out, kDefaultSharpness, &state);
-    EXPECT_NEAR(state.lastLod, log2(0.85), 1e-4);
-    expectProbes(s.store, derivs, u, v, c.probes, out);
-  }
-}
-
 TEST(FootprintSample, ProbesOfAnEllipseWithEqualDiagonalTermsGiveZero) {
   // On a 2 x 2 store, with all four derivatives equal, A and C are the same
   // float: t = Bn / (An - Cn) is infinite, every probe point NaN, the colour

@@ -215,54 +215,7 @@ struct FloatField {
     for (int32_t y = 0; y < h; ++y)
       for (int32_t x = 0; x < w; ++x) writeFloat(x, y, s, 0, cells[size_t(y * w + x)]);
   }
-  void rows(int32_t back, int32_t forward) {
-    std::vector<float> out(static_cast<size_t>(w));
-    for (int32_t y = 0; y < h; ++y) {
-      boxLineFloat(&cells[size_t(y * w)], out.data(), 0, w, back, forward);
-      memcpy(&cells[size_t(y * w)], out.data(), size_t(w) * sizeof(float));
-    }
-  }
-  void columns(int32_t back, int32_t forward) {
-    std::vector<float> in(static_cast<size_t>(h)), out(static_cast<size_t>(h));
-    for (int32_t x = 0; x < w; ++x) {
-      for (int32_t y = 0; y < h; ++y) in[size_t(y)] = cells[size_t(y * w + x)];
-      boxLineFloat(in.data(), out.data(), 0, h, back, forward);
-      for (int32_t y = 0; y < h; ++y) cells[size_t(y * w + x)] = out[size_t(y)];
-    }
-  }
 };
-
-void expectStoreEquals(const PixelStore* s, const FloatField& f) {
-  for (int32_t y = 0; y < f.h; ++y)
-    for (int32_t x = 0; x < f.w; ++x)
-      ASSERT_EQ(floatBits(readFloat(x, y, s, 0)), floatBits(f.cells[size_t(y * f.w + x)])) << x << "," << y;
-}
-
-TEST(SmoothPasses, RowsAndColumnsMatchTheLineKernel) {
-  // The three window placements of the distance field's blur, rows then
-  // columns, over a store crossing tile seams both ways. Bands are done in
-  // an order of their own: lines are disjoint, so the order does not matter.
-  const int32_t w = 530, h = 520;
-  StoreHolder s(w - 2, h - 2, kKindFloat, true);
-  ASSERT_EQ(s->levelWidth[0], w);
-  ASSERT_EQ(s->levelHeight[0], h);
-  FloatField field(w, h, 99);
-  field.toStore(s.store);
-  ContextHolder c;
-  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
-  const int32_t windows[3][2] = {{2, 3}, {3, 2}, {2, 3}};
-  for (const auto& win : windows) {
-    for (int32_t band = (h + 63) / 64 - 1; band >= 0; --band)
-      for (int32_t row = band * 64; row < h && row < band * 64 + 64; ++row)
-        filterRow(s.store, row, &c.context, 0, w, 0, win[0], win[1]);
-    field.rows(win[0], win[1]);
-    expectStoreEquals(s.store, field);
-    for (int32_t column = 0; column < w; ++column)
-      filterColumn(s.store, column, &c.context, 0, h, 0, win[0], win[1]);
-    field.columns(win[0], win[1]);
-    expectStoreEquals(s.store, field);
-  }
-}
 
 TEST(SmoothPasses, ABandTouchesOnlyItsOwnRows) {
   const int32_t w = 100, h = 150;

@@ -129,16 +129,8 @@ TEST(LevelTables, FieldsOfAPlainStore) {
   EXPECT_EQ(p.aspectY, 1.0f);
   EXPECT_EQ(p.heightOverWidth, 200.0f / 300.0f);
   EXPECT_EQ(p.halfPixelU, 0.5f / 300.0f);
-  EXPECT_EQ(p.pixelBytes, 4);
-  EXPECT_EQ(p.planes, 4);
-  EXPECT_EQ(p.planeBytes, 1);
   EXPECT_EQ(p.coordMode, 3);
-  EXPECT_EQ(p.edgeMode, 0);
   EXPECT_EQ(p.lastSample, -1.0f);
-  EXPECT_EQ(p.loadState, 0);
-  EXPECT_EQ(p.initMark, -99);
-  EXPECT_TRUE(p.ownsItself);
-  EXPECT_FALSE(p.bordered);
   // 300x200, 150x100, 76x50, 38x26, 20x14, 10x8, 6x4, 4x2, 2x1, 1x1
   EXPECT_EQ(p.topLevel, 9);
   int64_t area = 0;

@@ -192,10 +192,4 @@ TEST(TruncToInt32, TruncatesTowardZeroAndGivesIntMinOutside) {
   EXPECT_EQ(truncToInt32(float(INFINITY)), INT32_MIN);
 }
 
-TEST(FloatBits, RoundTrip) {
-  EXPECT_EQ(floatBits(1.0f), 0x3f800000u);
-  EXPECT_EQ(floatBits(-0.0f), 0x80000000u);
-  EXPECT_EQ(bitsToFloat(0x40490fdbu), 3.14159274f);
-}
-
 }  // namespace

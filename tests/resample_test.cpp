@@ -149,19 +149,6 @@ TEST_F(KernelTable, TellingRowsMatch) {
   EXPECT_EQ(table.weights[0][0], 0.0f);
 }
 
-TEST_F(KernelTable, FloatFormsAgreeAndSumToOne) {
-  EXPECT_EQ(memcmp(table.weights, table.weightsFloat, sizeof table.weights), 0);
-  for (int p = 0; p < kKernelPhases; ++p) {
-    const float sum = table.weights[1][p] + table.weights[0][p] + table.weights[2][p] + table.weights[3][p];
-    EXPECT_EQ(table.weights[4][p], 1.0f - sum) << p;
-    double exact = 0;
-    for (int t = 0; t < 5; ++t) exact += table.weights[t][p];
-    EXPECT_NEAR(exact, 1.0, 1e-7) << p;
-    // The integer taps are the truncated float taps.
-    for (int t = 0; t < 4; ++t) EXPECT_EQ(table.weights2048[t][p], int32_t(table.weights[t][p] * 2048.0f));
-  }
-}
-
 TEST(Lanczos, BaseFunction) {
   EXPECT_EQ(lanczos2(0.0), 1.0);
   EXPECT_EQ(lanczos2(2.0), 0.0);
@@ -388,19 +375,6 @@ TEST(LevelBlend, FractionMixesTwoLevels) {
   // Two identical levels: any fraction gives the value.
   filterPixelBlend<kKindRgba8>(s.store, 1, 0.25f, 0.3f, 0.6f, &out[0], &out[1], &out[2], &out[3]);
   EXPECT_EQ(out[0], 200.0f);
-}
-
-TEST(LevelBlend, FractionZeroReadsOneLevelAtItsScale) {
-  OwnedStore s(700, 500, kKindRgba16);
-  fillRandom(s.store, 21);
-  const float u = 0.4123f;
-  const float v = 0.7771f;
-  float blend[4];
-  float direct[4];
-  filterPixelBlend<kKindRgba16>(s.store, 2, 0.0f, u, v, &blend[0], &blend[1], &blend[2], &blend[3]);
-  filterPixel<kKindRgba16>(s.store, 2, s->levelScaleX[2] * u - 0.5f, s->levelScaleY[2] * v - 0.5f, &direct[0],
-                           &direct[1], &direct[2], &direct[3]);
-  for (int c = 0; c < 4; ++c) EXPECT_EQ(blend[c], direct[c]);
 }
 
 TEST(LevelBlend, LevelIsLimitedButTheFractionStillBlends) {

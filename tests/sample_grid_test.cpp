@@ -359,24 +359,6 @@ TEST(RenderUnit, MissingCellOrGridArrayEndsTheUnitUntouched) {
   EXPECT_EQ(world.instance->workerCount, 7);
 }
 
-TEST(RenderUnit, WritesTheWorkerCount) {
-  const int32_t processors = platformProcessorCount();
-  {
-    RenderWorld world(1, 1);
-    world.allSolid();
-    TestUnit t(VRect{0, 0, 1, 1});
-    renderUnit(t.unit);
-    EXPECT_EQ(world.instance->workerCount, processors < 2 ? processors : 2);
-  }
-  {
-    RenderWorld world(300, 2);
-    world.allSolid();
-    TestUnit t(VRect{0, 0, 1, 1});
-    renderUnit(t.unit);
-    EXPECT_EQ(world.instance->workerCount, processors < 301 ? processors : 301);
-  }
-}
-
 TEST(RenderUnit, GridIsPreparedFromTheBlocks) {
   RenderWorld world(40, 10);
   world.allSolid();
