@@ -18,6 +18,12 @@
 
 namespace mendaris_cli {
 
+// The largest side of a layer the filter takes. The host hands it 32-bit
+// coordinates, but the filter's render counts rows and columns in 16 bits,
+// corners included: a side of 32767 has a corner at 32767, past which the
+// count never ends.
+constexpr int32_t kLargestSide = 32766;
+
 struct FilterSession {
   standin::Module module;
   standin::Document document;  // the layer of the present run; the host holds it by reference

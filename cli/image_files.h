@@ -20,13 +20,11 @@
 
 #include <OpenImageIO/imageio.h>
 
+#include "cli/filter_session.h"
 #include "plugin_host/stand_in_host.h"
 
 namespace mendaris_cli {
 
-// The largest side of a layer the filter takes. The host hands it 32-bit
-// coordinates, but the filter's render counts rows and columns in 16 bits.
-constexpr int32_t kLargestSide = 32767;
 
 // Bytes a run of the filter holds at its peak for a layer of this size, with
 // `planes` samples of `depth` bits a pixel: the layer itself (the file's

@@ -13,8 +13,8 @@ namespace mendaris_gimp {
 // Told how far the filter is, 0..1, on the thread that runs the plug-in.
 using ProgressSink = void (*)(double fraction);
 
-// The host record holds 16-bit coordinates: the largest side the filter takes.
-constexpr int kLargestSide = 32767;
+// The largest side the filter takes: the tool's.
+using mendaris_cli::kLargestSide;
 
 // Empty when the filter takes a layer of this size, otherwise why not.
 std::string checkLayerSize(int width, int height);

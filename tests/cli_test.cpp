@@ -293,9 +293,9 @@ TEST_F(ToolTest, EachProblemIsOneLineAndLeavesNothingBehind) {
   writePnm(path("gray.pgm"), 40, 30, 1);
   writePnm(path("colour.ppm"), 40, 30, 3);
   // Flat images too: the size is checked before the filter sees the layer.
-  writePnm(path("wide.pgm"), 32768, 1, 1);
+  writePnm(path("wide.pgm"), 32767, 1, 1);
   writePnm(path("tall.pgm"), 2, 40000, 1);
-  writePnm(path("widest_allowed.pgm"), 32767, 1, 1);
+  writePnm(path("widest_allowed.pgm"), 32766, 1, 1);
   writeWhole(path("plain_file"), "x");
   ASSERT_EQ(symlink(path("colour.ppm").c_str(), path("link.ppm").c_str()), 0);
   const std::vector<std::string> files = listing();
@@ -314,8 +314,8 @@ TEST_F(ToolTest, EachProblemIsOneLineAndLeavesNothingBehind) {
       {{path("folder.png"), path("out.png")}, path("folder.png"), "is a folder"},
       {{path("gray.pgm"), path("out.tif")}, path("gray.pgm"), refusal},
       {{path("colour.ppm"), path("out.tif")}, path("colour.ppm"), refusal},
-      {{path("wide.pgm"), path("out.png")}, path("wide.pgm"), "at most 32767"},
-      {{path("tall.pgm"), path("out.png")}, path("tall.pgm"), "at most 32767"},
+      {{path("wide.pgm"), path("out.png")}, path("wide.pgm"), "at most 32766"},
+      {{path("tall.pgm"), path("out.png")}, path("tall.pgm"), "at most 32766"},
       // One pixel less passes the size check and meets the filter's refusal.
       {{path("widest_allowed.pgm"), path("out.png")}, path("widest_allowed.pgm"), refusal},
       {{path("gray.pgm"), path("no_such_folder/out.png")}, path("no_such_folder/out.png"), "No such file or directory"},
