@@ -35,7 +35,11 @@ done
 mkdir -p "$work" "$src/build" || fail "cannot make $work"
 rm -f "$picture" "$work"/*.png
 
-cxx=(x86_64-w64-mingw32-g++-posix -std=c++17 -O2 -Wall -Wextra -I"$src" -static -static-libgcc -static-libstdc++)
+# The maker's page as the build set it (one setting, in CMakeLists.txt).
+page=$(sed -n 's/^MENDARIS_MAKER_PAGE:STRING=//p' "$2/CMakeCache.txt" 2>/dev/null)
+[ -n "$page" ] || fail "no MENDARIS_MAKER_PAGE in $2/CMakeCache.txt"
+cxx=(x86_64-w64-mingw32-g++-posix -std=c++17 -O2 -Wall -Wextra -I"$src" -DMENDARIS_MAKER_PAGE="\"$page\""
+     -static -static-libgcc -static-libstdc++)
 "${cxx[@]}" -o "$work/show_about.exe" "$src/tools/show_about.cpp" "$src/host/dialog_layout.cpp" -luser32 -lgdi32 ||
   fail "cannot build show_about.exe"
 x86_64-w64-mingw32-windres -DMENDARIS_WIN64=1 "$src/resources/mendaris_k.rc" -O coff -o "$work/resources64.o" ||
