@@ -37,6 +37,29 @@ inline void weightedMean(float r, float g, float b, float a, float pixel[4]) {
   }
 }
 
+// The colour a hole takes from its four neighbours: their alpha-weighted mean,
+// opaque, summed up, left, right, down. False, and `filled` untouched, where
+// their alphas add up to no more than the floor (most holes; their colour sums
+// need not be formed).
+inline bool neighbourMean(const float up[4], const float left[4], const float right[4], const float down[4],
+                          float filled[4]) {
+  const float a = ((up[3] + left[3]) + right[3]) + down[3];
+  if (!(double(a) > kNeighbourFloor)) return false;
+  float r = 0.0f;
+  float g = 0.0f;
+  float b = 0.0f;
+  float weight = 0.0f;
+  addWeighted(up, &r, &g, &b, &weight);
+  addWeighted(left, &r, &g, &b, &weight);
+  addWeighted(right, &r, &g, &b, &weight);
+  addWeighted(down, &r, &g, &b, &weight);
+  filled[0] = r / a;
+  filled[1] = g / a;
+  filled[2] = b / a;
+  filled[3] = 1.0f;
+  return true;
+}
+
 // Clamps a colour brought down from the level above: the kernel's negative
 // lobes and overshoot end here.
 inline float clampColour(float c, float limit) {
@@ -152,17 +175,8 @@ inline void fillHole(uint8_t* p, const uint8_t* up, const uint8_t* left, const u
   unitPixel<kKind>(left, toUnit, ql);
   unitPixel<kKind>(right, toUnit, qr);
   unitPixel<kKind>(down, toUnit, qd);
-  const float a = ((qu[3] + ql[3]) + qr[3]) + qd[3];
-  if (!(double(a) > kNeighbourFloor)) return;
-  float r = 0.0f;
-  float g = 0.0f;
-  float b = 0.0f;
-  float weight = 0.0f;
-  addWeighted(qu, &r, &g, &b, &weight);
-  addWeighted(ql, &r, &g, &b, &weight);
-  addWeighted(qr, &r, &g, &b, &weight);
-  addWeighted(qd, &r, &g, &b, &weight);
-  const float filled[4] = {r / a, g / a, b / a, 1.0f};
+  float filled[4];
+  if (!neighbourMean(qu, ql, qr, qd, filled)) return;
   storeUnitPixel<kKind>(p, filled, toValue);
 }
 

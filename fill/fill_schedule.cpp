@@ -97,21 +97,8 @@ void diffuseLevelByPixel(PixelStore* store, int32_t level, int32_t passes) {
           readPixel<kKind>(x - 1, y, store, level, left);
           readPixel<kKind>(x + 1, y, store, level, right);
           readPixel<kKind>(x, y + 1, store, level, down);
-          // The weight alone decides; most holes have none, and their colour
-          // sums need not be formed. Each sum runs up, left, right, down.
-          const float a = ((up[3] + left[3]) + right[3]) + down[3];
-          if (double(a) > kNeighbourFloor) {
-            float r = 0.0f;
-            float g = 0.0f;
-            float b = 0.0f;
-            float weight = 0.0f;
-            addWeighted(up, &r, &g, &b, &weight);
-            addWeighted(left, &r, &g, &b, &weight);
-            addWeighted(right, &r, &g, &b, &weight);
-            addWeighted(down, &r, &g, &b, &weight);
-            const float filled[4] = {r / a, g / a, b / a, 1.0f};
-            writePixel<kKind>(x, y, store, level, filled);
-          }
+          float filled[4];
+          if (neighbourMean(up, left, right, down, filled)) writePixel<kKind>(x, y, store, level, filled);
         }
       }
     }
