@@ -10,27 +10,6 @@
 
 namespace {
 
-// The unit-range value of a solid-map byte, as the store's reader gives it.
-inline bool solidByte(uint8_t value) { return float(double(value) * 0.003921568627451) > 0.5f; }
-
-// Whether pixel (x, y) lies in the source and is solid. The byte map is read
-// from its tile directly, clamped to the map's own level as its reader clamps.
-inline bool solidIn(const WalkView& w, int32_t x, int32_t y) {
-  if (uint32_t(x) >= uint32_t(w.width) || uint32_t(y) >= uint32_t(w.height)) return false;
-  if (!w.opaqueBytes) return readUnitScalar(x, y, w.opaque, 0) > 0.5f;
-  if (w.opaqueTiles == nullptr) return false;
-  x = clampToLevel(x, w.opaqueMaxX);
-  y = clampToLevel(y, w.opaqueMaxY);
-  const StoreTile& tile = w.opaqueTiles[(y >> kTileShift) * w.opaqueAcross + (x >> kTileShift)];
-  return solidByte(tile.pixels[(y & kTileMask) * kTileWidth + (x & kTileMask)]);
-}
-
-inline bool solidClampedIn(const WalkView& w, int32_t x, int32_t y) {
-  x = clampToLevel(x, w.width - 1);
-  y = clampToLevel(y, w.height - 1);
-  return solidIn(w, x, y);
-}
-
 // One axis of a bilinear read of the field: the base pixel, floor-like but
 // with an exact negative integer taken one below itself, and the fraction.
 struct FieldTap {
@@ -209,23 +188,32 @@ bool walkStep(float x, float y, float* outX, float* outY) {
   return stepIn(w, x, y, outX, outY, false);
 }
 
-bool nearestOpaqueIn(const WalkView& w, float x, float y, float* outX, float* outY) {
+bool walkStepIn(const WalkView& w, float x, float y, float* outX, float* outY, bool knownBare) {
+  return stepIn(w, x, y, outX, outY, knownBare);
+}
+
+bool landsWhereItStands(const WalkView& w, float x, float y, bool* walked) {
   const int32_t xi = truncFloat(x);
   const int32_t yi = truncFloat(y);
   const bool outside = uint32_t(xi) >= uint32_t(w.width) || uint32_t(yi) >= uint32_t(w.height);
   if (outside && solidClampedIn(w, xi, yi)) {
-    *outX = x;
-    *outY = y;
-    return false;
+    *walked = false;
+    return true;
   }
   // A point inside the source is never reflected, so the first step's test is
   // the solid test of (xi, yi) itself: a corner on a solid pixel stays, for the
   // cost of one read of the map. A point outside is never solid either: the
   // first step need not look again.
-  if (!outside && solidIn(w, xi, yi)) {
+  *walked = true;
+  return !outside && solidIn(w, xi, yi);
+}
+
+bool nearestOpaqueIn(const WalkView& w, float x, float y, float* outX, float* outY) {
+  bool walked;
+  if (landsWhereItStands(w, x, y, &walked)) {
     *outX = x;
     *outY = y;
-    return true;
+    return walked;
   }
   // Every later step starts where the one before found no solid pixel.
   float cx = x;
@@ -247,4 +235,15 @@ bool nearestOpaque(float x, float y, float* outX, float* outY) {
   WalkView w;
   walkViewFromBlocks(&w);
   return nearestOpaqueIn(w, x, y, outX, outY);
+}
+
+WalkRoad walkRoadFor() { return walkLanesBuilt() ? kWalkRoadLanes : kWalkRoadPoints; }
+
+void nearestOpaqueManyOn(WalkRoad road, const WalkView& w, int32_t count, const float* xs, const float* ys,
+                         float* outX, float* outY, uint8_t* walked) {
+  if (road == kWalkRoadLanes && walkLanesBuilt()) {
+    nearestOpaqueLanes(w, count, xs, ys, outX, outY, walked);
+    return;
+  }
+  for (int32_t i = 0; i < count; ++i) walked[i] = nearestOpaqueIn(w, xs[i], ys[i], &outX[i], &outY[i]) ? 1 : 0;
 }

@@ -12,7 +12,8 @@
 
 #include <stdint.h>
 
-struct PixelStore;
+#include "store/pixel_store.h"
+#include "store/resample.h"
 
 constexpr int32_t kWalkSteps = 20;
 // Source pixel (x, y) lies at (x + 9, y + 9) of the distance field.
@@ -34,8 +35,6 @@ inline void pointToUnitUV(float x, float y, float rate, float offsetX, float off
   *u = (fx + 1.0f + fx) * halfPixelU;
   *v = (fy + 1.0f + fy) * halfPixelV;
 }
-
-struct StoreTile;
 
 // What the walks read, taken from the blocks and the stores once for many
 // walks (a render unit's worth): the source's size, and the solid map and
@@ -61,6 +60,27 @@ struct WalkView {
   int32_t fieldMaxY;
 };
 
+// The unit-range value of a solid-map byte, as the store's reader gives it.
+inline bool solidByte(uint8_t value) { return float(double(value) * 0.003921568627451) > 0.5f; }
+
+// Whether pixel (x, y) lies in the source and is solid. The byte map is read
+// from its tile directly, clamped to the map's own level as its reader clamps.
+inline bool solidIn(const WalkView& w, int32_t x, int32_t y) {
+  if (uint32_t(x) >= uint32_t(w.width) || uint32_t(y) >= uint32_t(w.height)) return false;
+  if (!w.opaqueBytes) return readUnitScalar(x, y, w.opaque, 0) > 0.5f;
+  if (w.opaqueTiles == nullptr) return false;
+  x = clampToLevel(x, w.opaqueMaxX);
+  y = clampToLevel(y, w.opaqueMaxY);
+  const StoreTile& tile = w.opaqueTiles[(y >> kTileShift) * w.opaqueAcross + (x >> kTileShift)];
+  return solidByte(tile.pixels[(y & kTileMask) * kTileWidth + (x & kTileMask)]);
+}
+
+inline bool solidClampedIn(const WalkView& w, int32_t x, int32_t y) {
+  x = clampToLevel(x, w.width - 1);
+  y = clampToLevel(y, w.height - 1);
+  return solidIn(w, x, y);
+}
+
 // The view of the stores that the blocks in hostContext name. The source, the
 // solid map and the field must be there.
 void walkViewFromBlocks(WalkView* view);
@@ -83,3 +103,36 @@ bool walkStep(float x, float y, float* outX, float* outY);
 // smooth across the image's edge. Otherwise true, whether or not the walk
 // arrived within its steps.
 bool nearestOpaque(float x, float y, float* outX, float* outY);
+
+// ---- the roads of the walk ------------------------------------------------------------------
+// - The point road walks one point after another (nearestOpaqueIn): the road
+//   the other reproduces.
+// - The lane road (opaque_walk_sse2.cpp) keeps four walks in step in SSE2
+//   lanes, a finished walk's lane taken at once by the next point. A lane
+//   whose step leaves the usual case (a reflection at the image's edge, a
+//   field read across a tile's edge, a NaN) takes that step on the point
+//   road. Every value comes from the same operations in the same order, so
+//   both roads land every point on the same bits.
+
+enum WalkRoad : int32_t {
+  kWalkRoadPoints = 0,
+  kWalkRoadLanes = 1,
+};
+
+// Whether the lane road is built into this module.
+bool walkLanesBuilt();
+// The fastest road built.
+WalkRoad walkRoadFor();
+// nearestOpaqueIn of points (xs[i], ys[i]) on `road`: landing points in
+// outX, outY, its answer in walked (1 or 0).
+void nearestOpaqueManyOn(WalkRoad road, const WalkView& view, int32_t count, const float* xs, const float* ys,
+                         float* outX, float* outY, uint8_t* walked);
+void nearestOpaqueLanes(const WalkView& view, int32_t count, const float* xs, const float* ys, float* outX,
+                        float* outY, uint8_t* walked);
+
+// The point road's pieces, for the lane road. landsWhereItStands: whether
+// (x, y) is its own landing point (walked then says what nearestOpaqueIn
+// answers); otherwise it walks, every step with knownBare set.
+bool landsWhereItStands(const WalkView& view, float x, float y, bool* walked);
+// One step from (x, y); knownBare: the caller found (x, y) bare already.
+bool walkStepIn(const WalkView& view, float x, float y, float* outX, float* outY, bool knownBare);

@@ -3,11 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <stdint.h>
+#include <math.h>
 #include <string.h>
+
+#include <vector>
 
 #include "fill/fill_roads.h"
 #include "fill/fill_schedule.h"
 #include "fill/line_smooth.h"
+#include "grid/opaque_walk.h"
 #include "store/pixel_store.h"
 
 namespace {
@@ -152,6 +156,88 @@ TEST(FastRoads, FillRoadsLeaveThePixelRoadsBits) {
       }
     }
   }
+}
+
+TEST(FastRoads, WalkLanesLandWhereThePointRoadLands) {
+  // Solid discs in a layer wide and tall enough for the field to cross tile
+  // edges; the field is a distance that reaches zero outside the discs (the
+  // walks that never arrive, as smoothing makes them), with flat patches (a
+  // NaN gradient) and far values.
+  struct Disc {
+    float x, y, r;
+  } const discs[] = {{40, 30, 12}, {300, 90, 40}, {520, 260, 25}, {100, 400, 60}, {590, 520, 8}, {3, 500, 5}};
+  const int32_t width = 600;
+  const int32_t height = 530;
+  PixelStore* opaque = pixelStoreCreate(width, height, kKindGray8, 0, false);
+  PixelStore* field = pixelStoreCreate(width + 2 * kFieldMargin, height + 2 * kFieldMargin, kKindFloat, 0, true);
+  ASSERT_NE(opaque, nullptr);
+  ASSERT_NE(field, nullptr);
+  auto distance = [&](float x, float y) {
+    float best = 1e9f;
+    for (const Disc& d : discs) best = fminf(best, sqrtf((x - d.x) * (x - d.x) + (y - d.y) * (y - d.y)) - d.r);
+    return best;
+  };
+  for (int32_t y = 0; y < height; ++y)
+    for (int32_t x = 0; x < width; ++x) writeU8(x, y, opaque, 0, distance(float(x), float(y)) < 0.0f ? 255 : 0);
+  for (int32_t y = 0; y < field->levelHeight[0]; ++y) {
+    for (int32_t x = 0; x < field->levelWidth[0]; ++x) {
+      const float sx = float(x - kFieldMargin);
+      const float sy = float(y - kFieldMargin);
+      float v = 0.8f * distance(sx, sy) - 1.5f;
+      if (sx > 200 && sx < 230 && sy > 200 && sy < 230) v = 7.0f;
+      if (sx > 420 && sy < 40) v = 9000000.0f;
+      writeFloat(x, y, field, 0, v);
+    }
+  }
+  WalkView view;
+  memset(&view, 0, sizeof view);
+  view.opaque = opaque;
+  view.field = field;
+  view.width = width;
+  view.height = height;
+  view.opaqueBytes = true;
+  view.opaqueTiles = opaque->tiles + opaque->firstTile[0];
+  view.opaqueAcross = opaque->tilesAcross[0];
+  view.opaqueMaxX = opaque->levelMaxX[0];
+  view.opaqueMaxY = opaque->levelMaxY[0];
+  view.fieldTiles = field->tiles + field->firstTile[0];
+  view.fieldAcross = field->tilesAcross[0];
+  view.fieldMaxX = field->levelMaxX[0];
+  view.fieldMaxY = field->levelMaxY[0];
+
+  // Every grid corner of the layer and its frame, then points between
+  // pixels and far outside (reflected on their first step).
+  std::vector<float> xs, ys;
+  for (int32_t y = -1; y <= height; ++y)
+    for (int32_t x = -1; x <= width; ++x) {
+      xs.push_back(float(x));
+      ys.push_back(float(y));
+    }
+  uint32_t state = 77;
+  for (int32_t i = 0; i < 20000; ++i) {
+    xs.push_back(float(int32_t(nextRandom(&state) % 7000u)) / 10.0f - 50.0f);
+    ys.push_back(float(int32_t(nextRandom(&state) % 6300u)) / 10.0f - 50.0f);
+  }
+  const size_t n = xs.size();
+  std::vector<float> laneX(n), laneY(n), pointX(n), pointY(n);
+  std::vector<uint8_t> laneWalked(n), pointWalked(n);
+  // In chunks of odd sizes, as a render unit's rows come.
+  for (size_t at = 0; at < n; at += 131) {
+    const int32_t count = int32_t(n - at < 131 ? n - at : 131);
+    nearestOpaqueManyOn(kWalkRoadLanes, view, count, &xs[at], &ys[at], &laneX[at], &laneY[at], &laneWalked[at]);
+    nearestOpaqueManyOn(kWalkRoadPoints, view, count, &xs[at], &ys[at], &pointX[at], &pointY[at], &pointWalked[at]);
+  }
+  size_t walkedOff = 0;
+  for (size_t i = 0; i < n; ++i) {
+    walkedOff += pointWalked[i] != 0 && (pointX[i] != xs[i] || pointY[i] != ys[i]) ? 1 : 0;
+    ASSERT_TRUE(memcmp(&laneX[i], &pointX[i], 4) == 0 && memcmp(&laneY[i], &pointY[i], 4) == 0 &&
+                laneWalked[i] == pointWalked[i])
+        << "point (" << xs[i] << ", " << ys[i] << "): lanes (" << laneX[i] << ", " << laneY[i] << "), points ("
+        << pointX[i] << ", " << pointY[i] << ")";
+  }
+  EXPECT_GT(walkedOff, n / 2);
+  pixelStoreDestroy(&opaque);
+  pixelStoreDestroy(&field);
 }
 
 }  // namespace

@@ -1,0 +1,256 @@
+// The lane road of the walk: four walks in step, each lane doing the point
+// road's operations for its own point in the same order. The field's reads
+// are gathered lane by lane; the arithmetic between them runs in the lanes,
+// single precision four at a time and double precision two at a time.
+#include "grid/opaque_walk.h"
+
+#if (defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)) && \
+    !defined(MENDARIS_SCALAR_KERNELS)
+#include <emmintrin.h>
+
+bool walkLanesBuilt() { return true; }
+
+namespace {
+
+constexpr int32_t kLanes = 4;
+
+// The base pixel of a field read in each lane, floor-like with an exact
+// negative integer taken one below itself, and the fraction, as fieldTap.
+struct TapLanes {
+  __m128i base;
+  __m128 frac;
+};
+
+inline TapLanes tapLanes(__m128 f) {
+  const __m128 atLeastZero = _mm_cmpge_ps(f, _mm_setzero_ps());
+  const __m128 below = _mm_sub_ps(f, _mm_set1_ps(1.0f));
+  const __m128 pick = _mm_or_ps(_mm_and_ps(atLeastZero, f), _mm_andnot_ps(atLeastZero, below));
+  TapLanes t;
+  t.base = _mm_cvttps_epi32(pick);
+  t.frac = _mm_sub_ps(f, _mm_cvtepi32_ps(t.base));
+  return t;
+}
+
+// float(double(v) + offset) in each lane.
+inline __m128 offsetLanes(__m128d low, __m128d high, double offset) {
+  const __m128d o = _mm_set1_pd(offset);
+  return _mm_movelh_ps(_mm_cvtpd_ps(_mm_add_pd(low, o)), _mm_cvtpd_ps(_mm_add_pd(high, o)));
+}
+
+inline __m128 lerpLanes(__m128 a, __m128 b, __m128 c, __m128 d, __m128 tx, __m128 ty) {
+  const __m128 top = _mm_add_ps(a, _mm_mul_ps(_mm_sub_ps(b, a), tx));
+  const __m128 bottom = _mm_add_ps(c, _mm_mul_ps(_mm_sub_ps(d, c), tx));
+  return _mm_add_ps(top, _mm_mul_ps(_mm_sub_ps(bottom, top), ty));
+}
+
+// In the usual case the five reads of a step lie in the 4 x 4 field pixels
+// from (X - 1, Y - 1) on: the three columns of the row reads one apart, the
+// three rows of the column reads one apart, all in one tile. The mask of the
+// lanes where that holds; the test is the point road's own for such bases.
+inline int32_t usualLanes(const WalkView& w, const TapLanes& tm, const TapLanes& t0, const TapLanes& tp,
+                          const TapLanes& sm, const TapLanes& s0, const TapLanes& sp) {
+  const __m128i one = _mm_set1_epi32(1);
+  const __m128i minusOne = _mm_set1_epi32(-1);
+  __m128i ok = _mm_and_si128(_mm_cmpeq_epi32(tm.base, _mm_sub_epi32(t0.base, one)),
+                             _mm_cmpeq_epi32(tp.base, _mm_add_epi32(t0.base, one)));
+  ok = _mm_and_si128(ok, _mm_cmpeq_epi32(sm.base, _mm_sub_epi32(s0.base, one)));
+  ok = _mm_and_si128(ok, _mm_cmpeq_epi32(sp.base, _mm_add_epi32(s0.base, one)));
+  // loX = X - 1 >= 0, hiX = X + 1 < fieldMaxX, and X - 1 and X + 2 in one
+  // tile; the same down the rows.
+  ok = _mm_and_si128(ok, _mm_cmpgt_epi32(tm.base, minusOne));
+  ok = _mm_and_si128(ok, _mm_cmpgt_epi32(sm.base, minusOne));
+  ok = _mm_and_si128(ok, _mm_cmpgt_epi32(_mm_set1_epi32(w.fieldMaxX), tp.base));
+  ok = _mm_and_si128(ok, _mm_cmpgt_epi32(_mm_set1_epi32(w.fieldMaxY), sp.base));
+  ok = _mm_and_si128(ok, _mm_cmpeq_epi32(_mm_srai_epi32(tm.base, kTileShift),
+                                         _mm_srai_epi32(_mm_add_epi32(tp.base, one), kTileShift)));
+  ok = _mm_and_si128(ok, _mm_cmpeq_epi32(_mm_srai_epi32(sm.base, kTileShift),
+                                         _mm_srai_epi32(_mm_add_epi32(sp.base, one), kTileShift)));
+  return w.fieldTiles != nullptr ? _mm_movemask_ps(_mm_castsi128_ps(ok)) : 0;
+}
+
+// The four rows of lane `lane`'s 4 x 4 field pixels.
+inline const uint8_t* usualBlock(const WalkView& w, int32_t left, int32_t top) {
+  const uint8_t* pixels = w.fieldTiles[(top >> kTileShift) * w.fieldAcross + (left >> kTileShift)].pixels;
+  return pixels + size_t(((top & kTileMask) * kTileWidth + (left & kTileMask))) * 4u;
+}
+
+// The walks in the lanes: each lane's point, its steps so far, and the index
+// of the point it walks. The lanes run as groups of four, each group a chain
+// of steps of its own that the processor overlaps with the others'.
+constexpr int32_t kGroups = 2;
+constexpr int32_t kAllLanes = kLanes * kGroups;
+struct Lanes {
+  alignas(16) float x[kAllLanes];
+  alignas(16) float y[kAllLanes];
+  int32_t steps[kAllLanes];
+  int32_t point[kAllLanes];
+};
+
+// A group's step up to its field reads: the taps, and the lanes it leaves to
+// the point road (a reflection, an unusual read).
+struct GroupStep {
+  __m128d xLow, xHigh, yLow, yHigh;
+  TapLanes tm, t0, tp, sm, s0, sp;
+  int32_t left;
+  const uint8_t* blocks[kLanes];
+};
+
+void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy, GroupStep* g) {
+  const __m128 x = _mm_load_ps(lx);
+  const __m128 y = _mm_load_ps(ly);
+  // A point that the step would reflect goes to the point road. The edges
+  // are whole numbers, exact in single precision as in double.
+  __m128 reflects = _mm_or_ps(_mm_cmplt_ps(x, _mm_set1_ps(-1.0f)), _mm_cmplt_ps(y, _mm_set1_ps(-1.0f)));
+  reflects = _mm_or_ps(reflects, _mm_cmpgt_ps(x, _mm_set1_ps(float(w.width))));
+  reflects = _mm_or_ps(reflects, _mm_cmpgt_ps(y, _mm_set1_ps(float(w.height))));
+  g->xLow = _mm_cvtps_pd(x);
+  g->xHigh = _mm_cvtps_pd(_mm_movehl_ps(x, x));
+  g->yLow = _mm_cvtps_pd(y);
+  g->yHigh = _mm_cvtps_pd(_mm_movehl_ps(y, y));
+  const double margin = double(kFieldMargin) - 0.5;
+  g->tm = tapLanes(offsetLanes(g->xLow, g->xHigh, margin - 1.0));
+  g->t0 = tapLanes(offsetLanes(g->xLow, g->xHigh, margin));
+  g->tp = tapLanes(offsetLanes(g->xLow, g->xHigh, margin + 1.0));
+  g->sm = tapLanes(offsetLanes(g->yLow, g->yHigh, margin - 1.0));
+  g->s0 = tapLanes(offsetLanes(g->yLow, g->yHigh, margin));
+  g->sp = tapLanes(offsetLanes(g->yLow, g->yHigh, margin + 1.0));
+  g->left = busy & (_mm_movemask_ps(reflects) | ~usualLanes(w, g->tm, g->t0, g->tp, g->sm, g->s0, g->sp));
+  alignas(16) int32_t columns[kLanes];
+  alignas(16) int32_t rows[kLanes];
+  _mm_store_si128(reinterpret_cast<__m128i*>(columns), g->tm.base);
+  _mm_store_si128(reinterpret_cast<__m128i*>(rows), g->sm.base);
+  // A lane that does not take the usual case reads zeros.
+  static const float kZeros[3 * kTileWidth + 4] = {};
+  for (int32_t lane = 0; lane < kLanes; ++lane) {
+    g->blocks[lane] = ((busy & ~g->left) & (1 << lane)) != 0 ? usualBlock(w, columns[lane], rows[lane])
+                                                             : reinterpret_cast<const uint8_t*>(kZeros);
+  }
+}
+
+// The rest of a group's step: the reads, the gradient, the next point, and
+// whether it stands on a solid pixel, for every busy lane not left over.
+void endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* nextX, float* nextY, bool* arrived) {
+  // Each lane's four rows of four, turned so that a vector holds one pixel
+  // of the block for all four lanes: block[r][c] is row Y - 1 + r, column
+  // X - 1 + c.
+  __m128 block[4][4];
+  for (int32_t r = 0; r < 4; ++r) {
+    __m128 line[kLanes];
+    for (int32_t lane = 0; lane < kLanes; ++lane) {
+      line[lane] = _mm_loadu_ps(reinterpret_cast<const float*>(g.blocks[lane] + size_t(r) * kTileWidth * 4u));
+    }
+    _MM_TRANSPOSE4_PS(line[0], line[1], line[2], line[3]);
+    for (int32_t c = 0; c < 4; ++c) block[r][c] = line[c];
+  }
+  const __m128 right = lerpLanes(block[1][2], block[1][3], block[2][2], block[2][3], g.tp.frac, g.s0.frac);
+  const __m128 leftRead = lerpLanes(block[1][0], block[1][1], block[2][0], block[2][1], g.tm.frac, g.s0.frac);
+  const __m128 down = lerpLanes(block[2][1], block[2][2], block[3][1], block[3][2], g.t0.frac, g.sp.frac);
+  const __m128 up = lerpLanes(block[0][1], block[0][2], block[1][1], block[1][2], g.t0.frac, g.sm.frac);
+  const __m128 here = lerpLanes(block[1][1], block[1][2], block[2][1], block[2][2], g.t0.frac, g.s0.frac);
+  const __m128 gx = _mm_sub_ps(right, leftRead);
+  const __m128 gy = _mm_sub_ps(down, up);
+
+  // Two lanes at a time in double: the normalised gradient, and the step of
+  // twice the distance against it.
+  auto half = [](__m128d gxd, __m128d gyd, __m128d dd, __m128d xd, __m128d yd, __m128d* nx2, __m128d* ny2) {
+    const __m128d n = _mm_div_pd(_mm_set1_pd(1.0),
+                                 _mm_sqrt_pd(_mm_add_pd(_mm_mul_pd(gxd, gxd), _mm_mul_pd(gyd, gyd))));
+    const __m128d step = _mm_mul_pd(_mm_set1_pd(2.0), dd);
+    *nx2 = _mm_sub_pd(xd, _mm_mul_pd(step, _mm_mul_pd(gxd, n)));
+    *ny2 = _mm_sub_pd(yd, _mm_mul_pd(step, _mm_mul_pd(gyd, n)));
+  };
+  __m128d nxLow, nyLow, nxHigh, nyHigh;
+  half(_mm_cvtps_pd(gx), _mm_cvtps_pd(gy), _mm_cvtps_pd(here), g.xLow, g.yLow, &nxLow, &nyLow);
+  half(_mm_cvtps_pd(_mm_movehl_ps(gx, gx)), _mm_cvtps_pd(_mm_movehl_ps(gy, gy)),
+       _mm_cvtps_pd(_mm_movehl_ps(here, here)), g.xHigh, g.yHigh, &nxHigh, &nyHigh);
+  const __m128 nx = _mm_movelh_ps(_mm_cvtpd_ps(nxLow), _mm_cvtpd_ps(nxHigh));
+  const __m128 ny = _mm_movelh_ps(_mm_cvtpd_ps(nyLow), _mm_cvtpd_ps(nyHigh));
+  _mm_storeu_ps(nextX, nx);
+  _mm_storeu_ps(nextY, ny);
+  alignas(16) int32_t cx[kLanes];
+  alignas(16) int32_t cy[kLanes];
+  _mm_store_si128(reinterpret_cast<__m128i*>(cx), _mm_cvttps_epi32(nx));
+  _mm_store_si128(reinterpret_cast<__m128i*>(cy), _mm_cvttps_epi32(ny));
+  for (int32_t lane = 0; lane < kLanes; ++lane) {
+    if ((busy & ~g.left) & (1 << lane)) arrived[lane] = solidIn(w, cx[lane], cy[lane]);
+  }
+}
+
+// One step in every busy lane; the lanes left to the point road come back
+// as a mask.
+int32_t stepLanes(const WalkView& w, const Lanes& l, int32_t busy, float* nextX, float* nextY, bool* arrived) {
+  GroupStep g[kGroups];
+  for (int32_t k = 0; k < kGroups; ++k) beginStep(w, l.x + k * kLanes, l.y + k * kLanes, (busy >> (k * kLanes)) & 15, &g[k]);
+  int32_t left = 0;
+  for (int32_t k = 0; k < kGroups; ++k) {
+    endStep(w, g[k], (busy >> (k * kLanes)) & 15, nextX + k * kLanes, nextY + k * kLanes, arrived + k * kLanes);
+    left |= g[k].left << (k * kLanes);
+  }
+  return left;
+}
+
+}  // namespace
+
+void nearestOpaqueLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX,
+                        float* outY, uint8_t* walked) {
+  Lanes l;
+  int32_t busy = 0;
+  int32_t next = 0;
+  for (;;) {
+    // Every idle lane takes the next point that walks; the others land where
+    // they stand.
+    for (int32_t lane = 0; lane < kAllLanes; ++lane) {
+      if (busy & (1 << lane)) continue;
+      while (next < count) {
+        const int32_t i = next++;
+        bool answer;
+        if (landsWhereItStands(w, xs[i], ys[i], &answer)) {
+          outX[i] = xs[i];
+          outY[i] = ys[i];
+          walked[i] = answer ? 1 : 0;
+          continue;
+        }
+        walked[i] = 1;
+        l.x[lane] = xs[i];
+        l.y[lane] = ys[i];
+        l.steps[lane] = 0;
+        l.point[lane] = i;
+        busy |= 1 << lane;
+        break;
+      }
+      if ((busy & (1 << lane)) == 0) {
+        // An idle lane walks a copy of a harmless point that nobody reads.
+        l.x[lane] = 0.0f;
+        l.y[lane] = 0.0f;
+      }
+    }
+    if (busy == 0) return;
+    alignas(16) float nextX[kAllLanes];
+    alignas(16) float nextY[kAllLanes];
+    bool arrived[kAllLanes] = {};
+    const int32_t left = stepLanes(w, l, busy, nextX, nextY, arrived);
+    for (int32_t lane = 0; lane < kAllLanes; ++lane) {
+      const int32_t bit = 1 << lane;
+      if ((busy & bit) == 0) continue;
+      if (left & bit) arrived[lane] = walkStepIn(w, l.x[lane], l.y[lane], &nextX[lane], &nextY[lane], true);
+      l.x[lane] = nextX[lane];
+      l.y[lane] = nextY[lane];
+      if (arrived[lane] || ++l.steps[lane] == kWalkSteps) {
+        outX[l.point[lane]] = l.x[lane];
+        outY[l.point[lane]] = l.y[lane];
+        busy &= ~bit;
+      }
+    }
+  }
+}
+
+#else
+
+bool walkLanesBuilt() { return false; }
+
+void nearestOpaqueLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX,
+                        float* outY, uint8_t* walked) {
+  nearestOpaqueManyOn(kWalkRoadPoints, w, count, xs, ys, outX, outY, walked);
+}
+
+#endif
