@@ -192,22 +192,6 @@ bool walkStepIn(const WalkView& w, float x, float y, float* outX, float* outY, b
   return stepIn(w, x, y, outX, outY, knownBare);
 }
 
-bool landsWhereItStands(const WalkView& w, float x, float y, bool* walked) {
-  const int32_t xi = truncFloat(x);
-  const int32_t yi = truncFloat(y);
-  const bool outside = uint32_t(xi) >= uint32_t(w.width) || uint32_t(yi) >= uint32_t(w.height);
-  if (outside && solidClampedIn(w, xi, yi)) {
-    *walked = false;
-    return true;
-  }
-  // A point inside the source is never reflected, so the first step's test is
-  // the solid test of (xi, yi) itself: a corner on a solid pixel stays, for the
-  // cost of one read of the map. A point outside is never solid either: the
-  // first step need not look again.
-  *walked = true;
-  return !outside && solidIn(w, xi, yi);
-}
-
 bool nearestOpaqueIn(const WalkView& w, float x, float y, float* outX, float* outY) {
   bool walked;
   if (landsWhereItStands(w, x, y, &walked)) {

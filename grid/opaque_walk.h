@@ -133,6 +133,21 @@ void nearestOpaqueLanes(const WalkView& view, int32_t count, const float* xs, co
 // The point road's pieces, for the lane road. landsWhereItStands: whether
 // (x, y) is its own landing point (walked then says what nearestOpaqueIn
 // answers); otherwise it walks, every step with knownBare set.
-bool landsWhereItStands(const WalkView& view, float x, float y, bool* walked);
+inline bool landsWhereItStands(const WalkView& w, float x, float y, bool* walked) {
+  const int32_t xi = truncFloat(x);
+  const int32_t yi = truncFloat(y);
+  const bool outside = uint32_t(xi) >= uint32_t(w.width) || uint32_t(yi) >= uint32_t(w.height);
+  if (outside && solidClampedIn(w, xi, yi)) {
+    *walked = false;
+    return true;
+  }
+  // A point inside the source is never reflected, so the first step's test is
+  // the solid test of (xi, yi) itself: a corner on a solid pixel stays, for the
+  // cost of one read of the map. A point outside is never solid either: the
+  // first step need not look again.
+  *walked = true;
+  return !outside && solidIn(w, xi, yi);
+}
+
 // One step from (x, y); knownBare: the caller found (x, y) bare already.
 bool walkStepIn(const WalkView& view, float x, float y, float* outX, float* outY, bool knownBare);

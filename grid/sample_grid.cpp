@@ -113,10 +113,10 @@ void fillCells(JobUnit* unit, SampleGrid* grid) {
   const VRect& r = unit->cursor.unitRect;
   CellContext c;
   cellContext(grid, grid->sampleRate, grid->offsetX, grid->offsetY, grid->store, &c);
-  // A row of points at a time, walked on the fastest road: every point lands
+  // Rows of points at a time, walked on the fastest road: every point lands
   // on the same bits on each.
   const WalkRoad road = walkRoadFor();
-  constexpr int32_t kRowPoints = kRenderTileSide + 2;
+  constexpr int32_t kRowPoints = 4 * (kRenderTileSide + 2);
   float xs[kRowPoints];
   float ys[kRowPoints];
   float landX[kRowPoints];
@@ -138,8 +138,8 @@ void fillCells(JobUnit* unit, SampleGrid* grid) {
       ys[count] = float(y);
       if (++count == kRowPoints) walkPoints();
     }
-    walkPoints();
   }
+  walkPoints();
 }
 
 void renderUnit(JobUnit* unit) {
