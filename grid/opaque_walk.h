@@ -60,8 +60,10 @@ struct WalkView {
   int32_t fieldMaxY;
 };
 
-// The unit-range value of a solid-map byte, as the store's reader gives it.
-inline bool solidByte(uint8_t value) { return float(double(value) * 0.003921568627451) > 0.5f; }
+// Whether a solid-map byte's unit-range value, as the store's reader gives it
+// (value * 0.003921568627451 rounded to single), is above 0.5: from 128 on
+// (127 gives 0.498, 128 gives 0.502).
+inline bool solidByte(uint8_t value) { return value >= 128; }
 
 // Whether pixel (x, y) lies in the source and is solid. The byte map is read
 // from its tile directly, clamped to the map's own level as its reader clamps.

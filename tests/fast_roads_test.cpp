@@ -205,6 +205,16 @@ TEST(FastRoads, WalkLanesLandWhereThePointRoadLands) {
   view.fieldMaxX = field->levelMaxX[0];
   view.fieldMaxY = field->levelMaxY[0];
 
+  // The byte map read straight from its tiles against the store's reader,
+  // for every byte value.
+  for (int32_t value = 0; value < 256; ++value) {
+    writeU8(7, 9, opaque, 0, value);
+    WalkView reader = view;
+    reader.opaqueBytes = false;
+    EXPECT_EQ(solidIn(view, 7, 9), solidIn(reader, 7, 9)) << value;
+  }
+  writeU8(7, 9, opaque, 0, distance(7.0f, 9.0f) < 0.0f ? 255 : 0);
+
   // Every grid corner of the layer and its frame, then points between
   // pixels and far outside (reflected on their first step).
   std::vector<float> xs, ys;
