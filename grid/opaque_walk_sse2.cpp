@@ -74,6 +74,48 @@ inline const uint8_t* usualBlock(const WalkView& w, int32_t left, int32_t top) {
   return pixels + size_t(((top & kTileMask) * kTileWidth + (left & kTileMask))) * 4u;
 }
 
+// solidIn of pixel (x, y) of each lane in `lanes`, into solid[lane]. The
+// byte map's tile and the place in it are found in the lanes; points outside
+// the source are not solid.
+inline void solidLanes(const WalkView& w, __m128i x, __m128i y, int32_t lanes, bool* solid) {
+  if (!w.opaqueBytes || w.opaqueTiles == nullptr) {
+    alignas(16) int32_t xs[kLanes];
+    alignas(16) int32_t ys[kLanes];
+    _mm_store_si128(reinterpret_cast<__m128i*>(xs), x);
+    _mm_store_si128(reinterpret_cast<__m128i*>(ys), y);
+    for (int32_t lane = 0; lane < kLanes; ++lane) {
+      if (lanes & (1 << lane)) solid[lane] = solidIn(w, xs[lane], ys[lane]);
+    }
+    return;
+  }
+  const __m128i minusOne = _mm_set1_epi32(-1);
+  const __m128i inside =
+      _mm_and_si128(_mm_and_si128(_mm_cmpgt_epi32(x, minusOne), _mm_cmpgt_epi32(_mm_set1_epi32(w.width), x)),
+                    _mm_and_si128(_mm_cmpgt_epi32(y, minusOne), _mm_cmpgt_epi32(_mm_set1_epi32(w.height), y)));
+  lanes &= _mm_movemask_ps(_mm_castsi128_ps(inside));
+  // Inside the source the map's own clamp only lowers a coordinate past its
+  // last pixel; outside lanes read pixel (0, 0) and are not taken.
+  auto lower = [](__m128i v, int32_t max) {
+    const __m128i limit = _mm_set1_epi32(max);
+    const __m128i above = _mm_cmpgt_epi32(v, limit);
+    return _mm_or_si128(_mm_and_si128(above, limit), _mm_andnot_si128(above, v));
+  };
+  x = _mm_and_si128(lower(x, w.opaqueMaxX), inside);
+  y = _mm_and_si128(lower(y, w.opaqueMaxY), inside);
+  // Tile rows and columns are below 2^16: the 16-bit product is the whole one.
+  const __m128i tile = _mm_add_epi32(
+      _mm_mullo_epi16(_mm_srai_epi32(y, kTileShift), _mm_set1_epi32(w.opaqueAcross)), _mm_srai_epi32(x, kTileShift));
+  const __m128i mask = _mm_set1_epi32(kTileMask);
+  const __m128i place = _mm_add_epi32(_mm_slli_epi32(_mm_and_si128(y, mask), kTileShift), _mm_and_si128(x, mask));
+  alignas(16) int32_t tiles[kLanes];
+  alignas(16) int32_t places[kLanes];
+  _mm_store_si128(reinterpret_cast<__m128i*>(tiles), tile);
+  _mm_store_si128(reinterpret_cast<__m128i*>(places), place);
+  for (int32_t lane = 0; lane < kLanes; ++lane) {
+    solid[lane] = (lanes & (1 << lane)) != 0 && solidByte(w.opaqueTiles[tiles[lane]].pixels[places[lane]]);
+  }
+}
+
 // The walks in the lanes: each lane's point, its steps so far, and the index
 // of the point it walks. The lanes run as groups of four, each group a chain
 // of steps of its own that the processor overlaps with the others'.
@@ -167,13 +209,7 @@ void endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* nextX, 
   const __m128 ny = _mm_movelh_ps(_mm_cvtpd_ps(nyLow), _mm_cvtpd_ps(nyHigh));
   _mm_storeu_ps(nextX, nx);
   _mm_storeu_ps(nextY, ny);
-  alignas(16) int32_t cx[kLanes];
-  alignas(16) int32_t cy[kLanes];
-  _mm_store_si128(reinterpret_cast<__m128i*>(cx), _mm_cvttps_epi32(nx));
-  _mm_store_si128(reinterpret_cast<__m128i*>(cy), _mm_cvttps_epi32(ny));
-  for (int32_t lane = 0; lane < kLanes; ++lane) {
-    if ((busy & ~g.left) & (1 << lane)) arrived[lane] = solidIn(w, cx[lane], cy[lane]);
-  }
+  solidLanes(w, _mm_cvttps_epi32(nx), _mm_cvttps_epi32(ny), busy & ~g.left, arrived);
 }
 
 // One step in every busy lane; the lanes left to the point road come back
