@@ -7,6 +7,7 @@
 #if (defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)) && \
     !defined(MENDARIS_SCALAR_KERNELS)
 #include <emmintrin.h>
+#include <string.h>
 
 bool walkLanesBuilt() { return true; }
 
@@ -77,16 +78,17 @@ inline const uint8_t* usualBlock(const WalkView& w, int32_t left, int32_t top) {
 // solidIn of pixel (x, y) of each lane in `lanes`, into solid[lane]. The
 // byte map's tile and the place in it are found in the lanes; points outside
 // the source are not solid.
-inline void solidLanes(const WalkView& w, __m128i x, __m128i y, int32_t lanes, bool* solid) {
+inline int32_t solidLanes(const WalkView& w, __m128i x, __m128i y, int32_t lanes) {
   if (!w.opaqueBytes || w.opaqueTiles == nullptr) {
     alignas(16) int32_t xs[kLanes];
     alignas(16) int32_t ys[kLanes];
     _mm_store_si128(reinterpret_cast<__m128i*>(xs), x);
     _mm_store_si128(reinterpret_cast<__m128i*>(ys), y);
+    int32_t solid = 0;
     for (int32_t lane = 0; lane < kLanes; ++lane) {
-      if (lanes & (1 << lane)) solid[lane] = solidIn(w, xs[lane], ys[lane]);
+      if ((lanes & (1 << lane)) != 0 && solidIn(w, xs[lane], ys[lane])) solid |= 1 << lane;
     }
-    return;
+    return solid;
   }
   const __m128i minusOne = _mm_set1_epi32(-1);
   const __m128i inside =
@@ -111,9 +113,11 @@ inline void solidLanes(const WalkView& w, __m128i x, __m128i y, int32_t lanes, b
   alignas(16) int32_t places[kLanes];
   _mm_store_si128(reinterpret_cast<__m128i*>(tiles), tile);
   _mm_store_si128(reinterpret_cast<__m128i*>(places), place);
+  int32_t solid = 0;
   for (int32_t lane = 0; lane < kLanes; ++lane) {
-    solid[lane] = (lanes & (1 << lane)) != 0 && solidByte(w.opaqueTiles[tiles[lane]].pixels[places[lane]]);
+    if ((lanes & (1 << lane)) != 0 && solidByte(w.opaqueTiles[tiles[lane]].pixels[places[lane]])) solid |= 1 << lane;
   }
+  return solid;
 }
 
 // The walks in the lanes: each lane's point, its steps so far, and the index
@@ -121,6 +125,20 @@ inline void solidLanes(const WalkView& w, __m128i x, __m128i y, int32_t lanes, b
 // of steps of its own that the processor overlaps with the others'.
 constexpr int32_t kGroups = 2;
 constexpr int32_t kAllLanes = kLanes * kGroups;
+constexpr int32_t kAllLaneBits = (1 << kAllLanes) - 1;
+
+inline int32_t lowestBit(int32_t bits) {
+#if defined(__GNUC__)
+  return __builtin_ctz(uint32_t(bits));
+#else
+  int32_t n = 0;
+  while ((bits & 1) == 0) {
+    bits >>= 1;
+    ++n;
+  }
+  return n;
+#endif
+}
 struct Lanes {
   alignas(16) float x[kAllLanes];
   alignas(16) float y[kAllLanes];
@@ -170,8 +188,8 @@ void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy
 }
 
 // The rest of a group's step: the reads, the gradient, the next point, and
-// whether it stands on a solid pixel, for every busy lane not left over.
-void endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* nextX, float* nextY, bool* arrived) {
+// the mask of the busy lanes not left over whose point stands on a solid pixel.
+int32_t endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* nextX, float* nextY) {
   // Each lane's four rows of four, turned so that a vector holds one pixel
   // of the block for all four lanes: block[r][c] is row Y - 1 + r, column
   // X - 1 + c.
@@ -209,17 +227,17 @@ void endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* nextX, 
   const __m128 ny = _mm_movelh_ps(_mm_cvtpd_ps(nyLow), _mm_cvtpd_ps(nyHigh));
   _mm_storeu_ps(nextX, nx);
   _mm_storeu_ps(nextY, ny);
-  solidLanes(w, _mm_cvttps_epi32(nx), _mm_cvttps_epi32(ny), busy & ~g.left, arrived);
+  return solidLanes(w, _mm_cvttps_epi32(nx), _mm_cvttps_epi32(ny), busy & ~g.left);
 }
 
-// One step in every busy lane; the lanes left to the point road come back
-// as a mask.
-int32_t stepLanes(const WalkView& w, const Lanes& l, int32_t busy, float* nextX, float* nextY, bool* arrived) {
+// One step in every busy lane: the lanes that arrived into `arrived`; the
+// lanes left to the point road come back as a mask.
+int32_t stepLanes(const WalkView& w, const Lanes& l, int32_t busy, float* nextX, float* nextY, int32_t* arrived) {
   GroupStep g[kGroups];
   for (int32_t k = 0; k < kGroups; ++k) beginStep(w, l.x + k * kLanes, l.y + k * kLanes, (busy >> (k * kLanes)) & 15, &g[k]);
   int32_t left = 0;
   for (int32_t k = 0; k < kGroups; ++k) {
-    endStep(w, g[k], (busy >> (k * kLanes)) & 15, nextX + k * kLanes, nextY + k * kLanes, arrived + k * kLanes);
+    *arrived |= endStep(w, g[k], (busy >> (k * kLanes)) & 15, nextX + k * kLanes, nextY + k * kLanes) << (k * kLanes);
     left |= g[k].left << (k * kLanes);
   }
   return left;
@@ -230,13 +248,14 @@ int32_t stepLanes(const WalkView& w, const Lanes& l, int32_t busy, float* nextX,
 void nearestOpaqueLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX,
                         float* outY, uint8_t* walked) {
   Lanes l;
+  for (int32_t lane = 0; lane < kAllLanes; ++lane) l.x[lane] = l.y[lane] = 0.0f;
   int32_t busy = 0;
   int32_t next = 0;
   for (;;) {
     // Every idle lane takes the next point that walks; the others land where
-    // they stand.
-    for (int32_t lane = 0; lane < kAllLanes; ++lane) {
-      if (busy & (1 << lane)) continue;
+    // they stand. An idle lane keeps whatever point it had, and nobody reads it.
+    for (int32_t idle = ~busy & kAllLaneBits; idle != 0 && next < count; idle &= idle - 1) {
+      const int32_t lane = lowestBit(idle);
       while (next < count) {
         const int32_t i = next++;
         bool answer;
@@ -254,29 +273,29 @@ void nearestOpaqueLanes(const WalkView& w, int32_t count, const float* xs, const
         busy |= 1 << lane;
         break;
       }
-      if ((busy & (1 << lane)) == 0) {
-        // An idle lane walks a copy of a harmless point that nobody reads.
-        l.x[lane] = 0.0f;
-        l.y[lane] = 0.0f;
-      }
     }
     if (busy == 0) return;
     alignas(16) float nextX[kAllLanes];
     alignas(16) float nextY[kAllLanes];
-    bool arrived[kAllLanes] = {};
-    const int32_t left = stepLanes(w, l, busy, nextX, nextY, arrived);
-    for (int32_t lane = 0; lane < kAllLanes; ++lane) {
-      const int32_t bit = 1 << lane;
-      if ((busy & bit) == 0) continue;
-      if (left & bit) arrived[lane] = walkStepIn(w, l.x[lane], l.y[lane], &nextX[lane], &nextY[lane], true);
-      l.x[lane] = nextX[lane];
-      l.y[lane] = nextY[lane];
-      if (arrived[lane] || ++l.steps[lane] == kWalkSteps) {
-        outX[l.point[lane]] = l.x[lane];
-        outY[l.point[lane]] = l.y[lane];
-        busy &= ~bit;
-      }
+    int32_t arrived = 0;
+    const int32_t left = stepLanes(w, l, busy, nextX, nextY, &arrived);
+    for (int32_t lanes = left; lanes != 0; lanes &= lanes - 1) {
+      const int32_t lane = lowestBit(lanes);
+      if (walkStepIn(w, l.x[lane], l.y[lane], &nextX[lane], &nextY[lane], true)) arrived |= 1 << lane;
     }
+    memcpy(l.x, nextX, sizeof l.x);
+    memcpy(l.y, nextY, sizeof l.y);
+    int32_t done = arrived & busy;
+    for (int32_t lanes = busy; lanes != 0; lanes &= lanes - 1) {
+      const int32_t lane = lowestBit(lanes);
+      if (++l.steps[lane] == kWalkSteps) done |= 1 << lane;
+    }
+    for (int32_t lanes = done; lanes != 0; lanes &= lanes - 1) {
+      const int32_t lane = lowestBit(lanes);
+      outX[l.point[lane]] = l.x[lane];
+      outY[l.point[lane]] = l.y[lane];
+    }
+    busy &= ~done;
   }
 }
 
