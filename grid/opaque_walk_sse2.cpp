@@ -75,15 +75,19 @@ inline const uint8_t* usualBlock(const WalkView& w, int32_t left, int32_t top) {
   return pixels + size_t(((top & kTileMask) * kTileWidth + (left & kTileMask))) * 4u;
 }
 
-// solidIn of pixel (x, y) of each lane in `lanes`, into solid[lane]. The
+inline void storeLanes(__m128i a, __m128i b, int32_t* toA, int32_t* toB) {
+  _mm_store_si128(reinterpret_cast<__m128i*>(toA), a);
+  _mm_store_si128(reinterpret_cast<__m128i*>(toB), b);
+}
+
+// The mask of the lanes in `lanes` whose pixel (x, y) is solid (solidIn). The
 // byte map's tile and the place in it are found in the lanes; points outside
 // the source are not solid.
 inline int32_t solidLanes(const WalkView& w, __m128i x, __m128i y, int32_t lanes) {
   if (!w.opaqueBytes || w.opaqueTiles == nullptr) {
     alignas(16) int32_t xs[kLanes];
     alignas(16) int32_t ys[kLanes];
-    _mm_store_si128(reinterpret_cast<__m128i*>(xs), x);
-    _mm_store_si128(reinterpret_cast<__m128i*>(ys), y);
+    storeLanes(x, y, xs, ys);
     int32_t solid = 0;
     for (int32_t lane = 0; lane < kLanes; ++lane) {
       if ((lanes & (1 << lane)) != 0 && solidIn(w, xs[lane], ys[lane])) solid |= 1 << lane;
@@ -111,8 +115,7 @@ inline int32_t solidLanes(const WalkView& w, __m128i x, __m128i y, int32_t lanes
   const __m128i place = _mm_add_epi32(_mm_slli_epi32(_mm_and_si128(y, mask), kTileShift), _mm_and_si128(x, mask));
   alignas(16) int32_t tiles[kLanes];
   alignas(16) int32_t places[kLanes];
-  _mm_store_si128(reinterpret_cast<__m128i*>(tiles), tile);
-  _mm_store_si128(reinterpret_cast<__m128i*>(places), place);
+  storeLanes(tile, place, tiles, places);
   int32_t solid = 0;
   for (int32_t lane = 0; lane < kLanes; ++lane) {
     if ((lanes & (1 << lane)) != 0 && solidByte(w.opaqueTiles[tiles[lane]].pixels[places[lane]])) solid |= 1 << lane;
@@ -177,8 +180,7 @@ void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy
   g->left = busy & (_mm_movemask_ps(reflects) | ~usualLanes(w, g->tm, g->t0, g->tp, g->sm, g->s0, g->sp));
   alignas(16) int32_t columns[kLanes];
   alignas(16) int32_t rows[kLanes];
-  _mm_store_si128(reinterpret_cast<__m128i*>(columns), g->tm.base);
-  _mm_store_si128(reinterpret_cast<__m128i*>(rows), g->sm.base);
+  storeLanes(g->tm.base, g->sm.base, columns, rows);
   // A lane that does not take the usual case reads zeros.
   static const float kZeros[3 * kTileWidth + 4] = {};
   for (int32_t lane = 0; lane < kLanes; ++lane) {
