@@ -189,23 +189,9 @@ std::vector<PngChunk> pngMetadata(const ImageSpec& source) {
   return chunks;
 }
 
-// The file's description, as the library read it or reads it again.
-const ImageSpec& fileSpecOf(const LayerSource& source, ImageSpec& reread) {
-  if (source.fileSpec) return *static_cast<const ImageSpec*>(source.fileSpec.get());
-  ImageSpec config;
-  config.attribute("oiio:UnassociatedAlpha", 1);
-  std::unique_ptr<ImageInput> in;
-  {
-    QuietStderr quiet;
-    in = ImageInput::open(source.path, &config);
-  }
-  if (in) reread = in->spec();
-  OIIO::geterror();
-  return reread;
-}
-
-IoResult readLayer(const std::string& path, standin::Document& document, LayerSource& source,
-                   std::string& problem, const ImageHooks& hooks) {
+// Opens a file to be read with its colour kept straight; null with
+// `problem` set when the library cannot read it.
+std::unique_ptr<ImageInput> openStraight(const std::string& path, std::string& problem) {
   ImageSpec config;
   config.attribute("oiio:UnassociatedAlpha", 1);
   std::unique_ptr<ImageInput> in;
@@ -213,10 +199,23 @@ IoResult readLayer(const std::string& path, standin::Document& document, LayerSo
     QuietStderr quiet;
     in = ImageInput::open(path, &config);
   }
-  if (!in) {
-    problem = "cannot read: " + firstLine(OIIO::geterror());
-    return IoResult::failed;
-  }
+  if (!in) problem = "cannot read: " + firstLine(OIIO::geterror());
+  return in;
+}
+
+// The file's description, as the library read it or reads it again.
+const ImageSpec& fileSpecOf(const LayerSource& source, ImageSpec& reread) {
+  if (source.fileSpec) return *static_cast<const ImageSpec*>(source.fileSpec.get());
+  std::string problem;
+  std::unique_ptr<ImageInput> in = openStraight(source.path, problem);
+  if (in) reread = in->spec();
+  return reread;
+}
+
+IoResult readLayer(const std::string& path, standin::Document& document, LayerSource& source,
+                   std::string& problem, const ImageHooks& hooks) {
+  std::unique_ptr<ImageInput> in = openStraight(path, problem);
+  if (!in) return IoResult::failed;
   const ImageSpec& spec = in->spec();
   char text[200];
   if (spec.deep) {
@@ -326,17 +325,8 @@ IoResult readLayer(const std::string& path, standin::Document& document, LayerSo
 
 IoResult readSelection(const std::string& path, int32_t width, int32_t height, std::vector<uint8_t>& mask,
                        std::string& problem, const ImageHooks& hooks) {
-  ImageSpec config;
-  config.attribute("oiio:UnassociatedAlpha", 1);
-  std::unique_ptr<ImageInput> in;
-  {
-    QuietStderr quiet;
-    in = ImageInput::open(path, &config);
-  }
-  if (!in) {
-    problem = "cannot read: " + firstLine(OIIO::geterror());
-    return IoResult::failed;
-  }
+  std::unique_ptr<ImageInput> in = openStraight(path, problem);
+  if (!in) return IoResult::failed;
   const ImageSpec& spec = in->spec();
   if (spec.width != width || spec.height != height || spec.depth > 1 || spec.deep) {
     char text[160];
