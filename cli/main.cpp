@@ -340,6 +340,8 @@ int runTool(int argc, char** argv) {
     fputs(kUsage, stdout);
     printf("\nThe plug-in module is looked for at:\n");
     for (const std::string& place : moduleSearchPath()) printf("  %s\n", place.c_str());
+    printf("\nThe image library's module (for files other than plain PNG) at:\n");
+    for (const std::string& place : imageLibrarySearchPath()) printf("  %s\n", place.c_str());
     return 0;
   }
   if (options.version) {

@@ -81,28 +81,51 @@ bool unfilterRow(uint8_t filter, uint8_t* row, const uint8_t* prior, size_t n, s
   }
 }
 
+// A text chunk (tEXt, zTXt or iTXt) whose keyword is "Software".
+bool isSoftwareText(const uint8_t* type, const uint8_t* data, uint32_t size) {
+  if (memcmp(type, "tEXt", 4) != 0 && memcmp(type, "zTXt", 4) != 0 && memcmp(type, "iTXt", 4) != 0) return false;
+  return size >= 9 && memcmp(data, "Software", 9) == 0;
+}
+
 }  // namespace
 
 bool readPlainPng(const std::string& path, standin::Document& document) {
+  std::vector<PngChunk> metadata;
+  return readPlainPng(path, document, metadata, [&](const PngHeader& h) {
+    return h.width == document.width && h.height == document.height && h.depth == document.depth &&
+           h.planes == document.planes();
+  });
+}
+
+bool readPlainPng(const std::string& path, standin::Document& document, std::vector<PngChunk>& metadata,
+                  const std::function<bool(const PngHeader&)>& makeDocument) {
   Mapping file;
   if (!mapFile(path, file) || file.size < 8 || memcmp(file.data, "\x89PNG\r\n\x1a\n", 8) != 0) return false;
   static const int kPlanesOfColourType[] = {1, 0, 3, 0, 2, 0, 4};
+  static const char* const kKeptChunks[] = {"gAMA", "cHRM", "sRGB", "iCCP", "pHYs", "tEXt", "zTXt", "iTXt"};
   // The IDAT payloads are moved down to the front of the file's own buffer,
   // into one stream: no second copy of it is held.
   size_t streamSize = 0;
-  bool header = false, ended = false;
+  bool ended = false;
+  PngHeader header;
+  metadata.clear();
   for (size_t at = 8; at + 12 <= file.size && !ended;) {
     uint32_t size = big32(file.data + at);
     if (size > file.size - at - 12) return false;
     const uint8_t* type = file.data + at + 4;
     const uint8_t* data = type + 4;
     if (libdeflate_crc32(libdeflate_crc32(0, type, 4), data, size) != big32(data + size)) return false;
-    if (memcmp(type, "IHDR", 4) == 0) {
-      if (size != 13 || big32(data) != uint32_t(document.width) || big32(data + 4) != uint32_t(document.height) ||
-          data[8] != document.depth || data[9] > 6 || kPlanesOfColourType[data[9]] != document.planes() ||
-          data[10] != 0 || data[11] != 0 || data[12] != 0)
+    bool first = at == 8;
+    if (first != (memcmp(type, "IHDR", 4) == 0)) return false;
+    if (first) {
+      if (size != 13 || big32(data) == 0 || big32(data) > 0x7fffffffu || big32(data + 4) == 0 ||
+          big32(data + 4) > 0x7fffffffu || (data[8] != 8 && data[8] != 16) || data[9] > 6 ||
+          kPlanesOfColourType[data[9]] == 0 || data[10] != 0 || data[11] != 0 || data[12] != 0)
         return false;
-      header = true;
+      header.width = int32_t(big32(data));
+      header.height = int32_t(big32(data + 4));
+      header.depth = data[8];
+      header.planes = kPlanesOfColourType[data[9]];
     } else if (memcmp(type, "IDAT", 4) == 0) {
       memmove(file.data + streamSize, data, size);
       streamSize += size;
@@ -110,10 +133,13 @@ bool readPlainPng(const std::string& path, standin::Document& document) {
       ended = true;
     } else if (memcmp(type, "PLTE", 4) == 0 || memcmp(type, "tRNS", 4) == 0) {
       return false;
+    } else if (!isSoftwareText(type, data, size)) {
+      for (const char* kept : kKeptChunks)
+        if (memcmp(type, kept, 4) == 0) metadata.push_back(PngChunk{kept, std::vector<uint8_t>(data, data + size)});
     }
     at += size + 12;
   }
-  if (!header || !ended) return false;
+  if (!ended || !makeDocument(header)) return false;
 
   size_t sampleBytes = size_t(document.depth / 8);
   size_t rowBytes = size_t(document.width) * size_t(document.planes()) * sampleBytes;

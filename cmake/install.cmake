@@ -17,7 +17,7 @@ else()
 endif()
 
 install(TARGETS mendaris RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(TARGETS MendarisK LIBRARY DESTINATION ${MENDARIS_MODULE_DIR})
+install(TARGETS MendarisK mendaris_images LIBRARY DESTINATION ${MENDARIS_MODULE_DIR})
 install(FILES ${CMAKE_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/mendaris RENAME copyright)
 
 # The Debian package: `cpack -G DEB` in the native build (make package).

@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+#include <OpenImageIO/imageio.h>
+
 #include "cli/image_files.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # What a packager sees: the tool installed into a staging root with DESTDIR,
 # and the .deb of `make package` unpacked with dpkg-deb -x. In both the tool
-# runs from there, finds the module installed beside it (no build path in
-# it), gives the build's own result, and its man page renders.
+# runs from there, finds the module and the image library installed beside
+# it (no build path in it), gives the build's own result, and its man page
+# renders.
 #   package_install.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 src=$1 bin=$2
@@ -15,17 +16,19 @@ fail() { echo "FAIL: $*"; status=1; }
 
 check_tree() {  # check_tree WHAT PREFIX
   local what=$1 prefix=$2
-  for f in bin/mendaris lib/mendaris/MendarisK.so share/man/man1/mendaris.1 share/doc/mendaris/copyright; do
+  for f in bin/mendaris lib/mendaris/MendarisK.so lib/mendaris/mendaris_images.so share/man/man1/mendaris.1 share/doc/mendaris/copyright; do
     [ -f "$prefix/$f" ] || fail "$what: no $f"
   done
   grep -qF "$src" "$prefix/bin/mendaris" && fail "$what: the tool holds a build path"
   local help
   help=$("$prefix/bin/mendaris" --help)
-  grep -qxF "  $prefix/lib/mendaris/MendarisK.so" <<<"$help" ||
-    fail "$what: --help does not name the installed module"
+  for module in MendarisK.so mendaris_images.so; do
+    grep -qxF "  $prefix/lib/mendaris/$module" <<<"$help" || fail "$what: --help does not name the installed $module"
+  done
   rm -f "$tmp/out.png"
   "$prefix/bin/mendaris" -q --keep-alpha "$src/examples/atlas.png" "$tmp/out.png" &&
     cmp -s "$tmp/expected.png" "$tmp/out.png" || fail "$what: the installed tool's output differs from the build's"
+  "$prefix/bin/mendaris" -q "$src/examples/atlas.png" "$tmp/out.tif" || fail "$what: no TIFF through the image library"
   local page warnings
   page=$(MANWIDTH=80 man -l "$prefix/share/man/man1/mendaris.1" 2>"$tmp/man.err")
   warnings=$(cat "$tmp/man.err")
