@@ -40,6 +40,9 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS man-db)
 # The tool and its module only: the GIMP plug-in (component gimp) is installed
 # by make install, not shipped in this package, which would then need GIMP.
+# A package of one piece installs every component unless told which: the
+# project's Unspecified component alone.
 set(CPACK_COMPONENTS_ALL Unspecified)
+set(CPACK_INSTALL_CMAKE_PROJECTS "${CMAKE_BINARY_DIR};${PROJECT_NAME};Unspecified;/")
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_SOURCE_DIR}/build/package)
 include(CPack)

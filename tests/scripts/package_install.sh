@@ -50,7 +50,9 @@ depends=$(dpkg-deb -f "$deb" Depends)
 for lib in libopenimageio libc6 libstdc++6; do
   grep -q "$lib" <<<"$depends" || fail "the package does not depend on $lib: $depends"
 done
+grep -q libgimp <<<"$depends" && fail "the package depends on GIMP: $depends"
 dpkg-deb -c "$deb" | awk '{print $6}' | grep -v '^\./usr/' | grep -v '^\./$' && fail "the package has files outside /usr"
+dpkg-deb -c "$deb" | grep -q '/gimp/' && fail "the package holds the GIMP plug-in"
 dpkg-deb -x "$deb" "$tmp/deb"
 check_tree "the .deb unpacked" "$tmp/deb/usr"
 exit $status
