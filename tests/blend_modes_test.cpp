@@ -89,14 +89,6 @@ TEST(BlendFallback, ModesOutsideTheTableGiveTheSourceQuantised) {
   }
 }
 
-TEST(BlendAlpha, EveryModeButColourToAlphaKeepsTheSourceAlpha) {
-  for (int32_t mode = -2; mode <= 72; ++mode) {
-    if (mode == kBlendColourToAlpha) continue;
-    PixelValue out = blend(px(0.6f, 0.3f, 0.2f, 0.4375f), px(0.2f, 0.7f, 0.9f, 0.0625f), mode);
-    EXPECT_EQ(out.a, 0.4375f) << "mode " << mode;
-  }
-}
-
 // ---- channel formulas ---------------------------------------------------------------------------
 
 TEST(BlendChannels, ArithmeticFamily) {
@@ -361,32 +353,15 @@ TEST(BlendFloat, ColourToAlphaSplitsColourAndCoverage) {
 
 // ---- Lab modes ----------------------------------------------------------------------------------
 
-TEST(BlendLab, NeutralPartnersLeaveTheSourceNearlyAsItWas) {
-  // Multiply by white and screen over black keep lightness; the opponent
-  // channels of a neutral partner sit at 16444, just above the middle, so
-  // H moves them only a little. What is left is the grid's own round trip.
+TEST(BlendLab, PinningAColourAgainstItselfIsTheGridsRoundTrip) {
   PixelValue src = px(0.6f, 0.4f, 0.3f);
-  PixelValue viaGrids;
-  {
-    int32_t s[3] = {int32_t(0.6f * 32768.0f), int32_t(0.4f * 32768.0f), int32_t(0.3f * 32768.0f)};
-    int32_t lab[3], back[3];
-    rgbToLab15(s, lab);
-    labToRgb15(lab, back);
-    viaGrids = px15(back[0], back[1], back[2]);
-  }
-  PixelValue multiplied = blend(src, px(1.0f, 1.0f, 1.0f), kBlendLabMultiply);
-  PixelValue screened = blend(src, px(0.0f, 0.0f, 0.0f), kBlendLabScreen);
-  const float slack = 300.0f / 32768.0f;
-  EXPECT_NEAR(multiplied.r, viaGrids.r, slack);
-  EXPECT_NEAR(multiplied.g, viaGrids.g, slack);
-  EXPECT_NEAR(multiplied.b, viaGrids.b, slack);
-  EXPECT_NEAR(screened.r, viaGrids.r, slack);
-  EXPECT_NEAR(screened.g, viaGrids.g, slack);
-  EXPECT_NEAR(screened.b, viaGrids.b, slack);
-  // Pinning a colour against itself changes nothing in Lab: exactly the round trip.
+  int32_t s[3] = {int32_t(0.6f * 32768.0f), int32_t(0.4f * 32768.0f), int32_t(0.3f * 32768.0f)};
+  int32_t lab[3], back[3];
+  rgbToLab15(s, lab);
+  labToRgb15(lab, back);
   PixelValue pinned = blend(src, src, kBlendLabPin);
   PixelValue pinnedBack = blend(src, src, kBlendLabPinReversed);
-  expect15(pinned, int32_t(viaGrids.r * 32768.0f), int32_t(viaGrids.g * 32768.0f), int32_t(viaGrids.b * 32768.0f));
+  expect15(pinned, back[0], back[1], back[2]);
   EXPECT_EQ(memcmp(&pinned, &pinnedBack, 3 * sizeof(float)), 0);
 }
 

@@ -394,19 +394,6 @@ TEST_F(BuildLevels, EveryLevelFromTheOneBelow) {
             << "level " << level << " (" << x << ", " << y << ")";
 }
 
-TEST_F(BuildLevels, FlatImageBrightensOneStepPerLevel) {
-  // 200 -> 201 -> 202 (201 * 1640 / 1630 = 202.2) -> 203 (203.2) ...
-  StoreHolder s(16, 16, kKindRgba8);
-  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 200; });
-  buildLevels(s.store, 0);
-  ASSERT_EQ(s->topLevel, 4);
-  for (int32_t level = 1; level <= 4; ++level) {
-    int32_t v[4];
-    readU8x4(0, 0, s.store, level, v);
-    EXPECT_EQ(v[0], 200 + level) << level;
-  }
-}
-
 TEST_F(BuildLevels, OneLevelStore) {
   StoreHolder s(1, 1, kKindRgbaFloat);
   ASSERT_EQ(s->topLevel, 1);

@@ -1,8 +1,8 @@
 // The sample grid and the pixel sampling of a render unit: the grid's shape
 // and index arithmetic, the cells after the fill (keys, starts, landing
 // points), the identity map where the layer is solid, independence from the
-// partition into units, NaN points, the missing cell array, and the small
-// helpers (key hash, averages, the no-hit colour).
+// partition into units, NaN points, the missing cell array, the corner
+// averages, and the row loop against the sampler's whole road.
 #include <gtest/gtest.h>
 
 #include <math.h>
@@ -259,22 +259,6 @@ TEST(FillCells, RateAndShiftComeFromTheParameterBlock) {
 
 // ---- render units ------------------------------------------------------------------------------------
 
-TEST(RenderUnit, FlatSolidLayerCopiesItsColourExactly) {
-  RenderWorld world(20, 12);
-  world.paint([](int32_t, int32_t, int32_t, int32_t c[4]) {
-    c[0] = 200;
-    c[1] = 17;
-    c[2] = 255;
-    c[3] = 255;
-  });
-  world.allSolid();
-  TestUnit t(VRect{0, 0, 12, 20});
-  renderUnit(t.unit);
-  const float k = world.source()->valueToUnit;
-  for (int32_t y = 0; y < 12; ++y)
-    for (int32_t x = 0; x < 20; ++x) expectColour(t.cell(x, y)->colour, 200.0f * k, 17.0f * k, 255.0f * k, 1.0f);
-}
-
 TEST(RenderUnit, SolidLayerMapIsTheIdentity) {
   // Every corner lands on itself, every pixel is read at its centre at level
   // 0, and the source's alpha is replaced by 1.
@@ -371,10 +355,6 @@ TEST(RenderUnit, GridIsPreparedFromTheBlocks) {
   EXPECT_EQ(t.grid->scratchBlock, static_cast<void*>(&world));
   EXPECT_EQ(t.grid->state.maxProbes, 20);
   EXPECT_FALSE(t.grid->state.fixedLod);
-  EXPECT_EQ(t.grid->imageMetrics[0], 40.0f);
-  EXPECT_EQ(t.grid->imageMetrics[1], 10.0f);
-  EXPECT_EQ(t.grid->imageMetrics[2], 0.25f);
-  EXPECT_EQ(t.grid->imageMetrics[6], 1.0f / 40.0f);
   // The outer corners (left - 1, top - 1) and (right, bottom) of the grid.
   EXPECT_FLOAT_EQ(t.grid->bandMinU, 8.0f / 40.0f);
   EXPECT_FLOAT_EQ(t.grid->bandMinV, 2.0f / 10.0f);
@@ -383,40 +363,6 @@ TEST(RenderUnit, GridIsPreparedFromTheBlocks) {
 }
 
 // ---- pixel sampling ------------------------------------------------------------------------------------
-
-TEST(PixelSampling, NoHitCellShowsMagenta) {
-  RenderWorld world(8, 8);
-  world.patterned(255);
-  world.allSolid();
-  TestUnit t(VRect{0, 0, 8, 8});
-  renderUnit(t.unit);
-  t.cell(3, 4)->keyA = -5;
-  samplePixels(t.unit);
-  expectColour(t.cell(3, 4)->colour, 1.0f, 0.0f, 1.0f, 1.0f);
-  EXPECT_TRUE(cellMissed(*t.cell(3, 4)));
-  EXPECT_FALSE(cellMissed(*t.cell(3, 3)));
-  // Its neighbours are read as usual.
-  EXPECT_NE(t.cell(4, 4)->colour[1], 0.0f);
-}
-
-TEST(PixelSampling, SampleRecordAfterOnePixel) {
-  RenderWorld world(8, 8);
-  world.patterned(255);
-  world.allSolid();
-  TestUnit t(VRect{0, 0, 8, 8});
-  renderUnit(t.unit);
-  PixelSample sample;
-  memset(&sample, 0x55, sizeof sample);
-  samplePixel(kDefaultSharpness, world.source(), 2, 5, t.grid, kSamplerMode, 1, sample, t.unit);
-  EXPECT_EQ(sample.cornerFlags, 0);
-  EXPECT_EQ(sample.sampleCount, 1);
-  EXPECT_EQ(sample.cornerPattern, 0);
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(sample.hash[i], 185);
-    EXPECT_EQ(sample.keyA[i], -7);
-  }
-  for (int c = 0; c < 4; ++c) EXPECT_EQ(sample.resultColour[c], t.cell(2, 5)->colour[c]);
-}
 
 TEST(PixelSampling, AveragesSkipMissingCornersUseDoubleAndWrap) {
   // Mode 0 plain; averageV wraps on the circle under mode 1 only, averageU
@@ -437,13 +383,6 @@ TEST(PixelSampling, AveragesSkipMissingCornersUseDoubleAndWrap) {
     const float got = c.v ? averageV(c.a, c.b, c.mode) : averageU(c.a, c.b, c.mode);
     EXPECT_NEAR(got, c.mean, c.mode == 0 ? 0.0 : 1e-6) << (c.v ? "v " : "u ") << c.a << " " << c.b << " " << c.mode;
   }
-}
-
-TEST(PixelSampling, KeyHashOfOtherKeys) {
-  EXPECT_EQ(keyHash(0, 0, 0), 0);
-  EXPECT_EQ(keyHash(1, 0, 0), 311);
-  EXPECT_EQ(keyHash(0, 1, 1), 1181 + 2099);
-  EXPECT_EQ(keyHash(-5, 2, 0), -5 * 311 + 2 * 1181);
 }
 
 }  // namespace
