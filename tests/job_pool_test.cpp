@@ -2,7 +2,6 @@
 // with a host of our own, cancel and its latch. Every case runs in its own
 // process, which matters: the cancel latch is process-wide and never cleared.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <stdlib.h>
 #include <unistd.h>
 #include <string.h>
@@ -19,6 +18,10 @@
 #include "platform/platform.h"
 #include "run/job_pool.h"
 #include "store/pixel_store.h"
+#include "tests/support/test_support.h"
+
+using testing_support::availableCpus;
+using testing_support::pinToCpus;
 
 namespace {
 
@@ -94,29 +97,6 @@ struct PoolFixture : ::testing::Test {
     free(instance);
   }
 };
-
-void pinToCpus(int count) {
-  cpu_set_t all;
-  CPU_ZERO(&all);
-  ASSERT_EQ(sched_getaffinity(0, sizeof(all), &all), 0);
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  int taken = 0;
-  for (int cpu = 0; cpu < CPU_SETSIZE && taken < count; ++cpu) {
-    if (CPU_ISSET(cpu, &all)) {
-      CPU_SET(cpu, &set);
-      ++taken;
-    }
-  }
-  ASSERT_EQ(sched_setaffinity(0, sizeof(set), &set), 0);
-}
-
-int availableCpus() {
-  cpu_set_t all;
-  CPU_ZERO(&all);
-  sched_getaffinity(0, sizeof(all), &all);
-  return CPU_COUNT(&all);
-}
 
 VRect unitRectOf(TileCursor cursor, int32_t index) {
   cursor.unitIndex = index;

@@ -9,16 +9,11 @@
 
 #include "fill/line_smooth.h"
 #include "store/pixel_store.h"
+#include "tests/support/test_support.h"
 
 namespace {
 
-struct StoreHolder {
-  PixelStore* store;
-  StoreHolder(int32_t w, int32_t h, int32_t kind, bool bordered = false)
-      : store(pixelStoreCreate(w, h, kind, 0, bordered)) {}
-  ~StoreHolder() { pixelStoreDestroy(&store); }
-  PixelStore* operator->() const { return store; }
-};
+using testing_support::OwnedStore;
 
 struct ContextHolder {
   PassContext context;
@@ -136,7 +131,7 @@ TEST(BoxLineInteger, WorkedLines) {
 // ---- lines of a store ---------------------------------------------------------------------------------
 
 TEST(CopyLine, RowsAndColumnsAcrossTiles) {
-  StoreHolder s(600, 530, kKindFloat);
+  OwnedStore s(600, 530, kKindFloat);
   for (int32_t y = 0; y < 530; ++y)
     for (int32_t x = 0; x < 600; ++x) writeFloat(x, y, s.store, 0, float(y * 1000 + x));
   std::vector<float> line(700, -1.0f);
@@ -155,7 +150,7 @@ TEST(CopyLine, RowsAndColumnsAcrossTiles) {
 }
 
 TEST(CopyLine, NothingForEmptyRangesAndOtherKinds) {
-  StoreHolder s(10, 10, kKindFloat);
+  OwnedStore s(10, 10, kKindFloat);
   float line[16];
   for (float& v : line) v = -1.0f;
   copyLine(s.store, 0, 3, 5, 5, line, false, false);
@@ -164,19 +159,19 @@ TEST(CopyLine, NothingForEmptyRangesAndOtherKinds) {
   copyLine(s.store, 0, 10, 0, 10, line, false, false);  // no such row
   for (float v : line) EXPECT_EQ(v, -1.0f);
 
-  StoreHolder wide(10, 10, kKindRgbaFloat);
+  OwnedStore wide(10, 10, kKindRgbaFloat);
   writeWord4(0, 0, wide.store, 0, std::vector<uint32_t>{1, 2, 3, 4}.data());
   copyLine(wide.store, 0, 0, 0, 10, line, false, false);
   for (float v : line) EXPECT_EQ(v, -1.0f);
 
-  StoreHolder raw(10, 10, kKindRaw16);
+  OwnedStore raw(10, 10, kKindRaw16);
   writeU16(0, 0, raw.store, 0, 77);
   copyLine(raw.store, 0, 0, 0, 10, line, false, false);
   for (float v : line) EXPECT_EQ(v, -1.0f);
 }
 
 TEST(CopyLine, SmallKindsMoveWholePixels) {
-  StoreHolder s(700, 3, kKindRgba16);
+  OwnedStore s(700, 3, kKindRgba16);
   for (int32_t x = 0; x < 700; ++x) {
     const int32_t v[4] = {x, x + 1, x + 2, 9};
     writeU16x4(x, 1, s.store, 0, v);
@@ -190,7 +185,7 @@ TEST(CopyLine, SmallKindsMoveWholePixels) {
 }
 
 TEST(LineBuffer, SizedForTheLongestSide) {
-  StoreHolder s(300, 700, kKindFloat, true);  // the distance field's shape: a margin of one
+  OwnedStore s(300, 700, kKindFloat, true);  // the distance field's shape: a margin of one
   ContextHolder c;
   ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
   EXPECT_NE(c.context.lineBuffer, nullptr);
@@ -219,7 +214,7 @@ struct FloatField {
 
 TEST(SmoothPasses, ABandTouchesOnlyItsOwnRows) {
   const int32_t w = 100, h = 150;
-  StoreHolder s(w, h, kKindFloat);
+  OwnedStore s(w, h, kKindFloat);
   FloatField field(w, h, 3);
   field.toStore(s.store);
   ContextHolder c;
@@ -237,7 +232,7 @@ TEST(SmoothPasses, ABandTouchesOnlyItsOwnRows) {
 }
 
 TEST(SmoothPasses, PartOfARowLeavesTheRestAlone) {
-  StoreHolder s(20, 2, kKindFloat);
+  OwnedStore s(20, 2, kKindFloat);
   for (int32_t x = 0; x < 20; ++x) writeFloat(x, 0, s.store, 0, float(x));
   ContextHolder c;
   ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
@@ -251,7 +246,7 @@ TEST(SmoothPasses, PartOfARowLeavesTheRestAlone) {
 }
 
 TEST(SmoothPasses, NoWindowLeavesTheStoreAsItIs) {
-  StoreHolder s(8, 8, kKindFloat);
+  OwnedStore s(8, 8, kKindFloat);
   for (int32_t y = 0; y < 8; ++y)
     for (int32_t x = 0; x < 8; ++x) writeFloat(x, y, s.store, 0, float(x * y));
   ContextHolder c;
@@ -267,7 +262,7 @@ TEST(SmoothPasses, NoWindowLeavesTheStoreAsItIs) {
 }
 
 TEST(SmoothPasses, IntegerKindsThroughTheStore) {
-  StoreHolder s(6, 4, kKindRgba8);
+  OwnedStore s(6, 4, kKindRgba8);
   for (int32_t x = 0; x < 6; ++x) {
     const int32_t v[4] = {30 * x, 60, 255 - 30 * x, 7};
     writeU8x4(x, 2, s.store, 0, v);
@@ -289,7 +284,7 @@ TEST(SmoothPasses, IntegerKindsThroughTheStore) {
 }
 
 TEST(SmoothPasses, ColumnOfAOneRowStore) {
-  StoreHolder s(3, 1, kKindFloat);
+  OwnedStore s(3, 1, kKindFloat);
   writeFloat(1, 0, s.store, 0, 5.0f);
   ContextHolder c;
   ASSERT_TRUE(makeLineBuffer(&c.context, s.store));

@@ -12,18 +12,13 @@
 #include <vector>
 
 #include "store/pixel_store.h"
+#include "tests/support/test_support.h"
 #include "store/resample.h"
 #include "store/resample_table.h"
 
 namespace {
 
-struct OwnedStore {
-  PixelStore* store;
-  OwnedStore(int32_t w, int32_t h, int32_t kind, int32_t edgeMode = 0)
-      : store(pixelStoreCreate(w, h, kind, edgeMode, false)) {}
-  ~OwnedStore() { pixelStoreDestroy(&store); }
-  PixelStore* operator->() const { return store; }
-};
+using testing_support::OwnedStore;
 
 uint32_t hashPoint(int32_t x, int32_t y, uint32_t salt) {
   uint32_t h = uint32_t(x) * 0x9e3779b1u ^ (uint32_t(y) + salt) * 0x85ebca77u;

@@ -8,6 +8,7 @@
 #include "host/blocks.h"
 #include "plugin_host/scenarios.h"
 #include "plugin_host/stand_in_host.h"
+#include "store/pixel_store.h"
 
 namespace testing_support {
 
@@ -22,6 +23,21 @@ InstanceBlock* instanceBlockOf(standin::Host& host);
 
 // Counts of one host call in a log.
 int countCalls(const std::vector<standin::HostCall>& calls, const std::string& name);
+
+// This process's threads on the first `count` of the processors it may use.
+void pinToCpus(int count);
+int availableCpus();
+
+// A heap store for the length of a test.
+struct OwnedStore {
+  PixelStore* store;
+  OwnedStore(int32_t w, int32_t h, int32_t kind, bool bordered = false)
+      : store(pixelStoreCreate(w, h, kind, 0, bordered)) {}
+  ~OwnedStore() { pixelStoreDestroy(&store); }
+  OwnedStore(const OwnedStore&) = delete;
+  OwnedStore& operator=(const OwnedStore&) = delete;
+  PixelStore* operator->() const { return store; }
+};
 
 std::string sourcePath(const std::string& relative);
 std::string binaryPath(const std::string& relative);
