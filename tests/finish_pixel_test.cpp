@@ -133,26 +133,6 @@ TEST(MixAlphaAware, WeighsColourByAlphaAndAlphaByT) {
   EXPECT_EQ(into.a, 0.75f);
 }
 
-TEST(CompositeOver, WorkedPixels) {
-  struct Case {
-    PixelValue src, dst, out;
-  };
-  const Case cases[] = {
-      {{1.0f, 0.0f, 0.0f, 0.5f}, {0.0f, 0.0f, 1.0f, 1.0f}, {0.5f, 0.0f, 0.5f, 1.0f}},
-      {{0.25f, 0.5f, 0.75f, 0.6f}, {0.3f, 0.2f, 0.1f, 0.0f}, {0.25f, 0.5f, 0.75f, 0.6f}},
-      {{1.0f, 1.0f, 1.0f, 0.5f}, {0.0f, 0.0f, 0.0f, 0.5f}, {0.6666667f, 0.6666667f, 0.6666667f, 0.75f}},
-      {{1.0f, 1.0f, 1.0f, 0.0f}, {0.1f, 0.2f, 0.3f, 0.4f}, {0.1f, 0.2f, 0.3f, 0.4f}},
-      {{1.0f, 1.0f, 1.0f, -0.5f}, {0.1f, 0.2f, 0.3f, 0.4f}, {0.1f, 0.2f, 0.3f, 0.4f}},
-  };
-  for (Case c : cases) {
-    compositeOver(&c.src, &c.dst);
-    EXPECT_FLOAT_EQ(c.dst.r, c.out.r);
-    EXPECT_FLOAT_EQ(c.dst.g, c.out.g);
-    EXPECT_FLOAT_EQ(c.dst.b, c.out.b);
-    EXPECT_EQ(c.dst.a, c.out.a);
-  }
-}
-
 // ---- alpha gain ------------------------------------------------------------------------------------
 
 TEST_F(FinishFixture, AlphaGainAtEightBitsRaisesFrom143Up) {
@@ -493,23 +473,6 @@ TEST_F(WriteUnitFixture, UnselectedPixelsKeepTheInputUnlessTheHostMasksItself) {
   EXPECT_EQ(record.autoMask, 1);
   EXPECT_EQ(outPixel(0, 0)[0], 47);
   EXPECT_EQ(outPixel(3, 1)[1], 47);
-}
-
-TEST_F(WriteUnitFixture, NoCellsWriteZerosAndMissingHostBuffersAreSafe) {
-  std::fill(mask.begin(), mask.end(), uint8_t(255));
-  grid.cells = nullptr;
-  writeUnit(&unit);
-  for (int32_t dy = 0; dy < 2; ++dy)
-    for (int32_t dx = 0; dx < 4; ++dx)
-      for (int32_t c = 0; c < 4; ++c) EXPECT_EQ(outPixel(dx, dy)[c], 0);
-  unit.grids = nullptr;
-  std::fill(out.begin(), out.end(), uint8_t(0xEE));
-  writeUnit(&unit);
-  EXPECT_EQ(outPixel(2, 1)[0], 0);
-  std::fill(out.begin(), out.end(), uint8_t(0xEE));
-  record.outData = record.inData = record.maskData = nullptr;
-  writeUnit(&unit);
-  for (uint8_t b : out) EXPECT_EQ(b, 0xEE);
 }
 
 // ---- rows: finishRow against finishPixel pixel by pixel ---------------------------------------------

@@ -54,17 +54,6 @@ TEST(BoxLineFloat, WorkedLines) {
   EXPECT_NEAR(43.5f * norm(6), 7.25f, 1e-5f);
 }
 
-TEST(BoxLineFloat, NothingRunsWithoutAWindow) {
-  const float in[3] = {1, 2, 3};
-  float out[3] = {-7, -7, -7};
-  boxLineFloat(in, out, 0, 3, 0, 0);
-  boxLineFloat(in, out, 0, 3, -1, 2);
-  boxLineFloat(in, out, 0, 3, 2, -1);
-  boxLineFloat(nullptr, out, 0, 3, 1, 1);
-  boxLineFloat(in, out, 0, 0, 1, 1);
-  for (float v : out) EXPECT_EQ(v, -7.0f);
-}
-
 // ---- the integer boxes ----------------------------------------------------------------------------------
 
 TEST(BoxLineInteger, ReciprocalDividesExactly) {
@@ -149,27 +138,6 @@ TEST(CopyLine, RowsAndColumnsAcrossTiles) {
   EXPECT_EQ(readFloat(3, 7, s.store, 0), float(7003));
 }
 
-TEST(CopyLine, NothingForEmptyRangesAndOtherKinds) {
-  OwnedStore s(10, 10, kKindFloat);
-  float line[16];
-  for (float& v : line) v = -1.0f;
-  copyLine(s.store, 0, 3, 5, 5, line, false, false);
-  copyLine(s.store, 0, 3, 8, 2, line, false, false);
-  copyLine(s.store, 0, 3, 12, 20, line, false, false);  // starts past the width
-  copyLine(s.store, 0, 10, 0, 10, line, false, false);  // no such row
-  for (float v : line) EXPECT_EQ(v, -1.0f);
-
-  OwnedStore wide(10, 10, kKindRgbaFloat);
-  writeWord4(0, 0, wide.store, 0, std::vector<uint32_t>{1, 2, 3, 4}.data());
-  copyLine(wide.store, 0, 0, 0, 10, line, false, false);
-  for (float v : line) EXPECT_EQ(v, -1.0f);
-
-  OwnedStore raw(10, 10, kKindRaw16);
-  writeU16(0, 0, raw.store, 0, 77);
-  copyLine(raw.store, 0, 0, 0, 10, line, false, false);
-  for (float v : line) EXPECT_EQ(v, -1.0f);
-}
-
 TEST(CopyLine, SmallKindsMoveWholePixels) {
   OwnedStore s(700, 3, kKindRgba16);
   for (int32_t x = 0; x < 700; ++x) {
@@ -243,22 +211,6 @@ TEST(SmoothPasses, PartOfARowLeavesTheRestAlone) {
   EXPECT_EQ(readFloat(5, 0, s.store, 0), 16.0f * norm(3));
   EXPECT_EQ(readFloat(7, 0, s.store, 0), 21.0f * norm(3));
   EXPECT_EQ(readFloat(9, 0, s.store, 0), 26.0f * norm(3));  // 8 + 9 + 9
-}
-
-TEST(SmoothPasses, NoWindowLeavesTheStoreAsItIs) {
-  OwnedStore s(8, 8, kKindFloat);
-  for (int32_t y = 0; y < 8; ++y)
-    for (int32_t x = 0; x < 8; ++x) writeFloat(x, y, s.store, 0, float(x * y));
-  ContextHolder c;
-  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
-  filterRow(s.store, 3, &c.context, 0, 8, 0, 0, 0);
-  filterColumn(s.store, 3, &c.context, 0, 8, 0, 0, 0);
-  smoothLine(s.store, 3, &c.context, 0, 8, 0, -1, 2, false);
-  // A context without a buffer leaves the lines alone.
-  ContextHolder empty;
-  filterRow(s.store, 4, &empty.context, 0, 8, 0, 2, 3);
-  for (int32_t y = 0; y < 8; ++y)
-    for (int32_t x = 0; x < 8; ++x) ASSERT_EQ(readFloat(x, y, s.store, 0), float(x * y));
 }
 
 TEST(SmoothPasses, IntegerKindsThroughTheStore) {

@@ -144,17 +144,6 @@ TEST_F(KernelTable, TellingRowsMatch) {
   EXPECT_EQ(table.weights[0][0], 0.0f);
 }
 
-TEST(Lanczos, BaseFunction) {
-  EXPECT_EQ(lanczos2(0.0), 1.0);
-  EXPECT_EQ(lanczos2(2.0), 0.0);
-  EXPECT_EQ(lanczos2(-2.0), 0.0);
-  EXPECT_EQ(lanczos2(-7.5), 0.0);
-  EXPECT_NEAR(lanczos2(0.5), (1.0 / (3.141592653 / 2)) * (sin(3.141592653 / 4) / (3.141592653 / 4)), 1e-15);
-  EXPECT_NEAR(lanczos2(1.0), 0.0, 1e-9);  // the truncated pi leaves a trace
-  EXPECT_NE(lanczos2(1.0), 0.0);
-  EXPECT_EQ(lanczos2(1.3), lanczos2(-1.3));
-}
-
 // ---- flat areas ----------------------------------------------------------------------------------------
 
 // Positions of phase 0 that take each road: inside one tile, across a tile
@@ -197,20 +186,6 @@ TEST(FlatArea, IntegerKindsReturnTheValueExactlyEverywhere) {
         ASSERT_EQ(filterScalar<kKindGray8>(g8.store, 0, x, y), 200.0f);
         ASSERT_EQ(filterScalar<kKindGray16>(g16.store, 0, x, y), 1.0f);
       }
-    }
-  }
-}
-
-TEST(FlatArea, EveryPhasePairOfTheEightBitKernelGivesTwoHundred) {
-  OwnedStore s(64, 64, kKindRgba8);
-  const double v[4] = {200.0 / 255, 200.0 / 255, 200.0 / 255, 200.0 / 255};
-  fillFlat(s.store, 0, v);
-  for (int px = 0; px < 128; ++px) {
-    for (int py = 0; py < 128; ++py) {
-      float out[4];
-      filterPixel<kKindRgba8>(s.store, 0, 30.0f + px / 128.0f, 30.0f + py / 128.0f, &out[0], &out[1], &out[2],
-                              &out[3]);
-      ASSERT_EQ(out[0], 200.0f) << px << "," << py;
     }
   }
 }
