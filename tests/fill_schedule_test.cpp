@@ -78,16 +78,7 @@ void expectLevelsAre(const PixelStore* s, int32_t first, int32_t last, Px want) 
   }
 }
 
-// The engine's kernels read the record only through the store: a context with
-// nothing in it is enough, but stores record the host's buffer procs.
-struct FillFixture : ::testing::Test {
-  FilterRecord record;
-  void SetUp() override {
-    memset(&record, 0, sizeof(record));
-    hostContext.filterRecord = &record;
-  }
-  void TearDown() override { hostContext.filterRecord = nullptr; }
-};
+using FillFixture = testing_support::EngineFixture;
 
 // ---- one opaque pixel -----------------------------------------------------------------------------
 

@@ -12,6 +12,7 @@
 #include "finish/finish_pixel.h"
 #include "finish/host_pixels.h"
 #include "grid/sample_grid.h"
+#include "tests/support/test_support.h"
 #include "tests/support/test_tile.h"
 #include "host/blocks.h"
 #include "host/host_record.h"
@@ -33,16 +34,7 @@ struct GuardPage {
   ~GuardPage() { munmap(page, size_t(getpagesize())); }
 };
 
-struct FinishFixture : ::testing::Test {
-  ParamBlock params;
-  void SetUp() override {
-    memset(&params, 0, sizeof params);
-    params.blendMode = 1;
-    params.runStage = 0;
-    params.sampleRate = 1;
-    hostContext.paramBlock = &params;
-  }
-  void TearDown() override { hostContext.paramBlock = nullptr; }
+struct FinishFixture : testing_support::EngineFixture {
   void finish(TestTile& t, int32_t x, int32_t y, PixelValue sample) {
     finishPixel(x, y, &sample, t.cursor, nullptr);
   }
@@ -305,38 +297,6 @@ TEST_F(FinishFixture, OpaqueFullySelectedPixelsNeverReadTheInput) {
   t.view().haveMask = false;
   finish(t, 1, 1, {0.25f, 0.5f, 0.75f, 0.5f});
   EXPECT_EQ(t.out16(1, 1)[3], 16498);  // trunc(32768 x 0.5035)
-}
-
-TEST(FinishDeath, GuardPageCatchesAReadAndOtherBlendModesAlwaysRead) {
-  ParamBlock params;
-  memset(&params, 0, sizeof params);
-  params.blendMode = 1;
-  hostContext.paramBlock = &params;
-  GuardPage guard;
-  TestTile t(8, 4, VRect{0, 0, 1, 1});
-  t.view().inData = guard.page;
-  PixelValue partial = {0.5f, 0.5f, 0.5f, 0.5f};
-  EXPECT_DEATH(finishPixel(0, 0, &partial, t.cursor, nullptr), "");
-  params.blendMode = 5;
-  PixelValue opaque = {0.5f, 0.5f, 0.5f, 1.0f};
-  EXPECT_DEATH(finishPixel(0, 0, &opaque, t.cursor, nullptr), "");
-  hostContext.paramBlock = nullptr;
-}
-
-TEST_F(FinishFixture, NullOutputAndThePartialStageWriteNothing) {
-  GuardPage guard;
-  TestTile t(8, 4, VRect{0, 0, 1, 1});
-  t.view().outData = nullptr;
-  t.view().inData = nullptr;
-  t.useMask(100);
-  finish(t, 0, 0, {0.5f, 0.5f, 0.5f, 0.5f});
-  for (uint8_t b : t.out) EXPECT_EQ(b, 0);
-  params.runStage = 2;  // the partial stage neither reads nor writes
-  TestTile p(8, 4, VRect{0, 0, 1, 1});
-  p.useMask(128);
-  p.view().inData = guard.page;
-  finish(p, 0, 0, {0.5f, 0.5f, 0.5f, 0.5f});
-  for (uint8_t b : p.out) EXPECT_EQ(b, 0);
 }
 
 TEST_F(FinishFixture, DisplayStageShowsACheckerboardBehind) {

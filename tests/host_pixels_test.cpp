@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "finish/host_pixels.h"
+#include "tests/support/test_support.h"
 #include "tests/support/test_tile.h"
 #include "host/blocks.h"
 #include "host/plugin_main.h"
@@ -16,17 +17,7 @@ namespace {
 
 using testing_support::TestTile;
 
-
-struct HostPixels : ::testing::Test {
-  ParamBlock params;
-  void SetUp() override {
-    memset(&params, 0, sizeof params);
-    params.blendMode = 1;
-    params.runStage = 0;
-    hostContext.paramBlock = &params;
-  }
-  void TearDown() override { hostContext.paramBlock = nullptr; }
-};
+using HostPixels = testing_support::EngineFixture;
 
 // The value stored for one float alone, through a 1 by 1 RGBA tile.
 uint8_t stored8(float c) {

@@ -43,30 +43,20 @@ OSErr PI_CALL countingAdvance() {
   return advanceCalls == advanceFailAt ? advanceFailure : OSErr(noErr);
 }
 
-// A record, blocks and result word of our own: enough host for the pool.
-struct PoolFixture : ::testing::Test {
-  FilterRecord record;
-  ParamBlock params;
+// The fixture's host with an instance block and a host that counts its polls and tiles.
+struct PoolFixture : testing_support::EngineFixture {
   InstanceBlock* instance = nullptr;
-  int16_t result = 0;
 
   void SetUp() override {
-    memset(&record, 0, sizeof(record));
-    memset(&params, 0, sizeof(params));
+    EngineFixture::SetUp();
     record.abortProc = countingAbort;
     record.advanceState = countingAdvance;
     record.planes = 4;
     record.imageMode = plugInModeRGBColor;
     record.depth = 8;
     record.filterCase = filterCaseEditableTransparencyNoSelection;
-    params.sampleRate = 1;
-    params.progressDone = -1;
-    params.runStage = kRunStageWhole;
     instance = static_cast<InstanceBlock*>(calloc(1, sizeof(InstanceBlock)));
-    hostContext.filterRecord = &record;
-    hostContext.paramBlock = &params;
     hostContext.instanceBlock = instance;
-    hostContext.resultWord = &result;
     abortPolls = advanceCalls = 0;
     abortFrom = advanceFailAt = 0;
     advancedRects.clear();
@@ -90,10 +80,8 @@ struct PoolFixture : ::testing::Test {
     pixelStoreDestroy(&params.opaqueStore);
     pixelStoreDestroy(&params.distanceStore);
     pixelStoreRelease(&instance->sourceStore);
-    hostContext.filterRecord = nullptr;
-    hostContext.paramBlock = nullptr;
+    EngineFixture::TearDown();
     hostContext.instanceBlock = nullptr;
-    hostContext.resultWord = nullptr;
     free(instance);
   }
 };

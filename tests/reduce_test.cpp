@@ -236,21 +236,6 @@ TEST(ReduceEdges, OddWidthRepeatsTheLastColumn) {
   EXPECT_EQ(v[1], 6);
 }
 
-TEST(ReduceEdges, EmptyRectWritesNothing) {
-  OwnedStore s(16, 16, kKindRgba8);
-  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 99; });
-  VRect empty = {3, 3, 3, 7};
-  reduceLevelUnit(s.store, 0, empty);
-  VRect inverted = {5, 6, 2, 1};
-  reduceLevelUnit(s.store, 0, inverted);
-  for (int32_t y = 0; y < 8; ++y)
-    for (int32_t x = 0; x < 8; ++x) {
-      int32_t v[4];
-      readU8x4(x, y, s.store, 1, v);
-      ASSERT_EQ(v[0], 0);
-    }
-}
-
 TEST(ReduceEdges, RectIsClippedToTheLevelAbove) {
   // A rect far past the level: only the level's own pixels are written, and
   // the tile memory past its width stays zero.
@@ -347,29 +332,7 @@ TEST(ReduceWeighted, ReducesWithTheFixedKernel) {
 
 // ---- the level pass through the pool ---------------------------------------------------------------------
 
-// A host record, a ParamBlock and a result word of our own: the pool polls the
-// record for cancel between units.
-struct BuildLevels : ::testing::Test {
-  FilterRecord record;
-  ParamBlock params;
-  int16_t result = 0;
-
-  void SetUp() override {
-    memset(&record, 0, sizeof(record));
-    memset(&params, 0, sizeof(params));
-    params.runStage = kRunStageWhole;
-    params.progressDone = -1;  // no progress reports
-    hostContext.filterRecord = &record;
-    hostContext.paramBlock = &params;
-    hostContext.instanceBlock = nullptr;
-    hostContext.resultWord = &result;
-  }
-  void TearDown() override {
-    hostContext.filterRecord = nullptr;
-    hostContext.paramBlock = nullptr;
-    hostContext.resultWord = nullptr;
-  }
-};
+using BuildLevels = testing_support::EngineFixture;
 
 TEST_F(BuildLevels, EveryLevelFromTheOneBelow) {
   // 300 x 170 cuts level 1 (150 x 86) into four units of up to 128 x 128.

@@ -287,20 +287,6 @@ TEST(RenderUnit, BareLayerWithFlatFieldGivesBlackOpaque) {
     for (int32_t x = 0; x < 9; ++x) expectColour(t.cell(x, y)->colour, 0.0f, 0.0f, 0.0f, 1.0f);
 }
 
-TEST(RenderUnit, MissingCellOrGridArrayEndsTheUnitUntouched) {
-  LayerWorld world(8, 8);
-  allSolid(world);
-  TestUnit t(VRect{0, 0, 8, 8}, false);
-  t.grid->cells = nullptr;
-  renderUnit(t.unit);
-  EXPECT_EQ(t.grid->cells, nullptr);
-  EXPECT_EQ(t.cell(3, 3), nullptr);
-  world.instance->workerCount = 7;
-  t.unit->grids = nullptr;
-  renderUnit(t.unit);
-  EXPECT_EQ(world.instance->workerCount, 7);
-}
-
 TEST(RenderUnit, GridIsPreparedFromTheBlocks) {
   LayerWorld world(40, 10);
   allSolid(world);
