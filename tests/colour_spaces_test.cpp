@@ -141,30 +141,13 @@ TEST(RgbToHueSatLuma, HandWorkedColours) {
   EXPECT_FLOAT_EQ(t, 0.26f);
 }
 
-TEST(HueSatLumaToRgb, AboveTheHueLightensBelowDarkens) {
-  // Red's brightness is 0.28. t = 0.64 lies half way to white: l = 0.75.
-  Rgb light = hueSatLuma(0.0f, 1.0f, 0.64f);
-  EXPECT_FLOAT_EQ(light.r, 1.0f);
-  EXPECT_NEAR(light.g, 0.5f, 1e-6f);
-  EXPECT_NEAR(light.b, 0.5f, 1e-6f);
-  // t = 0.14 lies half way to black: l = 0.25.
-  Rgb dark = hueSatLuma(0.0f, 1.0f, 0.14f);
-  EXPECT_FLOAT_EQ(dark.r, 0.5f);
-  EXPECT_EQ(dark.g, 0.0f);
-  EXPECT_EQ(dark.b, 0.0f);
-  // At the hue's own brightness the colour is the pure hue.
-  Rgb pure = hueSatLuma(0.0f, 1.0f, 0.28f);
-  EXPECT_FLOAT_EQ(pure.r, 1.0f);
-  EXPECT_EQ(pure.g, 0.0f);
-  // The ends are white and black whatever the hue.
+// Inside the range the way back is the round trip's; past it, white and black
+// whatever the hue.
+TEST(HueSatLumaToRgb, EndsAreWhiteAndBlack) {
   Rgb white = hueSatLuma(0.6f, 1.0f, 1.0f);
-  EXPECT_EQ(white.r, 1.0f);
-  EXPECT_EQ(white.g, 1.0f);
-  EXPECT_EQ(white.b, 1.0f);
+  EXPECT_TRUE(white.r == 1.0f && white.g == 1.0f && white.b == 1.0f);
   Rgb black = hueSatLuma(0.6f, 1.0f, -0.5f);
-  EXPECT_EQ(black.r, 0.0f);
-  EXPECT_EQ(black.g, 0.0f);
-  EXPECT_EQ(black.b, 0.0f);
+  EXPECT_TRUE(black.r == 0.0f && black.g == 0.0f && black.b == 0.0f);
 }
 
 TEST(RgbToHueSatLuma, RoundTripsEveryColourOfACoarseCube) {
