@@ -365,27 +365,6 @@ TEST(BlendLab, PinningAColourAgainstItselfIsTheGridsRoundTrip) {
   EXPECT_EQ(memcmp(&pinned, &pinnedBack, 3 * sizeof(float)), 0);
 }
 
-TEST(BlendLab, MultiplyAndScreenWorkOnLightness) {
-  // Gray over the same gray: both opponent channels are 16444, and
-  // H(16444, 16444) = 32768 - (16324 x 16324 >> 14) = 16504 in both modes.
-  const int32_t gray[3] = {16384, 16384, 16384};
-  int32_t lab[3];
-  rgbToLab15(gray, lab);
-  ASSERT_EQ(lab[1], 16444);
-  ASSERT_EQ(lab[2], 16444);
-  const int32_t multiplied[3] = {lab[0] * lab[0] >> 15, 16504, 16504};
-  const int32_t screened[3] = {32768 - ((32768 - lab[0]) * (32768 - lab[0]) >> 15), 16504, 16504};
-  int32_t c[3];
-  labToRgb15(multiplied, c);
-  PixelValue darker = blend(px(0.5f, 0.5f, 0.5f), px(0.5f, 0.5f, 0.5f), kBlendLabMultiply);
-  expect15(darker, c[0], c[1], c[2]);
-  labToRgb15(screened, c);
-  PixelValue lighter = blend(px(0.5f, 0.5f, 0.5f), px(0.5f, 0.5f, 0.5f), kBlendLabScreen);
-  expect15(lighter, c[0], c[1], c[2]);
-  EXPECT_LT(darker.g, 0.4f);
-  EXPECT_GT(lighter.g, 0.6f);
-}
-
 // ---- calling conventions ------------------------------------------------------------------------
 
 TEST(BlendCalls, OutputMayBeEitherInput) {

@@ -99,14 +99,6 @@ TEST_F(HostRecord, FormatTests) {
     EXPECT_EQ(isRgbMode(), c.rgb);
     EXPECT_EQ(sourceStoreKind(), c.kind);
   }
-  record.filterCase = 4;
-  EXPECT_TRUE(hasEditableTransparency());
-  record.filterCase = 6;
-  EXPECT_FALSE(hasEditableTransparency());
-  record.planes = 2;
-  EXPECT_TRUE(isGrayPlanes());
-  record.planes = 3;
-  EXPECT_TRUE(isColorPlanes());
 }
 
 TEST(MemoryBlocks, IdSlotsAndDoubleFree) {

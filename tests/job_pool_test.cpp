@@ -142,24 +142,6 @@ TEST_F(JobPoolPlan, ThreadCountFollowsProcessorsUnitsAndMode) {
   }
 }
 
-TEST_F(JobPoolRun, RenderJobShowsEveryTileToTheHostOnce) {
-  prepareStores(300, 200);
-  runJob(kJobRender, kTilingSquares, makeJobRequest(0));
-  EXPECT_EQ(advanceCalls, 6);
-  EXPECT_EQ(cancelLatch, 0);
-  // Each tile once, whatever order the workers finished in.
-  std::vector<int> seen(6, 0);
-  for (const VRect& r : advancedRects) {
-    int index = (r.top / 128) * 3 + r.left / 128;
-    ASSERT_GE(index, 0);
-    ASSERT_LT(index, 6);
-    ++seen[size_t(index)];
-    EXPECT_LE(r.right - r.left, 128);
-  }
-  for (int n : seen) EXPECT_EQ(n, 1);
-  EXPECT_EQ(abortPolls, 6);
-}
-
 TEST_F(JobPoolRun, CancelStopsNewUnitsAndTheLatchHolds) {
   pinToCpus(1);
   prepareStores(512, 512);  // 16 units, one at a time

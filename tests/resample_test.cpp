@@ -423,15 +423,6 @@ TEST(UnitEntries, ScaledByValueToUnit) {
   EXPECT_EQ(out[0], 255.0f * float(1.0 / 255.0));
   EXPECT_EQ(out[1], 0.0f);
   EXPECT_EQ(out[2], 51.0f * float(1.0 / 255.0));
-
-  OwnedStore q(100, 80, kKindRgba16);
-  fillRandom(q.store, 2);
-  float at[4];
-  float direct[4];
-  filterUnitPixelAt(q.store, 1, 0.0f, 13.5f, 20.0f, at);
-  filterUnitPixel(q.store, 1, 0.0f, (13.5f + 0.5f) * q->invInnerWidth[1], (20.0f + 0.5f) * q->invInnerHeight[1],
-                  direct);
-  for (int c = 0; c < 4; ++c) EXPECT_EQ(at[c], direct[c]);
 }
 
 TEST(UnitEntries, BilinearNeighbours) {
