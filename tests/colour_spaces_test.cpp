@@ -95,26 +95,6 @@ TEST(HslToRgb, HandWorkedColours) {
   EXPECT_EQ(memcmp(&one, &zero, sizeof one), 0);
 }
 
-TEST(HslToRgb, RoundTripsEveryColourOfACoarseCube) {
-  for (int r = 0; r <= 16; ++r) {
-    for (int g = 0; g <= 16; ++g) {
-      for (int b = 0; b <= 16; ++b) {
-        float in[3] = {r / 16.0f, g / 16.0f, b / 16.0f};
-        float h, sat, l;
-        rgbToHsl(in[0], in[1], in[2], &h, &sat, &l);
-        ASSERT_GE(h, 0.0f);
-        ASSERT_LE(h, 1.0f);
-        ASSERT_GE(sat, 0.0f);
-        ASSERT_LE(sat, 1.0f);
-        Rgb back = hsl(h, sat, l);
-        ASSERT_NEAR(back.r, in[0], 2e-6f) << r << " " << g << " " << b;
-        ASSERT_NEAR(back.g, in[1], 2e-6f) << r << " " << g << " " << b;
-        ASSERT_NEAR(back.b, in[2], 2e-6f) << r << " " << g << " " << b;
-      }
-    }
-  }
-}
-
 // ---- hue, saturation, luma ------------------------------------------------------------------------
 
 TEST(HueBrightness, WeighsTheHueAtHalfLightness) {
@@ -150,19 +130,22 @@ TEST(HueSatLumaToRgb, EndsAreWhiteAndBlack) {
   EXPECT_TRUE(black.r == 0.0f && black.g == 0.0f && black.b == 0.0f);
 }
 
-TEST(RgbToHueSatLuma, RoundTripsEveryColourOfACoarseCube) {
+// Both representations give every colour of a coarse cube back, from values
+// within their ranges.
+TEST(ColourRoundTrips, EveryColourOfACoarseCubeThroughHslAndHueSatLuma) {
   for (int r = 0; r <= 16; ++r) {
     for (int g = 0; g <= 16; ++g) {
       for (int b = 0; b <= 16; ++b) {
-        float in[3] = {r / 16.0f, g / 16.0f, b / 16.0f};
-        float h, sat, t;
-        rgbToHueSatLuma(in[0], in[1], in[2], &h, &sat, &t);
-        ASSERT_GE(t, 0.0f);
-        ASSERT_LE(t, 1.0f);
-        Rgb back = hueSatLuma(h, sat, t);
-        ASSERT_NEAR(back.r, in[0], 2e-6f) << r << " " << g << " " << b;
-        ASSERT_NEAR(back.g, in[1], 2e-6f) << r << " " << g << " " << b;
-        ASSERT_NEAR(back.b, in[2], 2e-6f) << r << " " << g << " " << b;
+        const float in[3] = {r / 16.0f, g / 16.0f, b / 16.0f};
+        float h, sat, l, hy, saty, t;
+        rgbToHsl(in[0], in[1], in[2], &h, &sat, &l);
+        rgbToHueSatLuma(in[0], in[1], in[2], &hy, &saty, &t);
+        ASSERT_TRUE(h >= 0.0f && h <= 1.0f && sat >= 0.0f && sat <= 1.0f && t >= 0.0f && t <= 1.0f);
+        for (const Rgb& back : {hsl(h, sat, l), hueSatLuma(hy, saty, t)}) {
+          ASSERT_NEAR(back.r, in[0], 2e-6f) << r << " " << g << " " << b;
+          ASSERT_NEAR(back.g, in[1], 2e-6f) << r << " " << g << " " << b;
+          ASSERT_NEAR(back.b, in[2], 2e-6f) << r << " " << g << " " << b;
+        }
       }
     }
   }
