@@ -7,7 +7,6 @@
 #include <stdint.h>
 #include <string.h>
 
-#include <memory>
 #include <utility>
 #include <vector>
 
@@ -217,30 +216,6 @@ TEST(StoreLifecycle, EmbeddedStoreIsReleasedNotFreed) {
   EXPECT_EQ(pointer, nullptr);
   EXPECT_EQ(embedded.tiles, nullptr);  // the object itself lives on
   EXPECT_EQ(embedded.tilesReleased, 1);
-}
-
-TEST(StoreLifecycle, EmbeddedSourceStoreTakesTheDocumentKind) {
-  FilterRecord record;
-  memset(&record, 0, sizeof record);
-  record.imageMode = plugInModeRGB48;
-  record.depth = 16;
-  int procs = 0;
-  record.bufferProcs = &procs;
-  const HostContext saved = hostContext;
-  hostContext.filterRecord = &record;
-
-  std::unique_ptr<InstanceBlock> instance(new InstanceBlock());
-  pixelStoreInit(&instance->sourceStore);
-  EXPECT_EQ(instance->sourceStore.hostBufferProcs, static_cast<void*>(&procs));
-  ASSERT_TRUE(pixelStoreBuildEmbedded(300, 200, instance.get()));
-  EXPECT_EQ(instance->sourceStore.kind, kKindRgba16);
-  EXPECT_EQ(instance->sourceStore.pixelBytes, 8);
-  EXPECT_EQ(instance->sourceStore.levelWidth[0], 300);
-  EXPECT_FALSE(instance->sourceStore.ownsItself);
-  EXPECT_FALSE(pixelStoreBuildEmbedded(0, 200, instance.get()));
-  pixelStoreRelease(&instance->sourceStore);
-  EXPECT_EQ(instance->sourceStore.tiles, nullptr);
-  hostContext = saved;
 }
 
 // ---- geometry helpers -----------------------------------------------------------------------------

@@ -134,27 +134,6 @@ TEST(SampleGrid, CellsRunFromTheCornerBeforeTheRectangleAndNullPastThem) {
 
 // ---- the cells --------------------------------------------------------------------------------------
 
-TEST(FillCells, EveryCellHoldsTheSameKeys) {
-  LayerWorld world(12, 10);
-  solidRect(world, 3, 2, 8, 7);
-  TestUnit t(VRect{0, 0, 10, 12});
-  renderUnit(t.unit);
-  const int32_t cells = t.unit->cursor.gridCols * t.unit->cursor.gridRows;
-  EXPECT_EQ(cells, 14 * 12);
-  for (int32_t i = 0; i < cells; ++i) {
-    const SampleCell& c = t.grid->cells[i];
-    EXPECT_EQ(c.keyA, -7) << i;
-    EXPECT_EQ(c.keyB, 2) << i;
-    EXPECT_EQ(c.keyC, 0) << i;
-    EXPECT_EQ(c.noHit, 0) << i;
-    EXPECT_EQ(c.spanA, 0) << i;
-    EXPECT_EQ(c.spanB, 0) << i;
-    EXPECT_EQ(c.rawU, c.startU) << i;
-    EXPECT_EQ(c.rawV, c.startV) << i;
-  }
-  EXPECT_EQ(keyHash(-7, 2, 0), 185);
-}
-
 TEST(FillCells, StartIsTheCornerAndLandingIsTheWalk) {
   LayerWorld world(16, 6);
   solidRect(world, 5, 0, 16, 6);  // a straight edge before column 5
@@ -299,11 +278,6 @@ TEST(RenderUnit, GridIsPreparedFromTheBlocks) {
   EXPECT_EQ(t.grid->scratchBlock, static_cast<void*>(&world));
   EXPECT_EQ(t.grid->state.maxProbes, 20);
   EXPECT_FALSE(t.grid->state.fixedLod);
-  // The outer corners (left - 1, top - 1) and (right, bottom) of the grid.
-  EXPECT_FLOAT_EQ(t.grid->bandMinU, 8.0f / 40.0f);
-  EXPECT_FLOAT_EQ(t.grid->bandMinV, 2.0f / 10.0f);
-  EXPECT_FLOAT_EQ(t.grid->bandMaxU, 21.0f / 40.0f);
-  EXPECT_FLOAT_EQ(t.grid->bandMaxV, 7.0f / 10.0f);
 }
 
 // ---- pixel sampling ------------------------------------------------------------------------------------
