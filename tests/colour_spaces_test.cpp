@@ -316,25 +316,6 @@ TEST(ColourGrids, LabToRgbHoldsItsFixedNodes) {
   expectNode(kLabToRgbGrid, 15, 15, 15, 255, 7, 7);
 }
 
-TEST(RgbToLab15, GridCornersComeOutScaledByTheSpacing) {
-  const int32_t black[3] = {0, 0, 0};
-  const int32_t white[3] = {32768, 32768, 32768};
-  int32_t out[3];
-  rgbToLab15(black, out);
-  EXPECT_EQ(out[0], 0);
-  EXPECT_EQ(out[1], 16444);  // 128 x 2184 / 17 = 16444.2
-  EXPECT_EQ(out[2], 16444);
-  rgbToLab15(white, out);
-  EXPECT_EQ(out[0], 32760);
-  EXPECT_EQ(out[1], 16444);
-  EXPECT_EQ(out[2], 16444);
-  const int32_t red[3] = {32768, 0, 0};  // node (15, 0, 0) at weight 2184
-  rgbToLab15(red, out);
-  EXPECT_EQ(out[0], 144 * 2184 / 17);
-  EXPECT_EQ(out[1], 208 * 2184 / 17);
-  EXPECT_EQ(out[2], 208 * 2184 / 17);
-}
-
 TEST(RgbToLab15, RoundTripsThroughLabWithinTheGridError) {
   // The grids are coarse and the way back clips, so the round trip is close
   // in the middle of the cube and looser toward its faces.

@@ -152,17 +152,6 @@ TEST(CopyLine, SmallKindsMoveWholePixels) {
   }
 }
 
-TEST(LineBuffer, SizedForTheLongestSide) {
-  OwnedStore s(300, 700, kKindFloat, true);  // the distance field's shape: a margin of one
-  ContextHolder c;
-  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
-  EXPECT_NE(c.context.lineBuffer, nullptr);
-  EXPECT_EQ(c.context.lineBufferBytes, 2 * (702 + 1) * 4);
-  freeLineBuffer(&c.context);
-  EXPECT_EQ(c.context.lineBuffer, nullptr);
-  freeLineBuffer(&c.context);  // harmless twice
-}
-
 // A store of kind 5 with random values, and the same values in a plain array.
 struct FloatField {
   int32_t w, h;
