@@ -161,16 +161,6 @@ TEST_F(JobPoolRun, CancelStopsNewUnitsAndTheLatchHolds) {
   EXPECT_EQ(cancelLatch, 1);
 }
 
-TEST_F(JobPoolRun, CancelWithSeveralWorkersLetsRunningUnitsFinish) {
-  prepareStores(1024, 1024);  // 64 units
-  abortFrom = 5;
-  runJob(kJobRender, kTilingSquares, makeJobRequest(0));
-  EXPECT_EQ(advanceCalls, 4);
-  // Every unit started was collected, the running ones included.
-  EXPECT_GE(abortPolls, 5);
-  EXPECT_LE(abortPolls, 4 + availableCpus());
-}
-
 TEST_F(JobPoolRun, MinusOneTwentyEightFromTheHostCancelsToo) {
   pinToCpus(1);
   prepareStores(512, 256);  // 8 units

@@ -14,7 +14,6 @@
 
 #include "host/dialog_layout.h"
 #include "plugin_host/pe_reader.h"
-#include "plugin_host/pipl_reader.h"
 
 namespace {
 
@@ -189,43 +188,11 @@ TEST_P(WindowsModule, PropertyListMatchesLayoutByteForByte) {
   EXPECT_TRUE(pipl == want) << firstDifference(pipl, want);
 }
 
-TEST_P(WindowsModule, PropertyListReadsAsElevenProperties) {
-  std::vector<uint8_t> pipl = resource(peResourceName("PIPL"), peResourceNumber(kTerminologyId), kEnglishUS);
-  PiplList list;
-  std::string error;
-  ASSERT_TRUE(parsePipl(pipl, &list, &error)) << error;
-  ASSERT_EQ(list.properties.size(), 11u);
-  EXPECT_EQ(list.end, 514u);
-
-  const char* keys[11] = {"kind", "name", "catg", "vers", GetParam().entryKey, "ms32",
-                          "hstm", "mode", "enbl", "enbl", "fici"};
-  const int32_t lengths[11] = {4, 12, 16, 4, 12, 8, 44, 4, 56, 140, 28};
-  for (int i = 0; i < 11; ++i) {
-    const PiplProperty& p = list.properties[size_t(i)];
-    EXPECT_EQ(p.vendor, "8BIM") << i;
-    EXPECT_EQ(p.key, keys[i]) << i;
-    EXPECT_EQ(p.propertyId, 0) << keys[i];
-    EXPECT_EQ(p.length, lengths[i]) << keys[i];
-  }
-  // The entry point by the name the host looks it up by.
-  EXPECT_EQ(piplCString(list.properties[4].data), "PluginMain");
-}
-
 TEST_P(WindowsModule, TerminologyMatchesLayoutByteForByte) {
   std::vector<uint8_t> aete = resource(peResourceName("AETE"), peResourceNumber(kTerminologyId), kEnglishUS);
   std::vector<uint8_t> want = expectedAete();
   ASSERT_EQ(want.size(), 112u);
   EXPECT_TRUE(aete == want) << firstDifference(aete, want);
-
-  AeteTerminology terminology;
-  std::string error;
-  ASSERT_TRUE(parseAete(aete, &terminology, &error)) << error;
-  EXPECT_EQ(terminology.end, 112u);
-  ASSERT_EQ(terminology.suites.size(), 1u);
-  ASSERT_EQ(terminology.suites[0].events.size(), 1u);
-  const AeteEvent& event = terminology.suites[0].events[0];
-  EXPECT_EQ(event.description, "Fills in transparent areas");
-  EXPECT_TRUE(event.parameters.empty()) << "the filter has no settings to script";
 }
 
 // ---- dialogs -----------------------------------------------------------------------------------
