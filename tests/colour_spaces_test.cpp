@@ -95,26 +95,6 @@ TEST(HslToRgb, HandWorkedColours) {
   EXPECT_EQ(memcmp(&one, &zero, sizeof one), 0);
 }
 
-TEST(HslToRgb, RoundTripsEveryColourOfACoarseCube) {
-  for (int r = 0; r <= 16; ++r) {
-    for (int g = 0; g <= 16; ++g) {
-      for (int b = 0; b <= 16; ++b) {
-        float in[3] = {r / 16.0f, g / 16.0f, b / 16.0f};
-        float h, sat, l;
-        rgbToHsl(in[0], in[1], in[2], &h, &sat, &l);
-        ASSERT_GE(h, 0.0f);
-        ASSERT_LE(h, 1.0f);
-        ASSERT_GE(sat, 0.0f);
-        ASSERT_LE(sat, 1.0f);
-        Rgb back = hsl(h, sat, l);
-        ASSERT_NEAR(back.r, in[0], 2e-6f) << r << " " << g << " " << b;
-        ASSERT_NEAR(back.g, in[1], 2e-6f) << r << " " << g << " " << b;
-        ASSERT_NEAR(back.b, in[2], 2e-6f) << r << " " << g << " " << b;
-      }
-    }
-  }
-}
-
 // ---- hue, saturation, luma ------------------------------------------------------------------------
 
 TEST(HueBrightness, WeighsTheHueAtHalfLightness) {
@@ -141,45 +121,31 @@ TEST(RgbToHueSatLuma, HandWorkedColours) {
   EXPECT_FLOAT_EQ(t, 0.26f);
 }
 
-TEST(HueSatLumaToRgb, AboveTheHueLightensBelowDarkens) {
-  // Red's brightness is 0.28. t = 0.64 lies half way to white: l = 0.75.
-  Rgb light = hueSatLuma(0.0f, 1.0f, 0.64f);
-  EXPECT_FLOAT_EQ(light.r, 1.0f);
-  EXPECT_NEAR(light.g, 0.5f, 1e-6f);
-  EXPECT_NEAR(light.b, 0.5f, 1e-6f);
-  // t = 0.14 lies half way to black: l = 0.25.
-  Rgb dark = hueSatLuma(0.0f, 1.0f, 0.14f);
-  EXPECT_FLOAT_EQ(dark.r, 0.5f);
-  EXPECT_EQ(dark.g, 0.0f);
-  EXPECT_EQ(dark.b, 0.0f);
-  // At the hue's own brightness the colour is the pure hue.
-  Rgb pure = hueSatLuma(0.0f, 1.0f, 0.28f);
-  EXPECT_FLOAT_EQ(pure.r, 1.0f);
-  EXPECT_EQ(pure.g, 0.0f);
-  // The ends are white and black whatever the hue.
+// Inside the range the way back is the round trip's; past it, white and black
+// whatever the hue.
+TEST(HueSatLumaToRgb, EndsAreWhiteAndBlack) {
   Rgb white = hueSatLuma(0.6f, 1.0f, 1.0f);
-  EXPECT_EQ(white.r, 1.0f);
-  EXPECT_EQ(white.g, 1.0f);
-  EXPECT_EQ(white.b, 1.0f);
+  EXPECT_TRUE(white.r == 1.0f && white.g == 1.0f && white.b == 1.0f);
   Rgb black = hueSatLuma(0.6f, 1.0f, -0.5f);
-  EXPECT_EQ(black.r, 0.0f);
-  EXPECT_EQ(black.g, 0.0f);
-  EXPECT_EQ(black.b, 0.0f);
+  EXPECT_TRUE(black.r == 0.0f && black.g == 0.0f && black.b == 0.0f);
 }
 
-TEST(RgbToHueSatLuma, RoundTripsEveryColourOfACoarseCube) {
+// Both representations give every colour of a coarse cube back, from values
+// within their ranges.
+TEST(ColourRoundTrips, EveryColourOfACoarseCubeThroughHslAndHueSatLuma) {
   for (int r = 0; r <= 16; ++r) {
     for (int g = 0; g <= 16; ++g) {
       for (int b = 0; b <= 16; ++b) {
-        float in[3] = {r / 16.0f, g / 16.0f, b / 16.0f};
-        float h, sat, t;
-        rgbToHueSatLuma(in[0], in[1], in[2], &h, &sat, &t);
-        ASSERT_GE(t, 0.0f);
-        ASSERT_LE(t, 1.0f);
-        Rgb back = hueSatLuma(h, sat, t);
-        ASSERT_NEAR(back.r, in[0], 2e-6f) << r << " " << g << " " << b;
-        ASSERT_NEAR(back.g, in[1], 2e-6f) << r << " " << g << " " << b;
-        ASSERT_NEAR(back.b, in[2], 2e-6f) << r << " " << g << " " << b;
+        const float in[3] = {r / 16.0f, g / 16.0f, b / 16.0f};
+        float h, sat, l, hy, saty, t;
+        rgbToHsl(in[0], in[1], in[2], &h, &sat, &l);
+        rgbToHueSatLuma(in[0], in[1], in[2], &hy, &saty, &t);
+        ASSERT_TRUE(h >= 0.0f && h <= 1.0f && sat >= 0.0f && sat <= 1.0f && t >= 0.0f && t <= 1.0f);
+        for (const Rgb& back : {hsl(h, sat, l), hueSatLuma(hy, saty, t)}) {
+          ASSERT_NEAR(back.r, in[0], 2e-6f) << r << " " << g << " " << b;
+          ASSERT_NEAR(back.g, in[1], 2e-6f) << r << " " << g << " " << b;
+          ASSERT_NEAR(back.b, in[2], 2e-6f) << r << " " << g << " " << b;
+        }
       }
     }
   }
@@ -348,59 +314,6 @@ TEST(ColourGrids, LabToRgbHoldsItsFixedNodes) {
   expectNode(kLabToRgbGrid, 0, 0, 15, 0, 0, 0);
   expectNode(kLabToRgbGrid, 8, 8, 8, 125, 104, 95);
   expectNode(kLabToRgbGrid, 15, 15, 15, 255, 7, 7);
-}
-
-TEST(ColourGrids, GraysAreNeutralAndLightnessRises) {
-  int previous = -1;
-  for (int n = 0; n < 16; ++n) {
-    const uint8_t* node = kRgbToLabGrid + 3 * n + 48 * n + 768 * n;
-    EXPECT_GT(node[0], previous) << n;
-    EXPECT_EQ(node[1], 128) << n;
-    EXPECT_EQ(node[2], 128) << n;
-    previous = node[0];
-  }
-  // Lightness rises along every primary axis too.
-  for (int axis = 0; axis < 3; ++axis) {
-    static const int kStride[3] = {3, 48, 768};
-    for (int n = 1; n < 16; ++n) {
-      EXPECT_GT(kRgbToLabGrid[n * kStride[axis]], kRgbToLabGrid[(n - 1) * kStride[axis]]) << axis << " " << n;
-    }
-  }
-}
-
-TEST(ColourGrids, InverseGridTakesEachRgbNodeBackNearWhereItCame) {
-  // Reading an RGB node's Lab bytes in the inverse grid, the two tables must
-  // agree within the error of the coarse interpolation.
-  int worst = 0;
-  for (int k = 1; k < 15; ++k)
-    for (int j = 1; j < 15; ++j)
-      for (int i = 1; i < 15; ++i) {
-        const int32_t in[3] = {int32_t(i * 2184.5334f), int32_t(j * 2184.5334f), int32_t(k * 2184.5334f)};
-        int32_t lab[3], back[3];
-        rgbToLab15(in, lab);
-        labToRgb15(lab, back);
-        for (int c = 0; c < 3; ++c) worst = abs(back[c] - in[c]) > worst ? abs(back[c] - in[c]) : worst;
-      }
-  EXPECT_LE(worst, 4096);
-}
-
-TEST(RgbToLab15, GridCornersComeOutScaledByTheSpacing) {
-  const int32_t black[3] = {0, 0, 0};
-  const int32_t white[3] = {32768, 32768, 32768};
-  int32_t out[3];
-  rgbToLab15(black, out);
-  EXPECT_EQ(out[0], 0);
-  EXPECT_EQ(out[1], 16444);  // 128 x 2184 / 17 = 16444.2
-  EXPECT_EQ(out[2], 16444);
-  rgbToLab15(white, out);
-  EXPECT_EQ(out[0], 32760);
-  EXPECT_EQ(out[1], 16444);
-  EXPECT_EQ(out[2], 16444);
-  const int32_t red[3] = {32768, 0, 0};  // node (15, 0, 0) at weight 2184
-  rgbToLab15(red, out);
-  EXPECT_EQ(out[0], 144 * 2184 / 17);
-  EXPECT_EQ(out[1], 208 * 2184 / 17);
-  EXPECT_EQ(out[2], 208 * 2184 / 17);
 }
 
 TEST(RgbToLab15, RoundTripsThroughLabWithinTheGridError) {

@@ -1,7 +1,7 @@
 // The coverage fields: the opaque map and its thresholds, the seed of the
 // distance field with its margin, the sweeps and the inversion with values
-// worked out by hand, and the smoothing's windows against the line kernels,
-// through the job pool of the engine itself.
+// worked out by hand, and the smoothing's windows on a spike, through the job
+// pool of the engine itself.
 #include <gtest/gtest.h>
 
 #include <math.h>
@@ -16,34 +16,19 @@
 #include "host/blocks.h"
 #include "host/plugin_main.h"
 #include "store/pixel_store.h"
+#include "tests/support/test_support.h"
 
 namespace {
 
-// A host record, a ParamBlock and a result word of our own: the job pool polls
-// the record for cancel, the fields hang from the block.
-struct CoverageFixture : ::testing::Test {
-  FilterRecord record;
-  ParamBlock params;
-  int16_t result = 0;
+// The fields hang from the fixture's ParamBlock.
+struct CoverageFixture : testing_support::EngineFixture {
   PixelStore* source = nullptr;
 
-  void SetUp() override {
-    memset(&record, 0, sizeof(record));
-    memset(&params, 0, sizeof(params));
-    params.runStage = kRunStageWhole;
-    params.progressDone = -1;  // no progress reports from the pool
-    hostContext.filterRecord = &record;
-    hostContext.paramBlock = &params;
-    hostContext.instanceBlock = nullptr;
-    hostContext.resultWord = &result;
-  }
   void TearDown() override {
     pixelStoreDestroy(&params.opaqueStore);
     pixelStoreDestroy(&params.distanceStore);
     pixelStoreDestroy(&source);
-    hostContext.filterRecord = nullptr;
-    hostContext.paramBlock = nullptr;
-    hostContext.resultWord = nullptr;
+    EngineFixture::TearDown();
   }
 
   // A source of the given kind, every pixel (r, g, b, alpha) in stored units.
@@ -190,58 +175,6 @@ TEST(RelaxDistanceCell, WorkedCells) {
   pixelStoreDestroy(&field);
 }
 
-uint32_t nextRandom(uint32_t* state) {
-  *state = *state * 1664525u + 1013904223u;
-  return *state >> 8;
-}
-
-// Alphas of every grade on a source of any kind: bare runs, solid runs,
-// values around the solid and covered thresholds, and for floats also -0.0,
-// NaN, infinities and values above 1.
-void paintAlphas(PixelStore* s, uint32_t seed) {
-  uint32_t state = seed;
-  const float full = s->kind == kKindRgba8 ? 255.0f : (s->kind == kKindRgba16 ? 32768.0f : 1.0f);
-  const float nearSolid[] = {251.0f, 252.0f, 32382.0f, 32383.0f};
-  for (int32_t y = 0; y < s->levelHeight[0]; ++y) {
-    float runAlpha = 0.0f;
-    for (int32_t x = 0; x < s->levelWidth[0]; ++x) {
-      const uint32_t roll = nextRandom(&state) % 100u;
-      if (roll < 5) runAlpha = (roll & 1) != 0 ? full : 0.0f;
-      float a = runAlpha;
-      if (roll >= 90) {
-        if (s->kind == kKindRgbaFloat) {
-          const float odd[] = {-0.0f, nanf(""), INFINITY, -INFINITY, 1.5f, 0.9882353f, 0.98823524f, 0.5f, 0.01f};
-          a = odd[nextRandom(&state) % 9u];
-        } else if (s->kind == kKindRgba8) {
-          a = (roll & 1) != 0 ? nearSolid[nextRandom(&state) % 2u] : float(nextRandom(&state) % 256u);
-        } else {
-          a = (roll & 1) != 0 ? nearSolid[2 + nextRandom(&state) % 2u] : float(nextRandom(&state) % 65536u);
-        }
-      }
-      if (s->kind == kKindRgba8) {
-        const int32_t c[4] = {int32_t(x & 255), int32_t(y & 255), 7, int32_t(a)};
-        writeU8x4(x, y, s, 0, c);
-      } else if (s->kind == kKindRgba16) {
-        const int32_t c[4] = {x, y, 7, int32_t(a)};
-        writeU16x4(x, y, s, 0, c);
-      } else {
-        const float c[4] = {0.25f, 0.5f, 0.75f, a};
-        uint32_t w[4];
-        memcpy(w, c, sizeof w);
-        writeWord4(x, y, s, 0, w);
-      }
-    }
-  }
-}
-
-bool sameTiles(const PixelStore* a, const PixelStore* b) {
-  for (int32_t i = 0; i < a->tileCount; ++i) {
-    const size_t bytes = size_t(a->tiles[i].rows + kTileSpareRows) * kTileWidth * size_t(a->pixelBytes);
-    if (memcmp(a->tiles[i].pixels, b->tiles[i].pixels, bytes) != 0) return false;
-  }
-  return true;
-}
-
 // ---- sweeps (the whole pipeline over tile borders is pinned by the end-to-end digests) ----------------
 
 TEST_F(CoverageFixture, StraightEdgeCountsWholePixelsBothWays) {
@@ -373,47 +306,6 @@ std::vector<double> boxProfile() {
   return profile;
 }
 
-// The box of one line as the line kernels are built: copied out, averaged
-// by boxLineFloat, copied back.
-void plainBoxLine(PixelStore* field, int32_t line, int32_t first, int32_t end, int32_t back, int32_t forward,
-                  bool vertical) {
-  const int32_t length = vertical ? field->levelHeight[0] : field->levelWidth[0];
-  if (first < 0) first = 0;
-  if (end > length) end = length;
-  const int32_t n = end - first;
-  if (n <= 0) return;
-  std::vector<float> in(static_cast<size_t>(n));
-  std::vector<float> out(static_cast<size_t>(n));
-  copyLine(field, 0, line, first, end, in.data(), false, vertical);
-  boxLineFloat(in.data(), out.data(), 0, n, back, forward);
-  copyLine(field, 0, line, first, end, out.data(), true, vertical);
-}
-
-TEST_F(CoverageFixture, SmoothingMatchesPlainRowAndColumnBoxes) {
-  // The six passes through the job pool against the same six boxes done
-  // line by line here (copied out, boxed, copied back), on a field as the
-  // sweeps leave it, crossing tile seams both ways.
-  source = pixelStoreCreate(530, 530, kKindRgba8, 0, false);
-  ASSERT_NE(source, nullptr);
-  paintAlphas(source, 11);
-  PixelStore* field = unsmoothedField();
-  PixelStore* plain = unsmoothedField();
-  ASSERT_TRUE(sameTiles(field, plain));
-  smoothStore(field, 0, levelRect(field, 0), kFieldSmoothRadius);
-  const int32_t w = plain->levelWidth[0];
-  const int32_t h = plain->levelHeight[0];
-  const int32_t windows[6][2] = {{2, 3}, {2, 3}, {3, 2}, {3, 2}, {2, 3}, {2, 3}};
-  for (int32_t pass = 0; pass < 6; ++pass) {
-    const bool vertical = (pass & 1) != 0;
-    for (int32_t line = 0; line < (vertical ? w : h); ++line) {
-      plainBoxLine(plain, line, 0, vertical ? h : w, windows[pass][0], windows[pass][1], vertical);
-    }
-  }
-  EXPECT_TRUE(sameTiles(field, plain));
-  pixelStoreDestroy(&field);
-  pixelStoreDestroy(&plain);
-}
-
 TEST_F(CoverageFixture, SmoothingSpreadsASpikeIntoABellHalfACellBack) {
   // A spike of 1 in a zero field: the bell covers 16 cells on each axis, from
   // 8 before the spike to 7 after it, with its centre of mass half a cell back.
@@ -481,16 +373,6 @@ TEST_F(CoverageFixture, UniformLayersGiveUniformFields) {
     pixelStoreDestroy(&params.distanceStore);
     pixelStoreDestroy(&source);
   }
-}
-
-TEST_F(CoverageFixture, SourceWithoutPixelsLeavesBothStoresNull) {
-  PixelStore empty;
-  memset(&empty, 0, sizeof(empty));
-  pixelStoreInit(&empty);
-  buildFillFields(&empty);
-  EXPECT_EQ(params.opaqueStore, nullptr);
-  EXPECT_EQ(params.distanceStore, nullptr);
-  EXPECT_EQ(params.spareStore, nullptr);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // every depth and plane count, selections, host coordinate forms, odd sizes,
 // cancel, thread counts, and the pinned digests of the standard scenarios.
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include <fstream>
 #include <map>
@@ -15,7 +14,9 @@ using standin::Host;
 using standin::HostOptions;
 using standin::RunOutcome;
 using testing_support::countCalls;
+using testing_support::availableCpus;
 using testing_support::nativeModule;
+using testing_support::pinToCpus;
 
 namespace {
 
@@ -27,28 +28,6 @@ int countNotOpaque(const Document& d) {
   for (int32_t y = 0; y < d.height; ++y)
     for (int32_t x = 0; x < d.width; ++x) n += d.sample(x, y, d.colourPlanes) != fullScale(d) ? 1 : 0;
   return n;
-}
-
-void pinToCpus(int count) {
-  cpu_set_t all;
-  CPU_ZERO(&all);
-  sched_getaffinity(0, sizeof(all), &all);
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  int taken = 0;
-  for (int cpu = 0; cpu < CPU_SETSIZE && taken < count; ++cpu)
-    if (CPU_ISSET(cpu, &all)) {
-      CPU_SET(cpu, &set);
-      ++taken;
-    }
-  sched_setaffinity(0, sizeof(set), &set);
-}
-
-int allCpus() {
-  cpu_set_t all;
-  CPU_ZERO(&all);
-  sched_getaffinity(0, sizeof(all), &all);
-  return CPU_COUNT(&all);
 }
 
 std::string runDigest(Document d, HostOptions o = HostOptions()) {
@@ -206,7 +185,7 @@ TEST(Filter, SameOutputOnOneAndOnAllProcessors) {
   Document d = standin::makeIslandDocument(400, 300, 8, 3, 31);
   pinToCpus(1);
   std::string one = runDigest(d);
-  pinToCpus(allCpus());
+  pinToCpus(availableCpus());
   std::string all = runDigest(d);
   EXPECT_EQ(one, all);
 }

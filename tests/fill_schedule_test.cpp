@@ -15,16 +15,12 @@
 #include "fill/fill_schedule.h"
 #include "host/plugin_main.h"
 #include "store/pixel_store.h"
+#include "tests/support/test_support.h"
 #include "store/resample.h"
 
 namespace {
 
-// A heap store of one kind, for the length of a test.
-struct Store {
-  PixelStore* s;
-  Store(int32_t w, int32_t h, int32_t kind) : s(pixelStoreCreate(w, h, kind, 0, false)) {}
-  ~Store() { pixelStoreDestroy(&s); }
-};
+using testing_support::OwnedStore;
 
 // Pixels in stored units: 0..255, 0..32768, or the floats.
 struct Px {
@@ -82,16 +78,7 @@ void expectLevelsAre(const PixelStore* s, int32_t first, int32_t last, Px want) 
   }
 }
 
-// The engine's kernels read the record only through the store: a context with
-// nothing in it is enough, but stores record the host's buffer procs.
-struct FillFixture : ::testing::Test {
-  FilterRecord record;
-  void SetUp() override {
-    memset(&record, 0, sizeof(record));
-    hostContext.filterRecord = &record;
-  }
-  void TearDown() override { hostContext.filterRecord = nullptr; }
-};
+using FillFixture = testing_support::EngineFixture;
 
 // ---- one opaque pixel -----------------------------------------------------------------------------
 
@@ -99,17 +86,17 @@ TEST_F(FillFixture, LonePixelSpreadsADiamondOfFiveOrSixSteps) {
   // x + y even: the first half-pass finds no hole next to it, so three passes
   // move the rim 5 steps; odd: 6.
   for (int32_t cx : {20, 21}) {
-    Store st(40, 40, kKindRgba8);
+    OwnedStore st(40, 40, kKindRgba8);
     const Px colour{255, 0, 255, 255};
-    put(st.s, 0, cx, 20, colour);
-    diffuseLevel(st.s, 0, kFillPasses);
+    put(st.store, 0, cx, 20, colour);
+    diffuseLevel(st.store, 0, kFillPasses);
     const int32_t radius = cx == 20 ? 5 : 6;
     for (int32_t y = 0; y < 40; ++y)
       for (int32_t x = 0; x < 40; ++x) {
         if (abs(x - cx) + abs(y - 20) <= radius)
-          ASSERT_TRUE(samePx(get(st.s, 0, x, y), colour)) << x << "," << y;
+          ASSERT_TRUE(samePx(get(st.store, 0, x, y), colour)) << x << "," << y;
         else
-          ASSERT_EQ(get(st.s, 0, x, y).a, 0.0f) << x << "," << y;
+          ASSERT_EQ(get(st.store, 0, x, y).a, 0.0f) << x << "," << y;
       }
   }
 }
@@ -132,31 +119,15 @@ TEST_F(FillFixture, OnePixelColoursTheWholeImageAtEveryKind) {
       {9, 40, kKindRgbaFloat, {0.5f, 2.0f, -1.0f, 0}, {0.5f, 2.0f, -1.0f, 0}, {0, 0, 0, 1.0f}, {0, 0, 0, 0}},
   };
   for (const Case& c : cases) {
-    Store st(c.w, c.h, c.kind);
-    fillLevel(st.s, 0, c.under);
-    put(st.s, 0, c.w / 2, c.h * 4 / 5, c.pixel);
-    fillLevels(st.s, kFillPasses);
-    const int32_t top = st.s->topLevel;
+    OwnedStore st(c.w, c.h, c.kind);
+    fillLevel(st.store, 0, c.under);
+    put(st.store, 0, c.w / 2, c.h * 4 / 5, c.pixel);
+    fillLevels(st.store, kFillPasses);
+    const int32_t top = st.store->topLevel;
     SCOPED_TRACE(testing::Message() << c.w << " x " << c.h);
-    expectLevelsAre(st.s, 0, top - 1, c.result);
-    expectLevelsAre(st.s, top, top, c.top);
+    expectLevelsAre(st.store, 0, top - 1, c.result);
+    expectLevelsAre(st.store, top, top, c.top);
   }
-}
-
-TEST_F(FillFixture, LonePixelOfMidColourEndsWithinTwoSteps) {
-  // Thirds and halves of a mid colour lose a step to truncation here and
-  // there, and the kernel's lobes over a mix of such values lose or gain one
-  // more: nothing else moves the colour.
-  Store st(100, 64, kKindRgba8);
-  put(st.s, 0, 50, 30, Px{101, 150, 37, 255});
-  fillLevels(st.s, kFillPasses);
-  EXPECT_TRUE(samePx(get(st.s, 0, 50, 30), Px{101, 150, 37, 255}));
-  for (int32_t y = 0; y < 64; ++y)
-    for (int32_t x = 0; x < 100; ++x) {
-      const Px p = get(st.s, 0, x, y);
-      ASSERT_EQ(p.a, 255.0f);
-      ASSERT_TRUE(p.r >= 99 && p.r <= 102 && p.g >= 148 && p.g <= 151 && p.b >= 35 && p.b <= 38) << x << "," << y;
-    }
 }
 
 // ---- alpha thresholds --------------------------------------------------------------------------
@@ -167,13 +138,13 @@ TEST_F(FillFixture, AlphaFloorsOfCoverAndOfNeighbours) {
   // 5 it is covered and weighs 5/255 against three of weight 1: red
   // 0.0196 / 3.0196 * 255 = 1.66, green 3 / 3.0196 * 255 = 253.3.
   for (int32_t alpha : {4, 5}) {
-    Store st(5, 5, kKindRgba8);
-    fillLevel(st.s, 0, Px{0, 255, 0, 255});
-    put(st.s, 0, 2, 2, Px{0, 0, 0, 0});
-    put(st.s, 0, 2, 1, Px{255, 0, 255, float(alpha)});
-    fillLevels(st.s, kFillPasses);
-    EXPECT_TRUE(samePx(get(st.s, 0, 2, 2), alpha == 4 ? Px{0, 255, 0, 255} : Px{1, 253, 1, 255}));
-    EXPECT_TRUE(samePx(get(st.s, 0, 2, 1), alpha == 4 ? Px{0, 255, 0, 255} : Px{255, 0, 255, 255}));
+    OwnedStore st(5, 5, kKindRgba8);
+    fillLevel(st.store, 0, Px{0, 255, 0, 255});
+    put(st.store, 0, 2, 2, Px{0, 0, 0, 0});
+    put(st.store, 0, 2, 1, Px{255, 0, 255, float(alpha)});
+    fillLevels(st.store, kFillPasses);
+    EXPECT_TRUE(samePx(get(st.store, 0, 2, 2), alpha == 4 ? Px{0, 255, 0, 255} : Px{1, 253, 1, 255}));
+    EXPECT_TRUE(samePx(get(st.store, 0, 2, 1), alpha == 4 ? Px{0, 255, 0, 255} : Px{255, 0, 255, 255}));
   }
   // 9 x 9 bare with red pixels of a faint alpha at (3, 4) and maybe (5, 4):
   // one of alpha 5 starts no fill, two fill the hole between them (which, even,
@@ -183,25 +154,15 @@ TEST_F(FillFixture, AlphaFloorsOfCoverAndOfNeighbours) {
     bool filled;
   };
   for (Case c : {Case{5, 1, false}, Case{5, 2, true}, Case{9, 1, true}}) {
-    Store st(9, 9, kKindRgba8);
-    put(st.s, 0, 3, 4, Px{255, 0, 0, float(c.alpha)});
-    if (c.count > 1) put(st.s, 0, 5, 4, Px{255, 0, 0, float(c.alpha)});
-    diffuseLevel(st.s, 0, kFillPasses);
-    EXPECT_TRUE(samePx(get(st.s, 0, 3, 4), Px{255, 0, 0, 255}));
+    OwnedStore st(9, 9, kKindRgba8);
+    put(st.store, 0, 3, 4, Px{255, 0, 0, float(c.alpha)});
+    if (c.count > 1) put(st.store, 0, 5, 4, Px{255, 0, 0, float(c.alpha)});
+    diffuseLevel(st.store, 0, kFillPasses);
+    EXPECT_TRUE(samePx(get(st.store, 0, 3, 4), Px{255, 0, 0, 255}));
     const Px expected = c.filled ? Px{255, 0, 0, 255} : Px{0, 0, 0, 0};
-    EXPECT_TRUE(samePx(get(st.s, 0, c.count > 1 ? 4 : 2, 4), expected)) << c.alpha << " x" << c.count;
-    EXPECT_EQ(get(st.s, 0, 4, 3).a, c.filled ? 255.0f : 0.0f) << c.alpha << " x" << c.count;
+    EXPECT_TRUE(samePx(get(st.store, 0, c.count > 1 ? 4 : 2, 4), expected)) << c.alpha << " x" << c.count;
+    EXPECT_EQ(get(st.store, 0, 4, 3).a, c.filled ? 255.0f : 0.0f) << c.alpha << " x" << c.count;
   }
-}
-
-TEST_F(FillFixture, NoPassesLeaveTheLevelAlone) {
-  Store st(4, 4, kKindRgba8);
-  put(st.s, 0, 1, 1, Px{10, 20, 30, 4});
-  put(st.s, 0, 2, 2, Px{40, 50, 60, 128});
-  diffuseLevel(st.s, 0, 0);
-  EXPECT_TRUE(samePx(get(st.s, 0, 1, 1), Px{10, 20, 30, 4}));
-  EXPECT_TRUE(samePx(get(st.s, 0, 2, 2), Px{40, 50, 60, 128}));
-  EXPECT_EQ(get(st.s, 0, 1, 2).a, 0.0f);
 }
 
 // ---- holes and covered pixels -----------------------------------------------------------------------
@@ -218,17 +179,17 @@ TEST_F(FillFixture, OnePixelHoleTakesTheWeightedMeanOfItsNeighbours) {
       {{0, 200, 0, 255}, {0, 200, 0, 255}, {0, 200, 0, 255}, {0, 0, 0, 85}, {0, 180, 0, 255}},
   };
   for (const Case& c : cases) {
-    Store st(5, 5, kKindRgba8);
-    fillLevel(st.s, 0, Px{0, 0, 0, 255});
-    put(st.s, 0, 2, 2, Px{99, 99, 99, 0});
-    put(st.s, 0, 2, 1, c.up);
-    put(st.s, 0, 1, 2, c.left);
-    put(st.s, 0, 3, 2, c.right);
-    put(st.s, 0, 2, 3, c.down);
-    fillLevels(st.s, kFillPasses);
-    EXPECT_TRUE(samePx(get(st.s, 0, 2, 2), c.hole));
+    OwnedStore st(5, 5, kKindRgba8);
+    fillLevel(st.store, 0, Px{0, 0, 0, 255});
+    put(st.store, 0, 2, 2, Px{99, 99, 99, 0});
+    put(st.store, 0, 2, 1, c.up);
+    put(st.store, 0, 1, 2, c.left);
+    put(st.store, 0, 3, 2, c.right);
+    put(st.store, 0, 2, 3, c.down);
+    fillLevels(st.store, kFillPasses);
+    EXPECT_TRUE(samePx(get(st.store, 0, 2, 2), c.hole));
     // The soft pixel keeps its colour and becomes opaque.
-    EXPECT_TRUE(samePx(get(st.s, 0, 2, 3), Px{c.down.r, c.down.g, c.down.b, 255}));
+    EXPECT_TRUE(samePx(get(st.store, 0, 2, 3), Px{c.down.r, c.down.g, c.down.b, 255}));
   }
 }
 
@@ -240,71 +201,71 @@ TEST_F(FillFixture, CoveredPixelsKeepTheirColoursAndBecomeOpaque) {
   };
   srand(3);
   for (Case c : {Case{70, 45, kKindRgba8, 255, 255}, Case{20, 20, kKindRgba16, 521, 32768}}) {
-    Store st(c.w, c.h, c.kind);
+    OwnedStore st(c.w, c.h, c.kind);
     const int32_t full = c.kind == kKindRgba8 ? 255 : 32768;
     std::vector<Px> before;
     for (int32_t y = 0; y < c.h; ++y)
       for (int32_t x = 0; x < c.w; ++x) {
         const Px p{float(rand() % (full + 1)), float(rand() % (full + 1)), float(rand() % (full + 1)),
                    float(c.alphaFrom + rand() % (c.alphaTo - c.alphaFrom + 1))};
-        put(st.s, 0, x, y, p);
+        put(st.store, 0, x, y, p);
         before.push_back(Px{p.r, p.g, p.b, float(full)});
       }
-    fillLevels(st.s, kFillPasses);
+    fillLevels(st.store, kFillPasses);
     for (int32_t y = 0; y < c.h; ++y)
-      for (int32_t x = 0; x < c.w; ++x) ASSERT_TRUE(samePx(get(st.s, 0, x, y), before[size_t(y * c.w + x)]));
+      for (int32_t x = 0; x < c.w; ++x) ASSERT_TRUE(samePx(get(st.store, 0, x, y), before[size_t(y * c.w + x)]));
   }
-  Store bare(1, 1, kKindRgba8);
-  ASSERT_EQ(bare.s->topLevel, 1);
-  put(bare.s, 0, 0, 0, Px{10, 20, 30, 0});
-  fillLevels(bare.s, kFillPasses);
-  EXPECT_TRUE(samePx(get(bare.s, 0, 0, 0), Px{10, 20, 30, 255}));
-  EXPECT_TRUE(samePx(get(bare.s, 1, 0, 0), Px{0, 0, 0, 0}));
-  Store covered(1, 1, kKindRgba16);
-  put(covered.s, 0, 0, 0, Px{1000, 2000, 3000, 600});
-  fillLevels(covered.s, kFillPasses);
-  EXPECT_TRUE(samePx(get(covered.s, 0, 0, 0), Px{1000, 2000, 3000, 32768}));
-  EXPECT_TRUE(samePx(get(covered.s, 1, 0, 0), Px{1000, 2000, 3000, 32768}));
+  OwnedStore bare(1, 1, kKindRgba8);
+  ASSERT_EQ(bare.store->topLevel, 1);
+  put(bare.store, 0, 0, 0, Px{10, 20, 30, 0});
+  fillLevels(bare.store, kFillPasses);
+  EXPECT_TRUE(samePx(get(bare.store, 0, 0, 0), Px{10, 20, 30, 255}));
+  EXPECT_TRUE(samePx(get(bare.store, 1, 0, 0), Px{0, 0, 0, 0}));
+  OwnedStore covered(1, 1, kKindRgba16);
+  put(covered.store, 0, 0, 0, Px{1000, 2000, 3000, 600});
+  fillLevels(covered.store, kFillPasses);
+  EXPECT_TRUE(samePx(get(covered.store, 0, 0, 0), Px{1000, 2000, 3000, 32768}));
+  EXPECT_TRUE(samePx(get(covered.store, 1, 0, 0), Px{1000, 2000, 3000, 32768}));
 }
 
 TEST_F(FillFixture, TwoByTwoWithOnlyAFaintPixelStaysDefined) {
   // The faint pixel opens nothing at level 0; the way down reads level 0
   // itself. The covered pixel keeps its colour, all end opaque.
-  Store st(2, 2, kKindRgba8);
-  put(st.s, 0, 0, 0, Px{40, 50, 60, 6});
-  fillLevels(st.s, kFillPasses);
-  EXPECT_TRUE(samePx(get(st.s, 0, 0, 0), Px{40, 50, 60, 255}));
+  OwnedStore st(2, 2, kKindRgba8);
+  put(st.store, 0, 0, 0, Px{40, 50, 60, 6});
+  fillLevels(st.store, kFillPasses);
+  EXPECT_TRUE(samePx(get(st.store, 0, 0, 0), Px{40, 50, 60, 255}));
   for (int32_t y = 0; y < 2; ++y)
-    for (int32_t x = 0; x < 2; ++x) EXPECT_EQ(get(st.s, 0, x, y).a, 255.0f);
-  EXPECT_TRUE(samePx(get(st.s, 1, 0, 0), Px{40, 50, 60, 255}));
+    for (int32_t x = 0; x < 2; ++x) EXPECT_EQ(get(st.store, 0, x, y).a, 255.0f);
+  EXPECT_TRUE(samePx(get(st.store, 1, 0, 0), Px{40, 50, 60, 255}));
 }
 
 // ---- reduce ----------------------------------------------------------------------------------------
 
 TEST_F(FillFixture, ReduceTakesAlphaWeightedMeansOfBlocks) {
-  Store st(5, 4, kKindRgba8);
-  ASSERT_EQ(st.s->levelWidth[1], 4);  // 3 rounded up to even
-  ASSERT_EQ(st.s->levelHeight[1], 2);
+  OwnedStore st(5, 4, kKindRgba8);
+  ASSERT_EQ(st.store->levelWidth[1], 4);  // 3 rounded up to even
+  ASSERT_EQ(st.store->levelHeight[1], 2);
   // Block (0, 0): red 10, 20, 30, 41 opaque: 25.25.
-  put(st.s, 0, 0, 0, Px{10, 0, 0, 255});
-  put(st.s, 0, 1, 0, Px{20, 0, 0, 255});
-  put(st.s, 0, 0, 1, Px{30, 0, 0, 255});
-  put(st.s, 0, 1, 1, Px{41, 0, 0, 255});
+  put(st.store, 0, 0, 0, Px{10, 0, 0, 255});
+  put(st.store, 0, 1, 0, Px{20, 0, 0, 255});
+  put(st.store, 0, 0, 1, Px{30, 0, 0, 255});
+  put(st.store, 0, 1, 1, Px{41, 0, 0, 255});
   // Block (1, 0): two bare pixels whose colours do not count, one of alpha 4 (floored).
-  put(st.s, 0, 2, 0, Px{200, 0, 0, 255});
-  put(st.s, 0, 3, 0, Px{0, 0, 0, 0});
-  put(st.s, 0, 2, 1, Px{100, 0, 0, 255});
-  put(st.s, 0, 3, 1, Px{255, 255, 255, 4});
+  put(st.store, 0, 2, 0, Px{200, 0, 0, 255});
+  put(st.store, 0, 3, 0, Px{0, 0, 0, 0});
+  put(st.store, 0, 2, 1, Px{100, 0, 0, 255});
+  put(st.store, 0, 3, 1, Px{255, 255, 255, 4});
   // Column 4 stands alone in block (2, 0) and again in the padding block (3, 0).
-  put(st.s, 0, 4, 0, Px{60, 70, 80, 255});
-  put(st.s, 0, 4, 1, Px{60, 70, 80, 255});
-  reduceColours(st.s, 0);
-  EXPECT_TRUE(samePx(get(st.s, 1, 0, 0), Px{25, 0, 0, 255}));
-  EXPECT_TRUE(samePx(get(st.s, 1, 1, 0), Px{150, 0, 0, 255}));
-  EXPECT_TRUE(samePx(get(st.s, 1, 2, 0), Px{60, 70, 80, 255}));
-  EXPECT_TRUE(samePx(get(st.s, 1, 3, 0), Px{60, 70, 80, 255}));
+  put(st.store, 0, 4, 0, Px{60, 70, 80, 255});
+  put(st.store, 0, 4, 1, Px{60, 70, 80, 255});
+  reduceColours(st.store, 0);
+  EXPECT_TRUE(samePx(get(st.store, 1, 0, 0), Px{25, 0, 0, 255}));
+  EXPECT_TRUE(samePx(get(st.store, 1, 1, 0), Px{150, 0, 0, 255}));
+  EXPECT_TRUE(samePx(get(st.store, 1, 2, 0), Px{60, 70, 80, 255}));
+  EXPECT_TRUE(samePx(get(st.store, 1, 3, 0), Px{60, 70, 80, 255}));
   // Row 1 of level 1 reads rows 2 and 3, all bare: black, alpha 0.
-  EXPECT_TRUE(samePx(get(st.s, 1, 0, 1), Px{0, 0, 0, 0}));
+  EXPECT_TRUE(samePx(get(st.store, 1, 0, 1), Px{0, 0, 0, 0}));
 }
 
 // ---- the way down ----------------------------------------------------------------------------------
@@ -312,62 +273,62 @@ TEST_F(FillFixture, ReduceTakesAlphaWeightedMeansOfBlocks) {
 TEST_F(FillFixture, HoleReadsTheLevelAboveAtHalfItsCoordinates) {
   // 1000 x 600: level 2 is 250 x 150, level 3 126 x 76. A hole at x = 100 of
   // level 2 reads level 3 at 125 * (50.5 / 126) - 0.5, about 49.6.
-  Store st(1000, 600, kKindRgbaFloat);
-  ASSERT_EQ(st.s->topLevel, 10);
-  ASSERT_EQ(st.s->levelWidth[3], 126);
-  fillLevel(st.s, 2, Px{0, 0, 0, 1.0f});
-  put(st.s, 2, 100, 40, Px{0, 0, 0, 0.0f});
+  OwnedStore st(1000, 600, kKindRgbaFloat);
+  ASSERT_EQ(st.store->topLevel, 10);
+  ASSERT_EQ(st.store->levelWidth[3], 126);
+  fillLevel(st.store, 2, Px{0, 0, 0, 1.0f});
+  put(st.store, 2, 100, 40, Px{0, 0, 0, 0.0f});
   for (int32_t y = 0; y < 76; ++y) {
-    for (int32_t x = 0; x < 126; ++x) put(st.s, 3, x, y, Px{float(x) * 0.25f, float(y), float(x * y % 7), 1.0f});
+    for (int32_t x = 0; x < 126; ++x) put(st.store, 3, x, y, Px{float(x) * 0.25f, float(y), float(x * y % 7), 1.0f});
   }
-  expandInto(st.s, 2);
+  expandInto(st.store, 2);
   const float px = 125.0f * ((100.0f * 0.5f + 0.5f) * (1.0f / 126.0f)) - 0.5f;
   const float py = 75.0f * ((40.0f * 0.5f + 0.5f) * (1.0f / 76.0f)) - 0.5f;
   EXPECT_NEAR(px, 49.6, 0.01);
   float r, g, b, a;
-  filterPixel<kKindRgbaFloat>(st.s, 3, px, py, &r, &g, &b, &a);
+  filterPixel<kKindRgbaFloat>(st.store, 3, px, py, &r, &g, &b, &a);
   // The way down clamps to 0..65535.
   b = b < 0.0f ? 0.0f : b;
-  EXPECT_TRUE(samePx(get(st.s, 2, 100, 40), Px{r, g, b, 1.0f}));
+  EXPECT_TRUE(samePx(get(st.store, 2, 100, 40), Px{r, g, b, 1.0f}));
   // The red ramp is 0.25 a pixel: the point lies near 49.6 * 0.25.
   EXPECT_NEAR(r, 12.4, 0.05);
   // Covered pixels are left as they are.
-  EXPECT_TRUE(samePx(get(st.s, 2, 101, 40), Px{0, 0, 0, 1.0f}));
+  EXPECT_TRUE(samePx(get(st.store, 2, 101, 40), Px{0, 0, 0, 1.0f}));
 }
 
 TEST_F(FillFixture, KernelOvershootIsClampedBeforeTheWrite) {
   // A hard step at level 1 makes the kernel ring: below 0 on the dark side,
   // above full on the bright side. Clamped, the row rises monotonically; a
   // value written unclamped would wrap the byte.
-  Store st(32, 16, kKindRgba8);
-  for (int32_t y = 0; y < st.s->levelHeight[1]; ++y) {
-    for (int32_t x = 0; x < st.s->levelWidth[1]; ++x) put(st.s, 1, x, y, Px{x < 8 ? 0.0f : 255.0f, 0, 0, 255});
+  OwnedStore st(32, 16, kKindRgba8);
+  for (int32_t y = 0; y < st.store->levelHeight[1]; ++y) {
+    for (int32_t x = 0; x < st.store->levelWidth[1]; ++x) put(st.store, 1, x, y, Px{x < 8 ? 0.0f : 255.0f, 0, 0, 255});
   }
-  expandInto(st.s, 0);
+  expandInto(st.store, 0);
   for (int32_t y = 0; y < 16; ++y) {
-    for (int32_t x = 1; x < 32; ++x) ASSERT_LE(get(st.s, 0, x - 1, y).r, get(st.s, 0, x, y).r) << x << "," << y;
-    EXPECT_EQ(get(st.s, 0, 0, y).r, 0.0f);
-    EXPECT_EQ(get(st.s, 0, 31, y).r, 255.0f);
-    EXPECT_EQ(get(st.s, 0, 5, y).a, 255.0f);
+    for (int32_t x = 1; x < 32; ++x) ASSERT_LE(get(st.store, 0, x - 1, y).r, get(st.store, 0, x, y).r) << x << "," << y;
+    EXPECT_EQ(get(st.store, 0, 0, y).r, 0.0f);
+    EXPECT_EQ(get(st.store, 0, 31, y).r, 255.0f);
+    EXPECT_EQ(get(st.store, 0, 5, y).a, 255.0f);
   }
 }
 
 TEST_F(FillFixture, FloatColoursAboveOnePassThroughAndClampAtTheLimit) {
   // 32-bit colours above 1 pass through the means unclamped; the way down
   // clamps what it brings at 0 and 65535.
-  Store st(64, 64, kKindRgbaFloat);
+  OwnedStore st(64, 64, kKindRgbaFloat);
   for (int32_t y = 30; y < 34; ++y) {
-    for (int32_t x = 30; x < 34; ++x) put(st.s, 0, x, y, Px{70000.0f, 3.5f, -2.0f, 1.0f});
+    for (int32_t x = 30; x < 34; ++x) put(st.store, 0, x, y, Px{70000.0f, 3.5f, -2.0f, 1.0f});
   }
-  fillLevels(st.s, kFillPasses);
+  fillLevels(st.store, kFillPasses);
   // Covered, and filled by neighbour means at level 0: as they were.
-  EXPECT_TRUE(samePx(get(st.s, 0, 31, 31), Px{70000.0f, 3.5f, -2.0f, 1.0f}));
-  EXPECT_TRUE(samePx(get(st.s, 0, 29, 31), Px{70000.0f, 3.5f, -2.0f, 1.0f}));
-  EXPECT_TRUE(samePx(get(st.s, 0, 33, 36), Px{70000.0f, 3.5f, -2.0f, 1.0f}));
+  EXPECT_TRUE(samePx(get(st.store, 0, 31, 31), Px{70000.0f, 3.5f, -2.0f, 1.0f}));
+  EXPECT_TRUE(samePx(get(st.store, 0, 29, 31), Px{70000.0f, 3.5f, -2.0f, 1.0f}));
+  EXPECT_TRUE(samePx(get(st.store, 0, 33, 36), Px{70000.0f, 3.5f, -2.0f, 1.0f}));
   // Far away, brought down from coarse levels: clamped at every level on the
   // way, so what the float kernel mixes lies at the limits up to the rounding
   // of its weights (unclamped it would be 70000 and -2).
-  const Px far = get(st.s, 0, 2, 60);
+  const Px far = get(st.store, 0, 2, 60);
   EXPECT_LE(far.r, kFloatColourLimit);
   EXPECT_GT(far.r, 65530.0f);
   EXPECT_NEAR(far.g, 3.5f, 1e-4);
@@ -375,7 +336,7 @@ TEST_F(FillFixture, FloatColoursAboveOnePassThroughAndClampAtTheLimit) {
   EXPECT_LT(far.b, 0.01f);
   EXPECT_EQ(far.a, 1.0f);
   // The coarse levels themselves kept the raw means.
-  EXPECT_TRUE(samePx(get(st.s, 1, 15, 15), Px{70000.0f, 3.5f, -2.0f, 1.0f}));
+  EXPECT_TRUE(samePx(get(st.store, 1, 15, 15), Px{70000.0f, 3.5f, -2.0f, 1.0f}));
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "finish/finish_pixel.h"
 #include "finish/host_pixels.h"
 #include "grid/sample_grid.h"
+#include "tests/support/test_support.h"
 #include "tests/support/test_tile.h"
 #include "host/blocks.h"
 #include "host/host_record.h"
@@ -33,16 +34,7 @@ struct GuardPage {
   ~GuardPage() { munmap(page, size_t(getpagesize())); }
 };
 
-struct FinishFixture : ::testing::Test {
-  ParamBlock params;
-  void SetUp() override {
-    memset(&params, 0, sizeof params);
-    params.blendMode = 1;
-    params.runStage = 0;
-    params.sampleRate = 1;
-    hostContext.paramBlock = &params;
-  }
-  void TearDown() override { hostContext.paramBlock = nullptr; }
+struct FinishFixture : testing_support::EngineFixture {
   void finish(TestTile& t, int32_t x, int32_t y, PixelValue sample) {
     finishPixel(x, y, &sample, t.cursor, nullptr);
   }
@@ -131,26 +123,6 @@ TEST(MixAlphaAware, WeighsColourByAlphaAndAlphaByT) {
   mixAlphaAware(&into, &into, &cases[3].b, 0.5f);
   EXPECT_EQ(into.g, 0.33333334f);
   EXPECT_EQ(into.a, 0.75f);
-}
-
-TEST(CompositeOver, WorkedPixels) {
-  struct Case {
-    PixelValue src, dst, out;
-  };
-  const Case cases[] = {
-      {{1.0f, 0.0f, 0.0f, 0.5f}, {0.0f, 0.0f, 1.0f, 1.0f}, {0.5f, 0.0f, 0.5f, 1.0f}},
-      {{0.25f, 0.5f, 0.75f, 0.6f}, {0.3f, 0.2f, 0.1f, 0.0f}, {0.25f, 0.5f, 0.75f, 0.6f}},
-      {{1.0f, 1.0f, 1.0f, 0.5f}, {0.0f, 0.0f, 0.0f, 0.5f}, {0.6666667f, 0.6666667f, 0.6666667f, 0.75f}},
-      {{1.0f, 1.0f, 1.0f, 0.0f}, {0.1f, 0.2f, 0.3f, 0.4f}, {0.1f, 0.2f, 0.3f, 0.4f}},
-      {{1.0f, 1.0f, 1.0f, -0.5f}, {0.1f, 0.2f, 0.3f, 0.4f}, {0.1f, 0.2f, 0.3f, 0.4f}},
-  };
-  for (Case c : cases) {
-    compositeOver(&c.src, &c.dst);
-    EXPECT_FLOAT_EQ(c.dst.r, c.out.r);
-    EXPECT_FLOAT_EQ(c.dst.g, c.out.g);
-    EXPECT_FLOAT_EQ(c.dst.b, c.out.b);
-    EXPECT_EQ(c.dst.a, c.out.a);
-  }
 }
 
 // ---- alpha gain ------------------------------------------------------------------------------------
@@ -327,38 +299,6 @@ TEST_F(FinishFixture, OpaqueFullySelectedPixelsNeverReadTheInput) {
   EXPECT_EQ(t.out16(1, 1)[3], 16498);  // trunc(32768 x 0.5035)
 }
 
-TEST(FinishDeath, GuardPageCatchesAReadAndOtherBlendModesAlwaysRead) {
-  ParamBlock params;
-  memset(&params, 0, sizeof params);
-  params.blendMode = 1;
-  hostContext.paramBlock = &params;
-  GuardPage guard;
-  TestTile t(8, 4, VRect{0, 0, 1, 1});
-  t.view().inData = guard.page;
-  PixelValue partial = {0.5f, 0.5f, 0.5f, 0.5f};
-  EXPECT_DEATH(finishPixel(0, 0, &partial, t.cursor, nullptr), "");
-  params.blendMode = 5;
-  PixelValue opaque = {0.5f, 0.5f, 0.5f, 1.0f};
-  EXPECT_DEATH(finishPixel(0, 0, &opaque, t.cursor, nullptr), "");
-  hostContext.paramBlock = nullptr;
-}
-
-TEST_F(FinishFixture, NullOutputAndThePartialStageWriteNothing) {
-  GuardPage guard;
-  TestTile t(8, 4, VRect{0, 0, 1, 1});
-  t.view().outData = nullptr;
-  t.view().inData = nullptr;
-  t.useMask(100);
-  finish(t, 0, 0, {0.5f, 0.5f, 0.5f, 0.5f});
-  for (uint8_t b : t.out) EXPECT_EQ(b, 0);
-  params.runStage = 2;  // the partial stage neither reads nor writes
-  TestTile p(8, 4, VRect{0, 0, 1, 1});
-  p.useMask(128);
-  p.view().inData = guard.page;
-  finish(p, 0, 0, {0.5f, 0.5f, 0.5f, 0.5f});
-  for (uint8_t b : p.out) EXPECT_EQ(b, 0);
-}
-
 TEST_F(FinishFixture, DisplayStageShowsACheckerboardBehind) {
   params.runStage = 1;
   TestTile t(8, 4, VRect{0, 0, 16, 16});
@@ -493,23 +433,6 @@ TEST_F(WriteUnitFixture, UnselectedPixelsKeepTheInputUnlessTheHostMasksItself) {
   EXPECT_EQ(record.autoMask, 1);
   EXPECT_EQ(outPixel(0, 0)[0], 47);
   EXPECT_EQ(outPixel(3, 1)[1], 47);
-}
-
-TEST_F(WriteUnitFixture, NoCellsWriteZerosAndMissingHostBuffersAreSafe) {
-  std::fill(mask.begin(), mask.end(), uint8_t(255));
-  grid.cells = nullptr;
-  writeUnit(&unit);
-  for (int32_t dy = 0; dy < 2; ++dy)
-    for (int32_t dx = 0; dx < 4; ++dx)
-      for (int32_t c = 0; c < 4; ++c) EXPECT_EQ(outPixel(dx, dy)[c], 0);
-  unit.grids = nullptr;
-  std::fill(out.begin(), out.end(), uint8_t(0xEE));
-  writeUnit(&unit);
-  EXPECT_EQ(outPixel(2, 1)[0], 0);
-  std::fill(out.begin(), out.end(), uint8_t(0xEE));
-  record.outData = record.inData = record.maskData = nullptr;
-  writeUnit(&unit);
-  for (uint8_t b : out) EXPECT_EQ(b, 0xEE);
 }
 
 // ---- rows: finishRow against finishPixel pixel by pixel ---------------------------------------------

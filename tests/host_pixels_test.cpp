@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "finish/host_pixels.h"
+#include "tests/support/test_support.h"
 #include "tests/support/test_tile.h"
 #include "host/blocks.h"
 #include "host/plugin_main.h"
@@ -16,17 +18,7 @@ namespace {
 
 using testing_support::TestTile;
 
-
-struct HostPixels : ::testing::Test {
-  ParamBlock params;
-  void SetUp() override {
-    memset(&params, 0, sizeof params);
-    params.blendMode = 1;
-    params.runStage = 0;
-    hostContext.paramBlock = &params;
-  }
-  void TearDown() override { hostContext.paramBlock = nullptr; }
-};
+using HostPixels = testing_support::EngineFixture;
 
 // The value stored for one float alone, through a 1 by 1 RGBA tile.
 uint8_t stored8(float c) {
@@ -44,39 +36,27 @@ uint16_t stored16(float c) {
 
 // ---- exact round trips -------------------------------------------------------------------
 
-TEST_F(HostPixels, EveryEightBitValueSurvivesReadAndWrite) {
-  TestTile t(8, 4, VRect{5, 300, 7, 556});  // 256 by 2, away from the origin
-  for (int32_t dy = 0; dy < 2; ++dy)
-    for (int32_t i = 0; i < 256; ++i) {
-      uint8_t* p = t.in8(i, dy);
-      p[0] = uint8_t(i);
-      p[1] = uint8_t(255 - i);
-      p[2] = uint8_t((i * 7 + dy) & 255);
-      p[3] = uint8_t((i + 128 * dy) & 255);
-    }
-  for (int32_t y = t.top(); y < t.top() + 2; ++y)
-    for (int32_t x = t.left(); x < t.left() + 256; ++x)
-      writeHostPixel(x, y, readHostPixel(x, y, t.cursor), t.cursor, nullptr);
-  for (int32_t dy = 0; dy < 2; ++dy)
-    for (int32_t i = 0; i < 256; ++i)
-      for (int32_t c = 0; c < 4; ++c) ASSERT_EQ(t.out8(i, dy)[c], t.in8(i, dy)[c]) << i << " " << dy << " " << c;
-}
-
-TEST_F(HostPixels, EverySixteenBitValueSurvivesReadAndWrite) {
-  TestTile t(16, 2, VRect{0, 0, 128, 257});  // gray and alpha, 32896 pixels
-  for (int32_t dy = 0; dy < 128; ++dy)
-    for (int32_t dx = 0; dx < 257; ++dx) {
-      int32_t i = dy * 257 + dx;
-      t.in16(dx, dy)[0] = uint16_t(i > 32768 ? 32768 : i);
-      t.in16(dx, dy)[1] = uint16_t(32768 - (i > 32768 ? 32768 : i));
-    }
-  for (int32_t y = 0; y < 128; ++y)
-    for (int32_t x = 0; x < 257; ++x) writeHostPixel(x, y, readHostPixel(x, y, t.cursor), t.cursor, nullptr);
-  for (int32_t dy = 0; dy < 128; ++dy)
-    for (int32_t dx = 0; dx < 257; ++dx) {
-      ASSERT_EQ(t.out16(dx, dy)[0], t.in16(dx, dy)[0]) << dx << " " << dy;
-      ASSERT_EQ(t.out16(dx, dy)[1], t.in16(dx, dy)[1]) << dx << " " << dy;
-    }
+// Every 8-bit value in RGBA away from the origin, every 16-bit one in gray
+// and alpha.
+TEST_F(HostPixels, EveryValueSurvivesReadAndWrite) {
+  for (int32_t bits : {8, 16}) {
+    const int32_t full = bits == 8 ? 255 : 32768, rows = bits == 8 ? 2 : 128, cols = bits == 8 ? 256 : 257;
+    const int16_t planes = bits == 8 ? 4 : 2;
+    TestTile t(bits, planes, VRect{5, 300, 5 + rows, 300 + cols});
+    for (int32_t dy = 0; dy < rows; ++dy)
+      for (int32_t dx = 0; dx < cols; ++dx) {
+        const int32_t v = std::min(dy * cols + dx, full);
+        const int32_t samples[4] = {v, full - v, (v * 7 + dy) % (full + 1), (v + 128 * dy) % (full + 1)};
+        for (int c = 0; c < planes; ++c) {
+          if (bits == 8) t.in8(dx, dy)[c] = uint8_t(samples[c]);
+          else t.in16(dx, dy)[c] = uint16_t(samples[c]);
+        }
+      }
+    for (int32_t y = t.top(); y < t.top() + rows; ++y)
+      for (int32_t x = t.left(); x < t.left() + cols; ++x)
+        writeHostPixel(x, y, readHostPixel(x, y, t.cursor), t.cursor, nullptr);
+    EXPECT_EQ(t.out, t.in) << bits;
+  }
 }
 
 TEST_F(HostPixels, ReadFactorsAreTheCorrectlyRoundedReciprocals) {
@@ -112,20 +92,6 @@ TEST_F(HostPixels, StoredValuesTruncateAfterOneMultiplication) {
   EXPECT_EQ(t.outF(0, 0)[1], 2.5f);
   EXPECT_EQ(t.outF(0, 0)[2], 65535.0f);
   EXPECT_EQ(t.outF(0, 0)[3], 0.25f);
-}
-
-TEST_F(HostPixels, ThirtyTwoBitSamplesReadAsTheyAre) {
-  TestTile t(32, 4, VRect{3, 4, 5, 6});
-  float* p = t.inF(1, 1);
-  p[0] = 2.5f;
-  p[1] = -0.125f;
-  p[2] = 70000.0f;
-  p[3] = 0.75f;
-  PixelValue v = readHostPixel(5, 4, t.cursor);
-  EXPECT_EQ(v.r, 2.5f);
-  EXPECT_EQ(v.g, -0.125f);
-  EXPECT_EQ(v.b, 70000.0f);
-  EXPECT_EQ(v.a, 0.75f);
 }
 
 // ---- planes --------------------------------------------------------------------------------------
@@ -243,27 +209,24 @@ TEST_F(HostPixels, NoMaskOrTheSelfMaskingHostMeansWhole) {
   EXPECT_EQ(selectionCoverage(0, 0, t.cursor), 1.0f);
 }
 
-TEST_F(HostPixels, OutsideTheUnitAMaskReadsZeroAndNoMaskReadsOne) {
-  TestTile t(8, 4, VRect{4, 8, 6, 12});
-  std::fill(t.mask.begin(), t.mask.end(), uint8_t(255));
-  const int32_t outside[][2] = {{7, 4}, {12, 4}, {8, 3}, {8, 6}, {-100000, 4}, {8, 1 << 30}};
-  t.view().haveMask = true;
-  for (const auto& p : outside) EXPECT_EQ(selectionCoverage(p[0], p[1], t.cursor), 0.0f) << p[0] << " " << p[1];
-  t.view().haveMask = false;
-  for (const auto& p : outside) EXPECT_EQ(selectionCoverage(p[0], p[1], t.cursor), 1.0f) << p[0] << " " << p[1];
-}
-
 // ---- bounds and null buffers -------------------------------------------------------------------------
 
+// Outside the unit a write is dropped, a read gives zero, a mask weighs
+// nothing and no mask weighs whole.
 TEST_F(HostPixels, PixelsOutsideTheUnitAreDroppedAndReadAsZero) {
   TestTile t(8, 4, VRect{4, 8, 6, 12});
   std::fill(t.in.begin(), t.in.end(), uint8_t(200));
+  std::fill(t.mask.begin(), t.mask.end(), uint8_t(255));
   const int32_t outside[][2] = {{7, 4}, {12, 4}, {8, 3}, {8, 6}, {-2147483640, 4}, {8, 2147483647}};
   for (const auto& p : outside) {
     writeHostPixel(p[0], p[1], PixelValue{1.0f, 1.0f, 1.0f, 1.0f}, t.cursor, nullptr);
     PixelValue v = readHostPixel(p[0], p[1], t.cursor);
     EXPECT_EQ(v.r, 0.0f);
     EXPECT_EQ(v.a, 0.0f);
+    EXPECT_EQ(selectionCoverage(p[0], p[1], t.cursor), 1.0f);
+    t.view().haveMask = true;
+    EXPECT_EQ(selectionCoverage(p[0], p[1], t.cursor), 0.0f) << p[0] << " " << p[1];
+    t.view().haveMask = false;
   }
   for (uint8_t b : t.out) ASSERT_EQ(b, 0);
   EXPECT_GT(readHostPixel(11, 5, t.cursor).r, 0.78f);
@@ -330,33 +293,18 @@ TEST_F(HostPixels, DisplayStageDrawsIntoThePlanarBufferClamped) {
 
 // A host that cannot pad hands back smaller input and mask rectangles: nothing
 // is read past them.
-TEST(HostPixelsShortHost, ReadsStopAtTheDeliveredRectangles) {
-  std::vector<uint8_t> in(4 * 4, 200);
-  std::vector<uint8_t> mask(4, 255);
-  TileCursor tile;
-  memset(&tile, 0, sizeof(tile));
-  tile.unitRect = VRect{0, 0, 4, 4};
-  HostTileView& v = tile.view;
-  v.planes = 4;
-  v.inHiPlane = 3;
-  v.inLayerPlanes = 3;
-  v.hasTransparency = true;
-  v.is8Bit = true;
-  v.invColourScale = 1.0f / 255.0f;
-  v.invAlphaScale = 1.0f / 255.0f;
-  v.inData = in.data();
-  v.inRowBytes = 16;
-  v.haveMask = true;
-  v.maskData = mask.data();
-  v.maskRowBytes = 4;
+TEST_F(HostPixels, ReadsStopAtTheDeliveredRectangles) {
+  TestTile t(8, 4, VRect{0, 0, 4, 4});
+  std::fill(t.in.begin(), t.in.end(), uint8_t(200));
+  t.useMask(255);
   // Only the first row came, and of the input only one pixel of it.
-  int32_t delivered[4] = {0, 0, 1, 4};
-  memcpy(v.maskRect, delivered, sizeof delivered);
-  int32_t oneInput[4] = {0, 0, 1, 1};
-  memcpy(v.inRect, oneInput, sizeof oneInput);
-  EXPECT_GT(selectionCoverage(3, 0, tile), 0.99f);
-  EXPECT_EQ(selectionCoverage(0, 1, tile), 0.0f);
-  EXPECT_GT(readHostPixel(0, 0, tile).a, 0.7f);
-  EXPECT_EQ(readHostPixel(1, 0, tile).a, 0.0f);
-  EXPECT_EQ(readHostPixel(0, 1, tile).a, 0.0f);
+  HostTileView& v = t.view();
+  v.maskRect[2] = 1;
+  v.inRect[2] = 1;
+  v.inRect[3] = 1;
+  EXPECT_GT(selectionCoverage(3, 0, t.cursor), 0.99f);
+  EXPECT_EQ(selectionCoverage(0, 1, t.cursor), 0.0f);
+  EXPECT_GT(readHostPixel(0, 0, t.cursor).a, 0.7f);
+  EXPECT_EQ(readHostPixel(1, 0, t.cursor).a, 0.0f);
+  EXPECT_EQ(readHostPixel(0, 1, t.cursor).a, 0.0f);
 }

@@ -99,34 +99,6 @@ TEST_F(HostRecord, FormatTests) {
     EXPECT_EQ(isRgbMode(), c.rgb);
     EXPECT_EQ(sourceStoreKind(), c.kind);
   }
-  record.filterCase = 4;
-  EXPECT_TRUE(hasEditableTransparency());
-  record.filterCase = 6;
-  EXPECT_FALSE(hasEditableTransparency());
-  record.planes = 2;
-  EXPECT_TRUE(isGrayPlanes());
-  record.planes = 3;
-  EXPECT_TRUE(isColorPlanes());
-}
-
-TEST(RectHelpers, ArgumentOrderAndEmptiness) {
-  VRect r = makeRect(1, 2, 3, 4);
-  EXPECT_EQ(r.left, 1);
-  EXPECT_EQ(r.top, 2);
-  EXPECT_EQ(r.right, 3);
-  EXPECT_EQ(r.bottom, 4);
-  VRect moved = offsetRect(r, 10, 100);
-  EXPECT_EQ(moved.left, 11);
-  EXPECT_EQ(moved.right, 13);
-  EXPECT_EQ(moved.top, 102);
-  EXPECT_EQ(moved.bottom, 104);
-  EXPECT_TRUE(rectIsEmpty(VRect{-100, 5, 100, 5}));
-  EXPECT_TRUE(rectIsEmpty(VRect{3, 0, 3, 10}));
-  EXPECT_FALSE(rectIsEmpty(VRect{0, 0, 1, 1}));
-  setRunRect(VRect{1, 2, 3, 4});
-  VRect old = exchangeRunRect(VRect{5, 6, 7, 8});
-  EXPECT_EQ(old.left, 2);
-  EXPECT_EQ(getRunRect().left, 6);
 }
 
 TEST(MemoryBlocks, IdSlotsAndDoubleFree) {

@@ -2,7 +2,6 @@
 // with a host of our own, cancel and its latch. Every case runs in its own
 // process, which matters: the cancel latch is process-wide and never cleared.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <stdlib.h>
 #include <unistd.h>
 #include <string.h>
@@ -19,6 +18,10 @@
 #include "platform/platform.h"
 #include "run/job_pool.h"
 #include "store/pixel_store.h"
+#include "tests/support/test_support.h"
+
+using testing_support::availableCpus;
+using testing_support::pinToCpus;
 
 namespace {
 
@@ -40,30 +43,20 @@ OSErr PI_CALL countingAdvance() {
   return advanceCalls == advanceFailAt ? advanceFailure : OSErr(noErr);
 }
 
-// A record, blocks and result word of our own: enough host for the pool.
-struct PoolFixture : ::testing::Test {
-  FilterRecord record;
-  ParamBlock params;
+// The fixture's host with an instance block and a host that counts its polls and tiles.
+struct PoolFixture : testing_support::EngineFixture {
   InstanceBlock* instance = nullptr;
-  int16_t result = 0;
 
   void SetUp() override {
-    memset(&record, 0, sizeof(record));
-    memset(&params, 0, sizeof(params));
+    EngineFixture::SetUp();
     record.abortProc = countingAbort;
     record.advanceState = countingAdvance;
     record.planes = 4;
     record.imageMode = plugInModeRGBColor;
     record.depth = 8;
     record.filterCase = filterCaseEditableTransparencyNoSelection;
-    params.sampleRate = 1;
-    params.progressDone = -1;
-    params.runStage = kRunStageWhole;
     instance = static_cast<InstanceBlock*>(calloc(1, sizeof(InstanceBlock)));
-    hostContext.filterRecord = &record;
-    hostContext.paramBlock = &params;
     hostContext.instanceBlock = instance;
-    hostContext.resultWord = &result;
     abortPolls = advanceCalls = 0;
     abortFrom = advanceFailAt = 0;
     advancedRects.clear();
@@ -87,36 +80,11 @@ struct PoolFixture : ::testing::Test {
     pixelStoreDestroy(&params.opaqueStore);
     pixelStoreDestroy(&params.distanceStore);
     pixelStoreRelease(&instance->sourceStore);
-    hostContext.filterRecord = nullptr;
-    hostContext.paramBlock = nullptr;
+    EngineFixture::TearDown();
     hostContext.instanceBlock = nullptr;
-    hostContext.resultWord = nullptr;
     free(instance);
   }
 };
-
-void pinToCpus(int count) {
-  cpu_set_t all;
-  CPU_ZERO(&all);
-  ASSERT_EQ(sched_getaffinity(0, sizeof(all), &all), 0);
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  int taken = 0;
-  for (int cpu = 0; cpu < CPU_SETSIZE && taken < count; ++cpu) {
-    if (CPU_ISSET(cpu, &all)) {
-      CPU_SET(cpu, &set);
-      ++taken;
-    }
-  }
-  ASSERT_EQ(sched_setaffinity(0, sizeof(set), &set), 0);
-}
-
-int availableCpus() {
-  cpu_set_t all;
-  CPU_ZERO(&all);
-  sched_getaffinity(0, sizeof(all), &all);
-  return CPU_COUNT(&all);
-}
 
 VRect unitRectOf(TileCursor cursor, int32_t index) {
   cursor.unitIndex = index;
@@ -129,52 +97,33 @@ VRect unitRectOf(TileCursor cursor, int32_t index) {
 using JobPoolPlan = PoolFixture;
 using JobPoolRun = PoolFixture;
 
-TEST_F(JobPoolPlan, SquaresOf128WithNarrowerLastColumnAndRow) {
-  TileCursor c;
-  planTiles(&c, VRect{0, 0, 1000, 1000}, kTilingSquares);
-  EXPECT_EQ(c.unitsAcross, 8);
-  EXPECT_EQ(c.unitCount, 64);
-  VRect first = unitRectOf(c, 0);
-  EXPECT_EQ(first.right - first.left, 128);
-  VRect lastInRow = unitRectOf(c, 7);
-  EXPECT_EQ(lastInRow.left, 896);
-  EXPECT_EQ(lastInRow.right - lastInRow.left, 104);
-  EXPECT_EQ(lastInRow.bottom - lastInRow.top, 128);
-  VRect last = unitRectOf(c, 63);
-  EXPECT_EQ(last.top, 896);
-  EXPECT_EQ(last.bottom - last.top, 104);
-  EXPECT_EQ(last.right - last.left, 104);
-}
-
-TEST_F(JobPoolPlan, RowBandsOf64) {
-  TileCursor c;
-  planTiles(&c, VRect{10, 20, 74, 120}, kTilingRowBands);
-  EXPECT_EQ(c.unitCount, 1);
-  planTiles(&c, VRect{10, 20, 75, 120}, kTilingRowBands);
-  ASSERT_EQ(c.unitCount, 2);
-  // Unit rectangles are relative to the job's corner.
-  VRect second = unitRectOf(c, 1);
-  EXPECT_EQ(second.top, 64);
-  EXPECT_EQ(second.bottom, 65);
-  EXPECT_EQ(second.left, 0);
-  EXPECT_EQ(second.right, 100);
-}
-
-TEST_F(JobPoolPlan, ColumnBandsColumnsAndRows) {
-  TileCursor c;
-  planTiles(&c, VRect{0, 0, 50, 130}, kTilingColumnBands);
-  EXPECT_EQ(c.unitCount, 3);
-  VRect last = unitRectOf(c, 2);
-  EXPECT_EQ(last.left, 128);
-  EXPECT_EQ(last.right, 130);
-  EXPECT_EQ(last.bottom, 50);
-  planTiles(&c, VRect{0, 0, 50, 130}, kTilingColumns);
-  EXPECT_EQ(c.unitCount, 130);
-  EXPECT_EQ(unitRectOf(c, 5).left, 5);
-  planTiles(&c, VRect{0, 0, 50, 130}, kTilingRows);
-  EXPECT_EQ(c.unitCount, 50);
-  EXPECT_EQ(unitRectOf(c, 5).top, 5);
-  EXPECT_EQ(unitRectOf(c, 5).right, 130);
+// Unit rectangles are relative to the job's corner; the last column and row
+// of units take what is left.
+TEST_F(JobPoolPlan, UnitCountsAndRectanglesOfEveryTiling) {
+  struct Case {
+    VRect job;
+    int32_t tiling, units, index;
+    VRect unit;
+  };
+  const Case cases[] = {
+      {{0, 0, 1000, 1000}, kTilingSquares, 64, 0, {0, 0, 128, 128}},
+      {{0, 0, 1000, 1000}, kTilingSquares, 64, 7, {0, 896, 128, 1000}},
+      {{0, 0, 1000, 1000}, kTilingSquares, 64, 63, {896, 896, 1000, 1000}},
+      {{10, 20, 74, 120}, kTilingRowBands, 1, 0, {0, 0, 64, 100}},
+      {{10, 20, 75, 120}, kTilingRowBands, 2, 1, {64, 0, 65, 100}},
+      {{0, 0, 50, 130}, kTilingColumnBands, 3, 2, {0, 128, 50, 130}},
+      {{0, 0, 50, 130}, kTilingColumns, 130, 5, {0, 5, 50, 6}},
+      {{0, 0, 50, 130}, kTilingRows, 50, 5, {5, 0, 6, 130}},
+  };
+  for (const Case& c : cases) {
+    TileCursor cursor;
+    planTiles(&cursor, c.job, c.tiling);
+    EXPECT_EQ(cursor.unitCount, c.units) << c.tiling;
+    const VRect r = unitRectOf(cursor, c.index);
+    EXPECT_TRUE(r.top == c.unit.top && r.left == c.unit.left && r.bottom == c.unit.bottom && r.right == c.unit.right)
+        << "tiling " << c.tiling << " unit " << c.index << ": " << r.top << "," << r.left << " " << r.bottom << ","
+        << r.right;
+  }
 }
 
 TEST_F(JobPoolPlan, ThreadCountFollowsProcessorsUnitsAndMode) {
@@ -191,24 +140,6 @@ TEST_F(JobPoolPlan, ThreadCountFollowsProcessorsUnitsAndMode) {
     runJob(kJobRender, kTilingSquares, makeJobRequest(0));
     EXPECT_EQ(currentThreadCount(), 1);
   }
-}
-
-TEST_F(JobPoolRun, RenderJobShowsEveryTileToTheHostOnce) {
-  prepareStores(300, 200);
-  runJob(kJobRender, kTilingSquares, makeJobRequest(0));
-  EXPECT_EQ(advanceCalls, 6);
-  EXPECT_EQ(cancelLatch, 0);
-  // Each tile once, whatever order the workers finished in.
-  std::vector<int> seen(6, 0);
-  for (const VRect& r : advancedRects) {
-    int index = (r.top / 128) * 3 + r.left / 128;
-    ASSERT_GE(index, 0);
-    ASSERT_LT(index, 6);
-    ++seen[size_t(index)];
-    EXPECT_LE(r.right - r.left, 128);
-  }
-  for (int n : seen) EXPECT_EQ(n, 1);
-  EXPECT_EQ(abortPolls, 6);
 }
 
 TEST_F(JobPoolRun, CancelStopsNewUnitsAndTheLatchHolds) {
@@ -228,16 +159,6 @@ TEST_F(JobPoolRun, CancelStopsNewUnitsAndTheLatchHolds) {
   runJob(kJobRender, kTilingSquares, makeJobRequest(0));
   EXPECT_EQ(advanceCalls, 2);
   EXPECT_EQ(cancelLatch, 1);
-}
-
-TEST_F(JobPoolRun, CancelWithSeveralWorkersLetsRunningUnitsFinish) {
-  prepareStores(1024, 1024);  // 64 units
-  abortFrom = 5;
-  runJob(kJobRender, kTilingSquares, makeJobRequest(0));
-  EXPECT_EQ(advanceCalls, 4);
-  // Every unit started was collected, the running ones included.
-  EXPECT_GE(abortPolls, 5);
-  EXPECT_LE(abortPolls, 4 + availableCpus());
 }
 
 TEST_F(JobPoolRun, MinusOneTwentyEightFromTheHostCancelsToo) {
@@ -294,34 +215,6 @@ TEST_F(JobPoolRun, StoreJobsGiveTheSameBytesOnOneAndAllProcessors) {
   std::vector<float> all = smoothedStore();
   ASSERT_FALSE(one.empty());
   EXPECT_EQ(memcmp(one.data(), all.data(), one.size() * sizeof(float)), 0);
-}
-
-TEST_F(JobPoolRun, ReducedLevelsAreTheSameOnOneAndAllProcessors) {
-  auto reduceOnce = [](int cpus) {
-    pinToCpus(cpus);
-    PixelStore* store = pixelStoreCreate(700, 300, kKindRgba8, 0, false);
-    EXPECT_NE(store, nullptr);
-    for (int32_t y = 0; y < 300; ++y)
-      for (int32_t x = 0; x < 700; ++x) {
-        int32_t c[4] = {(x * 7) & 255, (y * 3) & 255, (x ^ y) & 255, ((x + y) % 5) * 60};
-        writeU8x4(x, y, store, 0, c);
-      }
-    buildLevels(store, 0);
-    std::vector<int32_t> out;
-    for (int32_t level = 1; level <= store->topLevel; ++level)
-      for (int32_t y = 0; y < store->levelHeight[level]; ++y)
-        for (int32_t x = 0; x < store->levelWidth[level]; ++x) {
-          int32_t c[4];
-          readU8x4(x, y, store, level, c);
-          out.insert(out.end(), c, c + 4);
-        }
-    pixelStoreDestroy(&store);
-    return out;
-  };
-  std::vector<int32_t> one = reduceOnce(1);
-  std::vector<int32_t> all = reduceOnce(availableCpus());
-  EXPECT_FALSE(one.empty());
-  EXPECT_EQ(one, all);
 }
 
 // ---- failure roads ------------------------------------------------------------------------------

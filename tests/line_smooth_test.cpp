@@ -9,16 +9,11 @@
 
 #include "fill/line_smooth.h"
 #include "store/pixel_store.h"
+#include "tests/support/test_support.h"
 
 namespace {
 
-struct StoreHolder {
-  PixelStore* store;
-  StoreHolder(int32_t w, int32_t h, int32_t kind, bool bordered = false)
-      : store(pixelStoreCreate(w, h, kind, 0, bordered)) {}
-  ~StoreHolder() { pixelStoreDestroy(&store); }
-  PixelStore* operator->() const { return store; }
-};
+using testing_support::OwnedStore;
 
 struct ContextHolder {
   PassContext context;
@@ -57,17 +52,6 @@ TEST(BoxLineFloat, WorkedLines) {
       EXPECT_EQ(out[i], c.sums[i] * norm(c.back + c.forward + 1)) << c.back << "/" << c.forward << " at " << i;
   }
   EXPECT_NEAR(43.5f * norm(6), 7.25f, 1e-5f);
-}
-
-TEST(BoxLineFloat, NothingRunsWithoutAWindow) {
-  const float in[3] = {1, 2, 3};
-  float out[3] = {-7, -7, -7};
-  boxLineFloat(in, out, 0, 3, 0, 0);
-  boxLineFloat(in, out, 0, 3, -1, 2);
-  boxLineFloat(in, out, 0, 3, 2, -1);
-  boxLineFloat(nullptr, out, 0, 3, 1, 1);
-  boxLineFloat(in, out, 0, 0, 1, 1);
-  for (float v : out) EXPECT_EQ(v, -7.0f);
 }
 
 // ---- the integer boxes ----------------------------------------------------------------------------------
@@ -136,7 +120,7 @@ TEST(BoxLineInteger, WorkedLines) {
 // ---- lines of a store ---------------------------------------------------------------------------------
 
 TEST(CopyLine, RowsAndColumnsAcrossTiles) {
-  StoreHolder s(600, 530, kKindFloat);
+  OwnedStore s(600, 530, kKindFloat);
   for (int32_t y = 0; y < 530; ++y)
     for (int32_t x = 0; x < 600; ++x) writeFloat(x, y, s.store, 0, float(y * 1000 + x));
   std::vector<float> line(700, -1.0f);
@@ -154,29 +138,8 @@ TEST(CopyLine, RowsAndColumnsAcrossTiles) {
   EXPECT_EQ(readFloat(3, 7, s.store, 0), float(7003));
 }
 
-TEST(CopyLine, NothingForEmptyRangesAndOtherKinds) {
-  StoreHolder s(10, 10, kKindFloat);
-  float line[16];
-  for (float& v : line) v = -1.0f;
-  copyLine(s.store, 0, 3, 5, 5, line, false, false);
-  copyLine(s.store, 0, 3, 8, 2, line, false, false);
-  copyLine(s.store, 0, 3, 12, 20, line, false, false);  // starts past the width
-  copyLine(s.store, 0, 10, 0, 10, line, false, false);  // no such row
-  for (float v : line) EXPECT_EQ(v, -1.0f);
-
-  StoreHolder wide(10, 10, kKindRgbaFloat);
-  writeWord4(0, 0, wide.store, 0, std::vector<uint32_t>{1, 2, 3, 4}.data());
-  copyLine(wide.store, 0, 0, 0, 10, line, false, false);
-  for (float v : line) EXPECT_EQ(v, -1.0f);
-
-  StoreHolder raw(10, 10, kKindRaw16);
-  writeU16(0, 0, raw.store, 0, 77);
-  copyLine(raw.store, 0, 0, 0, 10, line, false, false);
-  for (float v : line) EXPECT_EQ(v, -1.0f);
-}
-
 TEST(CopyLine, SmallKindsMoveWholePixels) {
-  StoreHolder s(700, 3, kKindRgba16);
+  OwnedStore s(700, 3, kKindRgba16);
   for (int32_t x = 0; x < 700; ++x) {
     const int32_t v[4] = {x, x + 1, x + 2, 9};
     writeU16x4(x, 1, s.store, 0, v);
@@ -187,17 +150,6 @@ TEST(CopyLine, SmallKindsMoveWholePixels) {
     ASSERT_EQ(line[size_t(4 * x)], x);
     ASSERT_EQ(line[size_t(4 * x + 3)], 9);
   }
-}
-
-TEST(LineBuffer, SizedForTheLongestSide) {
-  StoreHolder s(300, 700, kKindFloat, true);  // the distance field's shape: a margin of one
-  ContextHolder c;
-  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
-  EXPECT_NE(c.context.lineBuffer, nullptr);
-  EXPECT_EQ(c.context.lineBufferBytes, 2 * (702 + 1) * 4);
-  freeLineBuffer(&c.context);
-  EXPECT_EQ(c.context.lineBuffer, nullptr);
-  freeLineBuffer(&c.context);  // harmless twice
 }
 
 // A store of kind 5 with random values, and the same values in a plain array.
@@ -219,7 +171,7 @@ struct FloatField {
 
 TEST(SmoothPasses, ABandTouchesOnlyItsOwnRows) {
   const int32_t w = 100, h = 150;
-  StoreHolder s(w, h, kKindFloat);
+  OwnedStore s(w, h, kKindFloat);
   FloatField field(w, h, 3);
   field.toStore(s.store);
   ContextHolder c;
@@ -237,7 +189,7 @@ TEST(SmoothPasses, ABandTouchesOnlyItsOwnRows) {
 }
 
 TEST(SmoothPasses, PartOfARowLeavesTheRestAlone) {
-  StoreHolder s(20, 2, kKindFloat);
+  OwnedStore s(20, 2, kKindFloat);
   for (int32_t x = 0; x < 20; ++x) writeFloat(x, 0, s.store, 0, float(x));
   ContextHolder c;
   ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
@@ -250,24 +202,8 @@ TEST(SmoothPasses, PartOfARowLeavesTheRestAlone) {
   EXPECT_EQ(readFloat(9, 0, s.store, 0), 26.0f * norm(3));  // 8 + 9 + 9
 }
 
-TEST(SmoothPasses, NoWindowLeavesTheStoreAsItIs) {
-  StoreHolder s(8, 8, kKindFloat);
-  for (int32_t y = 0; y < 8; ++y)
-    for (int32_t x = 0; x < 8; ++x) writeFloat(x, y, s.store, 0, float(x * y));
-  ContextHolder c;
-  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
-  filterRow(s.store, 3, &c.context, 0, 8, 0, 0, 0);
-  filterColumn(s.store, 3, &c.context, 0, 8, 0, 0, 0);
-  smoothLine(s.store, 3, &c.context, 0, 8, 0, -1, 2, false);
-  // A context without a buffer leaves the lines alone.
-  ContextHolder empty;
-  filterRow(s.store, 4, &empty.context, 0, 8, 0, 2, 3);
-  for (int32_t y = 0; y < 8; ++y)
-    for (int32_t x = 0; x < 8; ++x) ASSERT_EQ(readFloat(x, y, s.store, 0), float(x * y));
-}
-
 TEST(SmoothPasses, IntegerKindsThroughTheStore) {
-  StoreHolder s(6, 4, kKindRgba8);
+  OwnedStore s(6, 4, kKindRgba8);
   for (int32_t x = 0; x < 6; ++x) {
     const int32_t v[4] = {30 * x, 60, 255 - 30 * x, 7};
     writeU8x4(x, 2, s.store, 0, v);
@@ -289,7 +225,7 @@ TEST(SmoothPasses, IntegerKindsThroughTheStore) {
 }
 
 TEST(SmoothPasses, ColumnOfAOneRowStore) {
-  StoreHolder s(3, 1, kKindFloat);
+  OwnedStore s(3, 1, kKindFloat);
   writeFloat(1, 0, s.store, 0, 5.0f);
   ContextHolder c;
   ASSERT_TRUE(makeLineBuffer(&c.context, s.store));

@@ -7,74 +7,20 @@
 
 #include <math.h>
 #include <stdint.h>
-#include <stdlib.h>
 
 #include "grid/opaque_walk.h"
-#include "host/blocks.h"
-#include "host/plugin_main.h"
 #include "store/pixel_store.h"
+#include "tests/support/layer_world.h"
 
 namespace {
 
-// The stores a walk reads, hung from blocks of the test's own in hostContext.
-struct WalkWorld {
-  InstanceBlock* instance;
-  ParamBlock* params;
-  int32_t width;
-  int32_t height;
+using testing_support::LayerWorld;
 
-  WalkWorld(int32_t w, int32_t h) : width(w), height(h) {
-    instance = static_cast<InstanceBlock*>(calloc(1, sizeof(InstanceBlock)));
-    params = static_cast<ParamBlock*>(calloc(1, sizeof(ParamBlock)));
-    pixelStoreInit(&instance->sourceStore);
-    EXPECT_TRUE(pixelStoreBuild(&instance->sourceStore, w, h, kKindRgba8, 0, false));
-    params->opaqueStore = pixelStoreCreate(w, h, kKindGray8, 0, false);
-    params->distanceStore = pixelStoreCreate(w + 18, h + 18, kKindFloat, 0, true);
-    params->sampleRate = 1;
-    hostContext.instanceBlock = instance;
-    hostContext.paramBlock = params;
-  }
-  ~WalkWorld() {
-    pixelStoreDestroy(&params->opaqueStore);
-    pixelStoreDestroy(&params->distanceStore);
-    pixelStoreRelease(&instance->sourceStore);
-    hostContext.instanceBlock = nullptr;
-    hostContext.paramBlock = nullptr;
-    free(params);
-    free(instance);
-  }
-
-  PixelStore* source() { return &instance->sourceStore; }
-  PixelStore* opaque() { return params->opaqueStore; }
-  PixelStore* field() { return params->distanceStore; }
-
-  void setOpaque(int32_t x, int32_t y, int32_t value) { writeU8(x, y, opaque(), 0, value); }
-
-  // Columns from `edge` on solid, the others bare.
-  void solidFromColumn(int32_t edge) {
-    for (int32_t y = 0; y < height; ++y)
-      for (int32_t x = 0; x < width; ++x) setOpaque(x, y, x >= edge ? 255 : 0);
-  }
-
-  // The field value at every field cell (column fx, row fy, both including the margin).
-  template <class F>
-  void fillField(F f) {
-    PixelStore* s = field();
-    for (int32_t fy = 0; fy < s->levelHeight[0]; ++fy)
-      for (int32_t fx = 0; fx < s->levelWidth[0]; ++fx) writeFloat(fx, fy, s, 0, f(fx, fy));
-  }
-
-  // The field of a vertical edge before `edge`: the last bare column holds 0,
-  // each column further out one more, the solid ones -1, -2, ...: at source
-  // column x the value is edge - 1 - x, and field column fx is x + 9.
-  void edgeField(int32_t edge) {
-    fillField([edge](int32_t fx, int32_t) { return float(edge - 1 - (fx - kFieldMargin)); });
-  }
-  // The same edge along rows: solid from row `edge` down.
-  void edgeFieldRows(int32_t edge) {
-    fillField([edge](int32_t, int32_t fy) { return float(edge - 1 - (fy - kFieldMargin)); });
-  }
-};
+// Columns from `edge` on solid, the others bare.
+void solidFromColumn(LayerWorld& world, int32_t edge) {
+  for (int32_t y = 0; y < world.height; ++y)
+    for (int32_t x = 0; x < world.width; ++x) world.setOpaque(x, y, x >= edge ? 255 : 0);
+}
 
 // Runs one step or a whole walk on a 16 by 8 layer with a vertical edge and
 // checks where it ends.
@@ -88,9 +34,11 @@ struct WalkCase {
 void expectWalks(bool (*walk)(float, float, float*, float*), const WalkCase* cases, size_t count) {
   for (size_t i = 0; i < count; ++i) {
     const WalkCase& c = cases[i];
-    WalkWorld world(16, 8);
-    world.solidFromColumn(c.solidFrom);
-    world.edgeField(c.edge);
+    LayerWorld world(16, 8);
+    solidFromColumn(world, c.solidFrom);
+    // The last bare column before the edge holds 0, each column further out
+    // one more, the solid ones -1, -2, ...
+    world.fillField([&c](float x, float) { return float(c.edge - 1) - x; });
     float x, y;
     EXPECT_EQ(walk(c.x, c.y, &x, &y), c.result) << c.x << "," << c.y;
     EXPECT_EQ(x, c.ex) << c.x << "," << c.y;
@@ -115,7 +63,7 @@ TEST(PointToUnit, WorkedPoints) {
       {-1.0f, -1.0f, 1, 0, 0, 0.0f, 0.0f, -1.0f, -0.5f},
       {3.0f, 5.0f, 2, 1, 3, 0.5f, 1.75f, 0.0f, 1.25f},
   };
-  WalkWorld world(16, 8);
+  LayerWorld world(16, 8);
   for (const Case& c : cases) {
     float u, v, s, t;
     pointToUnit(c.x, c.y, c.rate, c.offsetH, c.offsetV, world.source(), &u, &v, &s, &t);
@@ -126,26 +74,10 @@ TEST(PointToUnit, WorkedPoints) {
   }
 }
 
-TEST(PointToUnit, IsSinglePrecisionThroughout) {
-  WalkWorld world(3, 7);
-  const PixelStore* store = world.source();
-  for (int32_t x = -1; x <= 3; ++x) {
-    float u, v, s, t;
-    pointToUnit(float(x), 0.0f, 1, 0, 0, store, &u, &v, &s, &t);
-    // (fx + 1 + fx) in floats, times the float half pixel, rounded once more.
-    volatile float fx = float(x) + 0.5f;
-    volatile float sum = fx + 1.0f + fx;
-    volatile float expected = sum * store->halfPixelU;
-    EXPECT_EQ(floatBits(u), floatBits(expected)) << x;
-    // The tall side is stretched by height / width.
-    EXPECT_EQ(floatBits(t), floatBits(float((v - 0.5f) * (7.0f / 3.0f))));
-  }
-}
-
 // ---- solid tests ----------------------------------------------------------------------------
 
 TEST(OpaqueAt, StrictlyAboveHalfNeverOutsideClampedToTheNearestEdge) {
-  WalkWorld world(8, 4);
+  LayerWorld world(8, 4);
   world.setOpaque(1, 1, 127);  // 0.498
   world.setOpaque(2, 1, 128);  // 0.502
   world.setOpaque(3, 1, 255);
@@ -192,10 +124,10 @@ TEST(WalkStep, WorkedSteps) {
 }
 
 TEST(WalkStep, StepsAlongRowsToo) {
-  WalkWorld world(4, 16);
+  LayerWorld world(4, 16);
   for (int32_t y = 0; y < 16; ++y)
     for (int32_t x = 0; x < 4; ++x) world.setOpaque(x, y, y >= 6 ? 255 : 0);
-  world.edgeFieldRows(6);
+  world.fillField([](float, float y) { return 5.0f - y; });
   float x, y;
   EXPECT_TRUE(walkStep(2.0f, 1.0f, &x, &y));  // y' = 2 * 6 - 1 - y
   EXPECT_EQ(x, 2.0f);
@@ -203,16 +135,16 @@ TEST(WalkStep, StepsAlongRowsToo) {
 }
 
 TEST(WalkStep, FlatOrSymmetricFieldGivesNaNAndNaNWalksOn) {
-  WalkWorld world(16, 8);
+  LayerWorld world(16, 8);
   float x, y, x2, y2;
-  world.fillField([](int32_t, int32_t) { return 3.0f; });
+  world.fillField([](float, float) { return 3.0f; });
   EXPECT_FALSE(walkStep(2.0f, 2.0f, &x, &y));
   EXPECT_TRUE(isnan(x) && isnan(y));
   // A NaN point walks on without touching an address: still NaN, never solid.
   EXPECT_FALSE(walkStep(x, y, &x2, &y2));
   EXPECT_TRUE(isnan(x2));
   // A ridge along column 6: the differences to both sides cancel at its top.
-  world.fillField([](int32_t fx, int32_t) { return 10.0f - fabsf(float(fx) - (6.0f + 9.0f - 0.5f)); });
+  world.fillField([](float x, float) { return 10.0f - fabsf(x - 5.5f); });
   EXPECT_FALSE(walkStep(6.0f, 3.0f, &x, &y));
   EXPECT_TRUE(isnan(x));
 }
@@ -238,10 +170,10 @@ TEST(NearestOpaque, WorkedWalks) {
 TEST(NearestOpaque, PointAtWidthFollowsTheOutsideRules) {
   // Solid only up to column 9 of 16; the field at source x is x - 10. Read at
   // 16 + 8.5 it is 5.5, gradient +x: x' = 16 - 11 = 5.
-  WalkWorld world(16, 4);
+  LayerWorld world(16, 4);
   for (int32_t y = 0; y < 4; ++y)
     for (int32_t x = 0; x < 16; ++x) world.setOpaque(x, y, x < 10 ? 255 : 0);
-  world.fillField([](int32_t fx, int32_t) { return float(fx - kFieldMargin - 10); });
+  world.fillField([](float x, float) { return x - 10.0f; });
   float x, y;
   EXPECT_TRUE(nearestOpaque(16.0f, 1.0f, &x, &y));
   EXPECT_EQ(x, 5.0f);
@@ -252,9 +184,9 @@ TEST(NearestOpaque, TwentyStepsAtMostEndingAtTheFirstArrival) {
   // pixels the walk stops after twenty steps near 14; with solid columns from
   // 12 it ends with the first step that reaches column 12.
   for (int32_t solidFrom : {64, 12}) {
-    WalkWorld world(64, 4);
-    world.solidFromColumn(solidFrom);
-    world.fillField([](int32_t fx, int32_t) { return 0.125f - float(fx) / 1024.0f; });
+    LayerWorld world(64, 4);
+    solidFromColumn(world, solidFrom);
+    world.fillField([](float x, float) { return 0.125f - (x + float(kFieldMargin)) / 1024.0f; });
     float x, y;
     EXPECT_TRUE(nearestOpaque(10.0f, 1.0f, &x, &y));
     float cx = 10.0f, cy = 1.0f;
@@ -272,14 +204,6 @@ TEST(NearestOpaque, TwentyStepsAtMostEndingAtTheFirstArrival) {
       EXPECT_LT(x, 12.25f);
     }
   }
-}
-
-TEST(NearestOpaque, FlatFieldWalkEndsAtNaN) {
-  WalkWorld world(8, 8);
-  world.fillField([](int32_t, int32_t) { return 9000000.0f; });
-  float x, y;
-  EXPECT_TRUE(nearestOpaque(3.0f, 4.0f, &x, &y));
-  EXPECT_TRUE(isnan(x) && isnan(y));
 }
 
 }  // namespace

@@ -13,15 +13,11 @@
 #include "host/blocks.h"
 #include "host/plugin_main.h"
 #include "store/pixel_store.h"
+#include "tests/support/test_support.h"
 
 namespace {
 
-struct StoreHolder {
-  PixelStore* store;
-  StoreHolder(int32_t w, int32_t h, int32_t kind) : store(pixelStoreCreate(w, h, kind, 0, false)) {}
-  ~StoreHolder() { pixelStoreDestroy(&store); }
-  PixelStore* operator->() const { return store; }
-};
+using testing_support::OwnedStore;
 
 VRect wholeLevel(const PixelStore* store, int32_t level) { return levelRect(store, level); }
 
@@ -107,7 +103,7 @@ TEST(ReduceFlat, FlatLevelsComeOutAsTheKernelScaleLeavesThem) {
       {12, 12, kKindRgba16, {32768, 20000, 0, 1}, {32768, 20122, 0, 1}},
   };
   for (const Case& c : cases) {
-    StoreHolder s(c.w, c.h, c.kind);
+    OwnedStore s(c.w, c.h, c.kind);
     fillU8x4(s.store, 0, [&](int32_t, int32_t, int32_t* v) { memcpy(v, c.in, sizeof c.in); });
     reduceLevelUnit(s.store, 0, wholeLevel(s.store, 1));
     if (c.w == 10) {
@@ -125,7 +121,7 @@ TEST(ReduceFlat, FlatLevelsComeOutAsTheKernelScaleLeavesThem) {
 }
 
 TEST(ReduceFlat, FloatHalfStaysHalfAndTheRangeIsClamped) {
-  StoreHolder s(8, 8, kKindRgbaFloat);
+  OwnedStore s(8, 8, kKindRgbaFloat);
   fillFloat4(s.store, 0, [](int32_t, int32_t, float* v) {
     v[0] = 0.5f;
     v[1] = 100000.0f;
@@ -159,7 +155,7 @@ TEST(ReduceKernel, FourByFourByHand) {
   //   (0, 1): 160 + 9090 + 62280 + 111610 = 183140, / 1630 = 112.4
   //   (1, 1): 340 + 11970 + 73800 + 126190 = 212300, / 1630 = 130.2
   // Channel 1 is 255 minus channel 0: 418200 less those sums.
-  StoreHolder s(4, 4, kKindRgba8);
+  OwnedStore s(4, 4, kKindRgba8);
   fillU8x4(s.store, 0, [](int32_t x, int32_t y, int32_t* v) {
     v[0] = 10 * (4 * y + x + 1);
     v[1] = 255 - v[0];
@@ -182,7 +178,7 @@ TEST(ReduceKernel, FourByFourByHand) {
 
 TEST(ReduceKernel, TwoByTwoGoesToOnePixelWithAQuarterEach) {
   // Every tap is a clamped read of the four pixels, each of which gathers 410.
-  StoreHolder s(2, 2, kKindRgba16);
+  OwnedStore s(2, 2, kKindRgba16);
   ASSERT_EQ(s->topLevel, 1);
   const int32_t values[2][2] = {{1000, 2000}, {3000, 4000}};
   fillU8x4(s.store, 0, [&](int32_t x, int32_t y, int32_t* v) {
@@ -201,7 +197,7 @@ TEST(ReduceKernel, FloatSumsKeepTheTableOrder) {
   // One huge value among small ones: added in the table's order, the small
   // terms before it survive, the ones after it are absorbed. Destination (0, 0)
   // of a 4 x 4 level reads source (0, 0) first (tap (-1, -2)).
-  StoreHolder s(4, 4, kKindFloat);
+  OwnedStore s(4, 4, kKindFloat);
   for (int32_t y = 0; y < 4; ++y)
     for (int32_t x = 0; x < 4; ++x) writeFloat(x, y, s.store, 0, 1.0f);
   writeFloat(3, 3, s.store, 0, 3.0e7f);
@@ -217,7 +213,7 @@ TEST(ReduceKernel, FloatSumsKeepTheTableOrder) {
 TEST(ReduceEdges, OddWidthRepeatsTheLastColumn) {
   // 5 x 3 gives 4 x 2 (3 is odd, so 4): destination column 3 reads source
   // columns 6..9, all clamped to column 4, so it reduces that column alone.
-  StoreHolder s(5, 3, kKindRgba8);
+  OwnedStore s(5, 3, kKindRgba8);
   ASSERT_EQ(s->levelWidth[1], 4);
   ASSERT_EQ(s->levelHeight[1], 2);
   fillU8x4(s.store, 0, [](int32_t x, int32_t y, int32_t* v) {
@@ -240,25 +236,10 @@ TEST(ReduceEdges, OddWidthRepeatsTheLastColumn) {
   EXPECT_EQ(v[1], 6);
 }
 
-TEST(ReduceEdges, EmptyRectWritesNothing) {
-  StoreHolder s(16, 16, kKindRgba8);
-  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 99; });
-  VRect empty = {3, 3, 3, 7};
-  reduceLevelUnit(s.store, 0, empty);
-  VRect inverted = {5, 6, 2, 1};
-  reduceLevelUnit(s.store, 0, inverted);
-  for (int32_t y = 0; y < 8; ++y)
-    for (int32_t x = 0; x < 8; ++x) {
-      int32_t v[4];
-      readU8x4(x, y, s.store, 1, v);
-      ASSERT_EQ(v[0], 0);
-    }
-}
-
 TEST(ReduceEdges, RectIsClippedToTheLevelAbove) {
   // A rect far past the level: only the level's own pixels are written, and
   // the tile memory past its width stays zero.
-  StoreHolder s(20, 10, kKindRgba8);
+  OwnedStore s(20, 10, kKindRgba8);
   fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 200; });
   VRect wide = {-40, -40, 400, 400};
   reduceLevelUnit(s.store, 0, wide);
@@ -278,7 +259,7 @@ TEST(ReduceEdges, RectIsClippedToTheLevelAbove) {
 }
 
 TEST(ReduceEdges, TopLevelHasNothingAbove) {
-  StoreHolder s(2, 2, kKindRgba8);
+  OwnedStore s(2, 2, kKindRgba8);
   fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 50; });
   fillU8x4(s.store, 1, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 7; });
   reduceLevelUnit(s.store, 1, wholeLevel(s.store, 1));  // level 2 does not exist
@@ -292,8 +273,8 @@ TEST(ReduceEdges, TopLevelHasNothingAbove) {
 class ReduceKinds : public ::testing::TestWithParam<int32_t> {};
 
 TEST_P(ReduceKinds, UnitsGiveTheSameLevelAsTheWhole) {
-  StoreHolder whole(1100, 70, GetParam());
-  StoreHolder parts(1100, 70, GetParam());
+  OwnedStore whole(1100, 70, GetParam());
+  OwnedStore parts(1100, 70, GetParam());
   fillRandom(whole.store, 5);
   fillRandom(parts.store, 5);
   reduceLevelUnit(whole.store, 0, wholeLevel(whole.store, 1));
@@ -322,7 +303,7 @@ INSTANTIATE_TEST_SUITE_P(AllKinds, ReduceKinds,
                                            kKindFloat));
 
 TEST(ReduceKinds, SignedThreeChannelBlockMean) {
-  StoreHolder s(4, 2, kKindSigned16x3);
+  OwnedStore s(4, 2, kKindSigned16x3);
   const int32_t a[3] = {100, -100, 400};
   const int32_t b[3] = {101, -103, 401};
   writeI16x3(0, 0, s.store, 0, a);
@@ -338,8 +319,8 @@ TEST(ReduceKinds, SignedThreeChannelBlockMean) {
 }
 
 TEST(ReduceWeighted, ReducesWithTheFixedKernel) {
-  StoreHolder a(30, 20, kKindRgba8);
-  StoreHolder b(30, 20, kKindRgba8);
+  OwnedStore a(30, 20, kKindRgba8);
+  OwnedStore b(30, 20, kKindRgba8);
   fillRandom(a.store, 3);
   fillRandom(b.store, 3);
   reduceLevelUnit(a.store, 0, wholeLevel(a.store, 1));
@@ -351,34 +332,12 @@ TEST(ReduceWeighted, ReducesWithTheFixedKernel) {
 
 // ---- the level pass through the pool ---------------------------------------------------------------------
 
-// A host record, a ParamBlock and a result word of our own: the pool polls the
-// record for cancel between units.
-struct BuildLevels : ::testing::Test {
-  FilterRecord record;
-  ParamBlock params;
-  int16_t result = 0;
-
-  void SetUp() override {
-    memset(&record, 0, sizeof(record));
-    memset(&params, 0, sizeof(params));
-    params.runStage = kRunStageWhole;
-    params.progressDone = -1;  // no progress reports
-    hostContext.filterRecord = &record;
-    hostContext.paramBlock = &params;
-    hostContext.instanceBlock = nullptr;
-    hostContext.resultWord = &result;
-  }
-  void TearDown() override {
-    hostContext.filterRecord = nullptr;
-    hostContext.paramBlock = nullptr;
-    hostContext.resultWord = nullptr;
-  }
-};
+using BuildLevels = testing_support::EngineFixture;
 
 TEST_F(BuildLevels, EveryLevelFromTheOneBelow) {
   // 300 x 170 cuts level 1 (150 x 86) into four units of up to 128 x 128.
-  StoreHolder pooled(300, 170, kKindRgba8);
-  StoreHolder direct(300, 170, kKindRgba8);
+  OwnedStore pooled(300, 170, kKindRgba8);
+  OwnedStore direct(300, 170, kKindRgba8);
   fillRandom(pooled.store, 21);
   fillRandom(direct.store, 21);
   pooled->loadState = 1;
@@ -394,21 +353,8 @@ TEST_F(BuildLevels, EveryLevelFromTheOneBelow) {
             << "level " << level << " (" << x << ", " << y << ")";
 }
 
-TEST_F(BuildLevels, FlatImageBrightensOneStepPerLevel) {
-  // 200 -> 201 -> 202 (201 * 1640 / 1630 = 202.2) -> 203 (203.2) ...
-  StoreHolder s(16, 16, kKindRgba8);
-  fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 200; });
-  buildLevels(s.store, 0);
-  ASSERT_EQ(s->topLevel, 4);
-  for (int32_t level = 1; level <= 4; ++level) {
-    int32_t v[4];
-    readU8x4(0, 0, s.store, level, v);
-    EXPECT_EQ(v[0], 200 + level) << level;
-  }
-}
-
 TEST_F(BuildLevels, OneLevelStore) {
-  StoreHolder s(1, 1, kKindRgbaFloat);
+  OwnedStore s(1, 1, kKindRgbaFloat);
   ASSERT_EQ(s->topLevel, 1);
   fillFloat4(s.store, 0, [](int32_t, int32_t, float* v) { v[0] = v[1] = v[2] = v[3] = 0.25f; });
   buildLevels(s.store, 0);
@@ -417,7 +363,7 @@ TEST_F(BuildLevels, OneLevelStore) {
 }
 
 TEST_F(BuildLevels, FromALaterLevelLeavesTheLowerOnesAlone) {
-  StoreHolder s(16, 16, kKindRgba8);
+  OwnedStore s(16, 16, kKindRgba8);
   fillU8x4(s.store, 0, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 200; });
   fillU8x4(s.store, 1, [](int32_t, int32_t, int32_t* v) { v[0] = v[1] = v[2] = v[3] = 100; });
   buildLevels(s.store, 1);

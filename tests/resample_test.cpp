@@ -12,18 +12,13 @@
 #include <vector>
 
 #include "store/pixel_store.h"
+#include "tests/support/test_support.h"
 #include "store/resample.h"
 #include "store/resample_table.h"
 
 namespace {
 
-struct OwnedStore {
-  PixelStore* store;
-  OwnedStore(int32_t w, int32_t h, int32_t kind, int32_t edgeMode = 0)
-      : store(pixelStoreCreate(w, h, kind, edgeMode, false)) {}
-  ~OwnedStore() { pixelStoreDestroy(&store); }
-  PixelStore* operator->() const { return store; }
-};
+using testing_support::OwnedStore;
 
 uint32_t hashPoint(int32_t x, int32_t y, uint32_t salt) {
   uint32_t h = uint32_t(x) * 0x9e3779b1u ^ (uint32_t(y) + salt) * 0x85ebca77u;
@@ -149,17 +144,6 @@ TEST_F(KernelTable, TellingRowsMatch) {
   EXPECT_EQ(table.weights[0][0], 0.0f);
 }
 
-TEST(Lanczos, BaseFunction) {
-  EXPECT_EQ(lanczos2(0.0), 1.0);
-  EXPECT_EQ(lanczos2(2.0), 0.0);
-  EXPECT_EQ(lanczos2(-2.0), 0.0);
-  EXPECT_EQ(lanczos2(-7.5), 0.0);
-  EXPECT_NEAR(lanczos2(0.5), (1.0 / (3.141592653 / 2)) * (sin(3.141592653 / 4) / (3.141592653 / 4)), 1e-15);
-  EXPECT_NEAR(lanczos2(1.0), 0.0, 1e-9);  // the truncated pi leaves a trace
-  EXPECT_NE(lanczos2(1.0), 0.0);
-  EXPECT_EQ(lanczos2(1.3), lanczos2(-1.3));
-}
-
 // ---- flat areas ----------------------------------------------------------------------------------------
 
 // Positions of phase 0 that take each road: inside one tile, across a tile
@@ -202,20 +186,6 @@ TEST(FlatArea, IntegerKindsReturnTheValueExactlyEverywhere) {
         ASSERT_EQ(filterScalar<kKindGray8>(g8.store, 0, x, y), 200.0f);
         ASSERT_EQ(filterScalar<kKindGray16>(g16.store, 0, x, y), 1.0f);
       }
-    }
-  }
-}
-
-TEST(FlatArea, EveryPhasePairOfTheEightBitKernelGivesTwoHundred) {
-  OwnedStore s(64, 64, kKindRgba8);
-  const double v[4] = {200.0 / 255, 200.0 / 255, 200.0 / 255, 200.0 / 255};
-  fillFlat(s.store, 0, v);
-  for (int px = 0; px < 128; ++px) {
-    for (int py = 0; py < 128; ++py) {
-      float out[4];
-      filterPixel<kKindRgba8>(s.store, 0, 30.0f + px / 128.0f, 30.0f + py / 128.0f, &out[0], &out[1], &out[2],
-                              &out[3]);
-      ASSERT_EQ(out[0], 200.0f) << px << "," << py;
     }
   }
 }
@@ -453,15 +423,6 @@ TEST(UnitEntries, ScaledByValueToUnit) {
   EXPECT_EQ(out[0], 255.0f * float(1.0 / 255.0));
   EXPECT_EQ(out[1], 0.0f);
   EXPECT_EQ(out[2], 51.0f * float(1.0 / 255.0));
-
-  OwnedStore q(100, 80, kKindRgba16);
-  fillRandom(q.store, 2);
-  float at[4];
-  float direct[4];
-  filterUnitPixelAt(q.store, 1, 0.0f, 13.5f, 20.0f, at);
-  filterUnitPixel(q.store, 1, 0.0f, (13.5f + 0.5f) * q->invInnerWidth[1], (20.0f + 0.5f) * q->invInnerHeight[1],
-                  direct);
-  for (int c = 0; c < 4; ++c) EXPECT_EQ(at[c], direct[c]);
 }
 
 TEST(UnitEntries, BilinearNeighbours) {

@@ -1,8 +1,8 @@
 // The sample grid and the pixel sampling of a render unit: the grid's shape
 // and index arithmetic, the cells after the fill (keys, starts, landing
 // points), the identity map where the layer is solid, independence from the
-// partition into units, NaN points, the missing cell array, and the small
-// helpers (key hash, averages, the no-hit colour).
+// partition into units, NaN points, the missing cell array, the corner
+// averages, and the row loop against the sampler's whole road.
 #include <gtest/gtest.h>
 
 #include <math.h>
@@ -23,96 +23,54 @@
 #include "store/footprint.h"
 #include "store/pixel_store.h"
 #include "store/resample.h"
+#include "tests/support/layer_world.h"
 
 namespace {
 
-// A layer of kind 3 with its solid map and distance field, hung from blocks of
-// the test's own in hostContext, as a run has them during the render.
-struct RenderWorld {
-  InstanceBlock* instance;
-  ParamBlock* params;
-  int32_t width;
-  int32_t height;
+using testing_support::LayerWorld;
 
-  RenderWorld(int32_t w, int32_t h) : width(w), height(h) {
-    instance = static_cast<InstanceBlock*>(calloc(1, sizeof(InstanceBlock)));
-    params = static_cast<ParamBlock*>(calloc(1, sizeof(ParamBlock)));
-    pixelStoreInit(&instance->sourceStore);
-    EXPECT_TRUE(pixelStoreBuild(&instance->sourceStore, w, h, kKindRgba8, 0, false));
-    params->opaqueStore = pixelStoreCreate(w, h, kKindGray8, 0, false);
-    params->distanceStore = pixelStoreCreate(w + 18, h + 18, kKindFloat, 0, true);
-    params->sampleRate = 1;
-    instance->runCols = w;
-    instance->runRows = h;
-    instance->wholeFilterRect = VRect{0, 0, h, w};
-    instance->workerCount = 1;
-    hostContext.instanceBlock = instance;
-    hostContext.paramBlock = params;
-  }
-  ~RenderWorld() {
-    pixelStoreDestroy(&params->opaqueStore);
-    pixelStoreDestroy(&params->distanceStore);
-    pixelStoreRelease(&instance->sourceStore);
-    hostContext.instanceBlock = nullptr;
-    hostContext.paramBlock = nullptr;
-    free(params);
-    free(instance);
-  }
+// Colours at every level; alpha as given at level 0.
+template <class F>
+void paint(LayerWorld& world, F colourAt) {
+  PixelStore* s = world.source();
+  for (int32_t level = 0; level <= s->topLevel; ++level)
+    for (int32_t y = 0; y < s->levelHeight[level]; ++y)
+      for (int32_t x = 0; x < s->levelWidth[level]; ++x) {
+        int32_t c[4];
+        colourAt(x, y, level, c);
+        writeU8x4(x, y, s, level, c);
+      }
+}
 
-  PixelStore* source() { return &instance->sourceStore; }
+void patterned(LayerWorld& world, int32_t alpha) {
+  paint(world, [alpha](int32_t x, int32_t y, int32_t level, int32_t c[4]) {
+    c[0] = (x * 37 + y * 11 + level * 50) & 255;
+    c[1] = (x * 5 + y * 71) & 255;
+    c[2] = (x * y * 3 + 17) & 255;
+    c[3] = alpha;
+  });
+}
 
-  // Colours at every level; alpha as given at level 0.
-  template <class F>
-  void paint(F colourAt) {
-    PixelStore* s = source();
-    for (int32_t level = 0; level <= s->topLevel; ++level)
-      for (int32_t y = 0; y < s->levelHeight[level]; ++y)
-        for (int32_t x = 0; x < s->levelWidth[level]; ++x) {
-          int32_t c[4];
-          colourAt(x, y, level, c);
-          writeU8x4(x, y, s, level, c);
-        }
-  }
+void allSolid(LayerWorld& world) {
+  for (int32_t y = 0; y < world.height; ++y)
+    for (int32_t x = 0; x < world.width; ++x) world.setOpaque(x, y, 255);
+  world.fillField([](float, float) { return -9000000.0f; });
+}
 
-  void patterned(int32_t alpha) {
-    paint([alpha](int32_t x, int32_t y, int32_t level, int32_t c[4]) {
-      c[0] = (x * 37 + y * 11 + level * 50) & 255;
-      c[1] = (x * 5 + y * 71) & 255;
-      c[2] = (x * y * 3 + 17) & 255;
-      c[3] = alpha;
-    });
-  }
-
-  void allSolid() {
-    for (int32_t y = 0; y < height; ++y)
-      for (int32_t x = 0; x < width; ++x) writeU8(x, y, params->opaqueStore, 0, 255);
-    fillField([](float, float) { return -9000000.0f; });
-  }
-
-  // Solid inside the rectangle [x0, x1) x [y0, y1), bare elsewhere, with a
-  // distance field of that rectangle: 0 in the bare pixels next to it.
-  void solidRect(int32_t x0, int32_t y0, int32_t x1, int32_t y1) {
-    for (int32_t y = 0; y < height; ++y)
-      for (int32_t x = 0; x < width; ++x)
-        writeU8(x, y, params->opaqueStore, 0, (x >= x0 && x < x1 && y >= y0 && y < y1) ? 255 : 0);
-    fillField([=](float sx, float sy) {
-      float dx = fmaxf(fmaxf(float(x0) - sx, sx - float(x1 - 1)), 0.0f);
-      float dy = fmaxf(fmaxf(float(y0) - sy, sy - float(y1 - 1)), 0.0f);
-      if (dx > 0.0f || dy > 0.0f) return sqrtf(dx * dx + dy * dy) - 1.0f;
-      float in = fminf(fminf(sx - float(x0), float(x1 - 1) - sx), fminf(sy - float(y0), float(y1 - 1) - sy));
-      return -(in + 1.0f);
-    });
-  }
-
-  // f(source x, source y) at every cell of the field, margin included.
-  template <class F>
-  void fillField(F f) {
-    PixelStore* s = params->distanceStore;
-    for (int32_t fy = 0; fy < s->levelHeight[0]; ++fy)
-      for (int32_t fx = 0; fx < s->levelWidth[0]; ++fx)
-        writeFloat(fx, fy, s, 0, f(float(fx - kFieldMargin), float(fy - kFieldMargin)));
-  }
-};
+// Solid inside the rectangle [x0, x1) x [y0, y1), bare elsewhere, with a
+// distance field of that rectangle: 0 in the bare pixels next to it.
+void solidRect(LayerWorld& world, int32_t x0, int32_t y0, int32_t x1, int32_t y1) {
+  for (int32_t y = 0; y < world.height; ++y)
+    for (int32_t x = 0; x < world.width; ++x)
+      world.setOpaque(x, y, (x >= x0 && x < x1 && y >= y0 && y < y1) ? 255 : 0);
+  world.fillField([=](float sx, float sy) {
+    float dx = fmaxf(fmaxf(float(x0) - sx, sx - float(x1 - 1)), 0.0f);
+    float dy = fmaxf(fmaxf(float(y0) - sy, sy - float(y1 - 1)), 0.0f);
+    if (dx > 0.0f || dy > 0.0f) return sqrtf(dx * dx + dy * dy) - 1.0f;
+    float in = fminf(fminf(sx - float(x0), float(x1 - 1) - sx), fminf(sy - float(y0), float(y1 - 1) - sy));
+    return -(in + 1.0f);
+  });
+}
 
 // One render unit of the given rectangle, with its grid and cell array.
 struct TestUnit {
@@ -149,7 +107,7 @@ void expectColour(const float* c, float r, float g, float b, float a) {
 // ---- the grid's shape ------------------------------------------------------------------------------
 
 TEST(SampleGrid, CellsRunFromTheCornerBeforeTheRectangleAndNullPastThem) {
-  RenderWorld world(16, 16);
+  LayerWorld world(16, 16);
   TestUnit one(VRect{4, 2, 5, 3});
   EXPECT_EQ(gridsPerUnit(), 1);
   EXPECT_EQ(one.unit->cursor.gridCols, 3);
@@ -176,30 +134,9 @@ TEST(SampleGrid, CellsRunFromTheCornerBeforeTheRectangleAndNullPastThem) {
 
 // ---- the cells --------------------------------------------------------------------------------------
 
-TEST(FillCells, EveryCellHoldsTheSameKeys) {
-  RenderWorld world(12, 10);
-  world.solidRect(3, 2, 8, 7);
-  TestUnit t(VRect{0, 0, 10, 12});
-  renderUnit(t.unit);
-  const int32_t cells = t.unit->cursor.gridCols * t.unit->cursor.gridRows;
-  EXPECT_EQ(cells, 14 * 12);
-  for (int32_t i = 0; i < cells; ++i) {
-    const SampleCell& c = t.grid->cells[i];
-    EXPECT_EQ(c.keyA, -7) << i;
-    EXPECT_EQ(c.keyB, 2) << i;
-    EXPECT_EQ(c.keyC, 0) << i;
-    EXPECT_EQ(c.noHit, 0) << i;
-    EXPECT_EQ(c.spanA, 0) << i;
-    EXPECT_EQ(c.spanB, 0) << i;
-    EXPECT_EQ(c.rawU, c.startU) << i;
-    EXPECT_EQ(c.rawV, c.startV) << i;
-  }
-  EXPECT_EQ(keyHash(-7, 2, 0), 185);
-}
-
 TEST(FillCells, StartIsTheCornerAndLandingIsTheWalk) {
-  RenderWorld world(16, 6);
-  world.solidRect(5, 0, 16, 6);  // a straight edge before column 5
+  LayerWorld world(16, 6);
+  solidRect(world, 5, 0, 16, 6);  // a straight edge before column 5
   TestUnit t(VRect{0, 0, 6, 16});
   // The grid as renderUnit prepares it, by hand.
   t.grid->store = world.source();
@@ -241,8 +178,8 @@ TEST(FillCells, StartIsTheCornerAndLandingIsTheWalk) {
 }
 
 TEST(FillCells, RateAndShiftComeFromTheParameterBlock) {
-  RenderWorld world(8, 8);
-  world.allSolid();
+  LayerWorld world(8, 8);
+  allSolid(world);
   world.params->tileShiftH = 3;
   world.params->tileShiftV = 1;
   TestUnit t(VRect{2, 2, 4, 4});
@@ -259,28 +196,12 @@ TEST(FillCells, RateAndShiftComeFromTheParameterBlock) {
 
 // ---- render units ------------------------------------------------------------------------------------
 
-TEST(RenderUnit, FlatSolidLayerCopiesItsColourExactly) {
-  RenderWorld world(20, 12);
-  world.paint([](int32_t, int32_t, int32_t, int32_t c[4]) {
-    c[0] = 200;
-    c[1] = 17;
-    c[2] = 255;
-    c[3] = 255;
-  });
-  world.allSolid();
-  TestUnit t(VRect{0, 0, 12, 20});
-  renderUnit(t.unit);
-  const float k = world.source()->valueToUnit;
-  for (int32_t y = 0; y < 12; ++y)
-    for (int32_t x = 0; x < 20; ++x) expectColour(t.cell(x, y)->colour, 200.0f * k, 17.0f * k, 255.0f * k, 1.0f);
-}
-
 TEST(RenderUnit, SolidLayerMapIsTheIdentity) {
   // Every corner lands on itself, every pixel is read at its centre at level
   // 0, and the source's alpha is replaced by 1.
-  RenderWorld world(24, 18);
-  world.patterned(90);
-  world.allSolid();
+  LayerWorld world(24, 18);
+  patterned(world, 90);
+  allSolid(world);
   TestUnit t(VRect{5, 3, 18, 24});
   renderUnit(t.unit);
   for (int32_t y = 4; y <= 18; ++y)
@@ -308,9 +229,9 @@ TEST(RenderUnit, SolidLayerMapIsTheIdentity) {
 }
 
 TEST(RenderUnit, ColoursDoNotDependOnThePartition) {
-  RenderWorld world(21, 15);
-  world.patterned(255);
-  world.solidRect(6, 4, 14, 10);
+  LayerWorld world(21, 15);
+  patterned(world, 255);
+  solidRect(world, 6, 4, 14, 10);
   TestUnit whole(VRect{0, 0, 15, 21});
   renderUnit(whole.unit);
   const VRect parts[] = {VRect{0, 0, 7, 9}, VRect{0, 9, 7, 21}, VRect{7, 0, 15, 9}, VRect{7, 9, 15, 21}};
@@ -335,8 +256,8 @@ TEST(RenderUnit, ColoursDoNotDependOnThePartition) {
 TEST(RenderUnit, BareLayerWithFlatFieldGivesBlackOpaque) {
   // No solid pixel and no gradient: every walk ends at NaN, the footprint
   // gives zero colour, and the window makes it opaque.
-  RenderWorld world(9, 7);
-  world.patterned(0);
+  LayerWorld world(9, 7);
+  patterned(world, 0);
   world.fillField([](float, float) { return 9000000.0f; });
   TestUnit t(VRect{0, 0, 7, 9});
   renderUnit(t.unit);
@@ -345,23 +266,9 @@ TEST(RenderUnit, BareLayerWithFlatFieldGivesBlackOpaque) {
     for (int32_t x = 0; x < 9; ++x) expectColour(t.cell(x, y)->colour, 0.0f, 0.0f, 0.0f, 1.0f);
 }
 
-TEST(RenderUnit, MissingCellOrGridArrayEndsTheUnitUntouched) {
-  RenderWorld world(8, 8);
-  world.allSolid();
-  TestUnit t(VRect{0, 0, 8, 8}, false);
-  t.grid->cells = nullptr;
-  renderUnit(t.unit);
-  EXPECT_EQ(t.grid->cells, nullptr);
-  EXPECT_EQ(t.cell(3, 3), nullptr);
-  world.instance->workerCount = 7;
-  t.unit->grids = nullptr;
-  renderUnit(t.unit);
-  EXPECT_EQ(world.instance->workerCount, 7);
-}
-
 TEST(RenderUnit, GridIsPreparedFromTheBlocks) {
-  RenderWorld world(40, 10);
-  world.allSolid();
+  LayerWorld world(40, 10);
+  allSolid(world);
   world.instance->scratch[0] = &world;  // any address: the grid only carries it
   TestUnit t(VRect{2, 8, 6, 20});
   t.grid->state.maxProbes = 3;
@@ -371,52 +278,9 @@ TEST(RenderUnit, GridIsPreparedFromTheBlocks) {
   EXPECT_EQ(t.grid->scratchBlock, static_cast<void*>(&world));
   EXPECT_EQ(t.grid->state.maxProbes, 20);
   EXPECT_FALSE(t.grid->state.fixedLod);
-  EXPECT_EQ(t.grid->imageMetrics[0], 40.0f);
-  EXPECT_EQ(t.grid->imageMetrics[1], 10.0f);
-  EXPECT_EQ(t.grid->imageMetrics[2], 0.25f);
-  EXPECT_EQ(t.grid->imageMetrics[6], 1.0f / 40.0f);
-  // The outer corners (left - 1, top - 1) and (right, bottom) of the grid.
-  EXPECT_FLOAT_EQ(t.grid->bandMinU, 8.0f / 40.0f);
-  EXPECT_FLOAT_EQ(t.grid->bandMinV, 2.0f / 10.0f);
-  EXPECT_FLOAT_EQ(t.grid->bandMaxU, 21.0f / 40.0f);
-  EXPECT_FLOAT_EQ(t.grid->bandMaxV, 7.0f / 10.0f);
 }
 
 // ---- pixel sampling ------------------------------------------------------------------------------------
-
-TEST(PixelSampling, NoHitCellShowsMagenta) {
-  RenderWorld world(8, 8);
-  world.patterned(255);
-  world.allSolid();
-  TestUnit t(VRect{0, 0, 8, 8});
-  renderUnit(t.unit);
-  t.cell(3, 4)->keyA = -5;
-  samplePixels(t.unit);
-  expectColour(t.cell(3, 4)->colour, 1.0f, 0.0f, 1.0f, 1.0f);
-  EXPECT_TRUE(cellMissed(*t.cell(3, 4)));
-  EXPECT_FALSE(cellMissed(*t.cell(3, 3)));
-  // Its neighbours are read as usual.
-  EXPECT_NE(t.cell(4, 4)->colour[1], 0.0f);
-}
-
-TEST(PixelSampling, SampleRecordAfterOnePixel) {
-  RenderWorld world(8, 8);
-  world.patterned(255);
-  world.allSolid();
-  TestUnit t(VRect{0, 0, 8, 8});
-  renderUnit(t.unit);
-  PixelSample sample;
-  memset(&sample, 0x55, sizeof sample);
-  samplePixel(kDefaultSharpness, world.source(), 2, 5, t.grid, kSamplerMode, 1, sample, t.unit);
-  EXPECT_EQ(sample.cornerFlags, 0);
-  EXPECT_EQ(sample.sampleCount, 1);
-  EXPECT_EQ(sample.cornerPattern, 0);
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(sample.hash[i], 185);
-    EXPECT_EQ(sample.keyA[i], -7);
-  }
-  for (int c = 0; c < 4; ++c) EXPECT_EQ(sample.resultColour[c], t.cell(2, 5)->colour[c]);
-}
 
 TEST(PixelSampling, AveragesSkipMissingCornersUseDoubleAndWrap) {
   // Mode 0 plain; averageV wraps on the circle under mode 1 only, averageU
@@ -439,13 +303,6 @@ TEST(PixelSampling, AveragesSkipMissingCornersUseDoubleAndWrap) {
   }
 }
 
-TEST(PixelSampling, KeyHashOfOtherKeys) {
-  EXPECT_EQ(keyHash(0, 0, 0), 0);
-  EXPECT_EQ(keyHash(1, 0, 0), 311);
-  EXPECT_EQ(keyHash(0, 1, 1), 1181 + 2099);
-  EXPECT_EQ(keyHash(-5, 2, 0), -5 * 311 + 2 * 1181);
-}
-
 }  // namespace
 
 // ---- the row loop against the sampler's whole road ------------------------------------------------------
@@ -454,9 +311,9 @@ TEST(SamplePixels, EveryPixelAsTheSamplersWholeRoadGivesIt) {
   // A layer with walks, seams and elongated footprints; then cells edited so
   // that some corners are missing (-1.0), NaN, without a hit, or of another
   // key. The row loop must give each pixel the colour that samplePixel gives.
-  RenderWorld world(40, 30);
-  world.patterned(255);
-  world.solidRect(9, 6, 27, 19);
+  LayerWorld world(40, 30);
+  patterned(world, 255);
+  solidRect(world, 9, 6, 27, 19);
   TestUnit t(VRect{2, 3, 28, 37});
   renderUnit(t.unit);
   t.cell(5, 5)->landU = -1.0f;

@@ -1,5 +1,6 @@
 #include "tests/support/test_support.h"
 
+#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -45,6 +46,28 @@ int countCalls(const std::vector<standin::HostCall>& calls, const std::string& n
   int n = 0;
   for (const standin::HostCall& c : calls) n += c.name == name ? 1 : 0;
   return n;
+}
+
+void pinToCpus(int count) {
+  cpu_set_t all;
+  CPU_ZERO(&all);
+  ASSERT_EQ(sched_getaffinity(0, sizeof(all), &all), 0);
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  int taken = 0;
+  for (int cpu = 0; cpu < CPU_SETSIZE && taken < count; ++cpu)
+    if (CPU_ISSET(cpu, &all)) {
+      CPU_SET(cpu, &set);
+      ++taken;
+    }
+  ASSERT_EQ(sched_setaffinity(0, sizeof(set), &set), 0);
+}
+
+int availableCpus() {
+  cpu_set_t all;
+  CPU_ZERO(&all);
+  sched_getaffinity(0, sizeof(all), &all);
+  return CPU_COUNT(&all);
 }
 
 std::string sourcePath(const std::string& relative) { return std::string(MENDARIS_SOURCE_DIR) + "/" + relative; }

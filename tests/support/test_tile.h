@@ -1,5 +1,5 @@
 // A host tile for the pixel-level tests: a unit's cursor with its view
-// filled as takeHostTileView would fill it, and the buffers behind it.
+// taken from a host record of the test's own, and the buffers behind it.
 #pragma once
 
 #include <stdint.h>
@@ -10,11 +10,12 @@
 
 #include "finish/host_tile_view.h"
 #include "host/host_record.h"
+#include "host/plugin_main.h"
 #include "run/job_pool.h"
 
 namespace testing_support {
 
-// A unit's cursor with its view filled as for a host tile of the given depth
+// A unit's cursor with its view taken from a host record of the given depth
 // and planes, and the three buffers behind it. Rows carry three spare pixels,
 // so that a wrong row step shows.
 struct TestTile {
@@ -39,49 +40,32 @@ struct TestTile {
     in.assign(size_t(rowBytes) * size_t(height), 0);
     out.assign(size_t(rowBytes) * size_t(height), 0);
     mask.assign(size_t(maskRowBytes) * size_t(height), 0);
-    HostTileView& v = cursor.view;
-    v.hasTransparency = transparency;
-    v.planes = planeCount;
-    v.inLoPlane = 0;
-    v.inHiPlane = int16_t(planeCount - 1);
-    v.inData = in.data();
-    v.outData = out.data();
-    v.inLayerPlanes = int16_t(transparency ? planeCount - 1 : planeCount);
-    v.outLayerPlanes = v.inLayerPlanes;
-    v.inRowBytes = rowBytes;
-    v.outRowBytes = rowBytes;
-    v.isGrayPlanes = planeCount < 3;
-    v.isColorPlanes = planeCount >= 3;
-    v.isGrayMode = v.isGrayPlanes;
-    v.isRgbMode = v.isColorPlanes;
-    v.is8Bit = bits == 8;
-    v.is16Bit = bits == 16;
-    v.is32Bit = bits == 32;
-    v.floatMath = v.is32Bit;
-    v.haveMask = false;
-    v.outRect[0] = unit.top + outOffset.v;
-    v.outRect[1] = unit.left + outOffset.h;
-    v.outRect[2] = unit.bottom + outOffset.v;
-    v.outRect[3] = unit.right + outOffset.h;
+    FilterRecord r;
+    memset(&r, 0, sizeof r);
+    const bool gray = planeCount < 3;
+    r.imageMode = bits == 8    ? (gray ? plugInModeGrayScale : plugInModeRGBColor)
+                  : bits == 16 ? (gray ? plugInModeGray16 : plugInModeRGB48)
+                               : (gray ? plugInModeGray32 : plugInModeRGB96);
+    r.depth = bits;
+    r.filterCase = transparency ? filterCaseEditableTransparencyNoSelection : filterCaseFlatImageNoSelection;
+    r.planes = planeCount;
+    r.inHiPlane = int16_t(planeCount - 1);
+    r.inLayerPlanes = r.outLayerPlanes = int16_t(transparency ? planeCount - 1 : planeCount);
+    r.inData = in.data();
+    r.outData = out.data();
+    r.inRowBytes = r.outRowBytes = rowBytes;
+    r.outRect = PIRect{int16_t(unit.top + outOffset.v), int16_t(unit.left + outOffset.h),
+                       int16_t(unit.bottom + outOffset.v), int16_t(unit.right + outOffset.h)};
     // The host delivered the input and the mask for the whole unit.
-    v.inRect[0] = v.maskRect[0] = unit.top;
-    v.inRect[1] = v.maskRect[1] = unit.left;
-    v.inRect[2] = v.maskRect[2] = unit.bottom;
-    v.inRect[3] = v.maskRect[3] = unit.right;
-    v.maskData = mask.data();
-    v.maskRowBytes = maskRowBytes;
-    v.hostSig = 0x3842494D;  // '8BIM'
-    v.outPixelStride = planeCount;
-    v.channelMaxInt = v.is8Bit ? 255 : v.is16Bit ? 32768 : 65535;
-    v.alphaScaleInt = v.is8Bit ? 255 : v.is16Bit ? 32768 : 1;
-    v.colourScale = v.is8Bit ? 255.0f : v.is16Bit ? 32768.0f : 1.0f;
-    v.channelMax = float(v.channelMaxInt);
-    v.channelMaxWide = double(v.channelMaxInt);
-    v.channelMidInt = v.is8Bit ? 128 : v.is16Bit ? 16384 : 32767;
-    v.invChannelMax = float(1.0 / double(v.channelMax));
-    v.invAlphaScale = float(1.0 / double(v.alphaScaleInt));
-    v.invColourScale = float(1.0 / double(v.colourScale));
-    v.levelStep = v.is8Bit ? 1 : 128;
+    r.inRect = r.maskRect =
+        PIRect{int16_t(unit.top), int16_t(unit.left), int16_t(unit.bottom), int16_t(unit.right)};
+    r.maskData = mask.data();
+    r.maskRowBytes = maskRowBytes;
+    r.hostSig = 0x3842494D;  // '8BIM'
+    FilterRecord* saved = hostContext.filterRecord;
+    hostContext.filterRecord = &r;
+    takeHostTileView(&cursor);
+    hostContext.filterRecord = saved;
   }
   TestTile(const TestTile&) = delete;
   TestTile& operator=(const TestTile&) = delete;
