@@ -318,18 +318,6 @@ TEST(ReduceKinds, SignedThreeChannelBlockMean) {
   EXPECT_EQ(v[2], 100);  // 1601 / 4 = 400, quartered
 }
 
-TEST(ReduceWeighted, ReducesWithTheFixedKernel) {
-  OwnedStore a(30, 20, kKindRgba8);
-  OwnedStore b(30, 20, kKindRgba8);
-  fillRandom(a.store, 3);
-  fillRandom(b.store, 3);
-  reduceLevelUnit(a.store, 0, wholeLevel(a.store, 1));
-  reduceLevelWeightedUnit(b.store, 0, wholeLevel(b.store, 1));
-  for (int32_t y = 0; y < a->levelHeight[1]; ++y)
-    for (int32_t x = 0; x < a->levelWidth[1]; ++x)
-      ASSERT_EQ(loadWord(storePixel<uint32_t>(a.store, 1, x, y)), loadWord(storePixel<uint32_t>(b.store, 1, x, y)));
-}
-
 // ---- the level pass through the pool ---------------------------------------------------------------------
 
 using BuildLevels = testing_support::EngineFixture;
