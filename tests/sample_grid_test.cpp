@@ -266,20 +266,6 @@ TEST(RenderUnit, BareLayerWithFlatFieldGivesBlackOpaque) {
     for (int32_t x = 0; x < 9; ++x) expectColour(t.cell(x, y)->colour, 0.0f, 0.0f, 0.0f, 1.0f);
 }
 
-TEST(RenderUnit, GridIsPreparedFromTheBlocks) {
-  LayerWorld world(40, 10);
-  allSolid(world);
-  world.instance->scratch[0] = &world;  // any address: the grid only carries it
-  TestUnit t(VRect{2, 8, 6, 20});
-  t.grid->state.maxProbes = 3;
-  t.grid->state.fixedLod = true;
-  renderUnit(t.unit);
-  EXPECT_EQ(t.grid->store, world.source());
-  EXPECT_EQ(t.grid->scratchBlock, static_cast<void*>(&world));
-  EXPECT_EQ(t.grid->state.maxProbes, 20);
-  EXPECT_FALSE(t.grid->state.fixedLod);
-}
-
 // ---- pixel sampling ------------------------------------------------------------------------------------
 
 TEST(PixelSampling, AveragesSkipMissingCornersUseDoubleAndWrap) {
