@@ -139,24 +139,6 @@ TEST(Filter, FullMaskByteIsTheSameAsNoSelection) {
   EXPECT_EQ(runDigest(plain), runDigest(masked));
 }
 
-TEST(Filter, FloatCoordOffsetsTheHostTilesNotThePixels) {
-  Document layer = standin::makeIslandDocument(150, 120, 8, 3, 8);
-  Document placed = Document::make(160, 130, 8, 3, true);
-  for (int32_t y = 0; y < layer.height; ++y)
-    for (int32_t x = 0; x < layer.width; ++x) memcpy(placed.at(x + 10, y + 10), layer.at(x, y), layer.pixelBytes());
-  Host a(nativeModule(), layer);
-  ASSERT_EQ(a.run().result, 0);
-  HostOptions o;
-  o.floatCoordH = 10;
-  o.floatCoordV = 10;
-  o.filterRect = standin::Rect{0, 0, 120, 150};
-  Host b(nativeModule(), placed, o);
-  ASSERT_EQ(b.run().result, 0);
-  for (int32_t y = 0; y < layer.height; ++y)
-    for (int32_t x = 0; x < layer.width; ++x)
-      ASSERT_EQ(memcmp(placed.at(x + 10, y + 10), layer.at(x, y), layer.pixelBytes()), 0) << x << "," << y;
-}
-
 TEST(Filter, OddRectangles) {
   struct Size {
     int32_t w, h;
