@@ -305,7 +305,7 @@ INSTANTIATE_TEST_SUITE_P(AllKinds, ReduceKinds,
 TEST(ReduceKinds, SignedThreeChannelBlockMean) {
   OwnedStore s(4, 2, kKindSigned16x3);
   const int32_t a[3] = {100, -100, 400};
-  const int32_t b[3] = {101, -103, 401};
+  const int32_t b[3] = {101, -107, 401};
   writeI16x3(0, 0, s.store, 0, a);
   writeI16x3(1, 0, s.store, 0, a);
   writeI16x3(0, 1, s.store, 0, a);
@@ -314,7 +314,7 @@ TEST(ReduceKinds, SignedThreeChannelBlockMean) {
   int32_t v[3];
   readI16x3(0, 0, s.store, 1, v);
   EXPECT_EQ(v[0], 50);   // 401 / 4 = 100, halved
-  EXPECT_EQ(v[1], -50);  // -403 / 4 = -100 (toward zero), halved
+  EXPECT_EQ(v[1], -50);  // -407 / 4 = -101 (toward zero; floor gives -102), halved
   EXPECT_EQ(v[2], 100);  // 1601 / 4 = 400, quartered
 }
 
