@@ -107,13 +107,10 @@ TEST(Filter, FlatOpaqueIslandKeepsItsColourExactly) {
 
 TEST(Filter, WhollyOpaqueLayerRunsEveryStepAndWritesEveryTile) {
   Document d = Document::make(300, 130, 8, 3, true);
+  const double colour[4] = {90, 140, 230, 255};
   for (int32_t y = 0; y < d.height; ++y)
-    for (int32_t x = 0; x < d.width; ++x) {
-      d.setSample(x, y, 0, 90);
-      d.setSample(x, y, 1, 140);
-      d.setSample(x, y, 2, 230);
-      d.setSample(x, y, 3, 255);
-    }
+    for (int32_t x = 0; x < d.width; ++x)
+      for (int c = 0; c < 4; ++c) d.setSample(x, y, c, colour[c]);
   Document before = d;
   Host host(nativeModule(), d);
   ASSERT_EQ(host.run().result, 0);
