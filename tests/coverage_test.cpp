@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <utility>
 #include <vector>
 
 #include "fill/coverage.h"
@@ -212,10 +213,8 @@ TEST_F(CoverageFixture, FirstSweepFreezesALoneSolidPixelBelowOne) {
   sweepDistance(field);
   // A 4-neighbour: -0.7071 + 1 along one axis.
   const float next = float(double(-depth) + 1.0);
-  EXPECT_EQ(cell(field, 12, 13), next);
-  EXPECT_EQ(cell(field, 14, 13), next);
-  EXPECT_EQ(cell(field, 13, 12), next);
-  EXPECT_EQ(cell(field, 13, 14), next);
+  for (const auto& p : {std::make_pair(12, 13), std::make_pair(14, 13), std::make_pair(13, 12), std::make_pair(13, 14)})
+    EXPECT_EQ(cell(field, p.first, p.second), next) << p.first << "," << p.second;
   EXPECT_EQ(cell(field, 11, 13), float(double(next) + 1.0));
   pixelStoreDestroy(&field);
 }
@@ -234,19 +233,13 @@ TEST_F(CoverageFixture, SoftPixelStaysNegativeAndItsNeighboursStartAtHalf) {
   EXPECT_EQ(cell(field, 16, 16), -0.5f);
   sweepDistance(field);
   EXPECT_EQ(cell(field, 16, 16), -0.5f);
-  // Along the axes: -0.5 + 1, then + 1 again.
-  EXPECT_EQ(cell(field, 15, 16), 0.5f);
-  EXPECT_EQ(cell(field, 17, 16), 0.5f);
-  EXPECT_EQ(cell(field, 16, 15), 0.5f);
-  EXPECT_EQ(cell(field, 16, 17), 0.5f);
-  EXPECT_EQ(cell(field, 18, 16), 1.5f);
-  EXPECT_EQ(cell(field, 16, 14), 1.5f);
-  // Diagonal: both fronts at 0.5 meet, (sqrt(2) + 1) / 2.
+  // Along the axes: -0.5 + 1, then + 1 again; on the diagonal both fronts
+  // at 0.5 meet, (sqrt(2) + 1) / 2.
   const float diagonal = float((sqrt(2.0) + 1.0) * 0.5);
-  EXPECT_EQ(cell(field, 15, 15), diagonal);
-  EXPECT_EQ(cell(field, 17, 17), diagonal);
-  EXPECT_EQ(cell(field, 15, 17), diagonal);
-  EXPECT_EQ(cell(field, 17, 15), diagonal);
+  const float cells[][3] = {{15, 16, 0.5f},     {17, 16, 0.5f},     {16, 15, 0.5f},     {16, 17, 0.5f},
+                            {18, 16, 1.5f},     {16, 14, 1.5f},     {15, 15, diagonal}, {17, 17, diagonal},
+                            {15, 17, diagonal}, {17, 15, diagonal}};
+  for (const auto& c : cells) EXPECT_EQ(cell(field, int32_t(c[0]), int32_t(c[1])), c[2]) << c[0] << "," << c[1];
   pixelStoreDestroy(&field);
 }
 
@@ -268,21 +261,15 @@ TEST(Inversion, FlipsSignsAndOpensBareCells) {
 // ---- smoothing ----------------------------------------------------------------------------------
 
 TEST(SmoothReach, RadiusSixGivesWindowsOfSixCells) {
-  SmoothReach r = smoothReach(6.0f);
-  EXPECT_EQ(r.hi, 3);
-  EXPECT_EQ(r.lo, 2);
-  // r = 0.4333: both reaches 0, and hi - 1 is negative.
-  r = smoothReach(1.0f);
-  EXPECT_EQ(r.hi, 0);
-  EXPECT_EQ(r.lo, 0);
-  // r = 1.3: hi = 1 (1.8), lo = 1 (1.3).
-  r = smoothReach(3.0f);
-  EXPECT_EQ(r.hi, 1);
-  EXPECT_EQ(r.lo, 1);
-  // Negative values step down before they are truncated: r = -1.3.
-  r = smoothReach(-3.0f);
-  EXPECT_EQ(r.hi, -1);
-  EXPECT_EQ(r.lo, -2);
+  // Radius 1: r = 0.4333, both reaches 0, and hi - 1 is negative; radius 3:
+  // r = 1.3, hi = 1 (1.8), lo = 1 (1.3); negative values step down before
+  // they are truncated: r = -1.3.
+  const float cases[][3] = {{6.0f, 3, 2}, {1.0f, 0, 0}, {3.0f, 1, 1}, {-3.0f, -1, -2}};
+  for (const auto& c : cases) {
+    const SmoothReach r = smoothReach(c[0]);
+    EXPECT_EQ(r.hi, int32_t(c[1])) << c[0];
+    EXPECT_EQ(r.lo, int32_t(c[2])) << c[0];
+  }
 }
 
 // Counts of the windows (back, forward) applied to a unit spike: how many

@@ -107,13 +107,10 @@ TEST(Filter, FlatOpaqueIslandKeepsItsColourExactly) {
 
 TEST(Filter, WhollyOpaqueLayerRunsEveryStepAndWritesEveryTile) {
   Document d = Document::make(300, 130, 8, 3, true);
+  const double colour[4] = {90, 140, 230, 255};
   for (int32_t y = 0; y < d.height; ++y)
-    for (int32_t x = 0; x < d.width; ++x) {
-      d.setSample(x, y, 0, 90);
-      d.setSample(x, y, 1, 140);
-      d.setSample(x, y, 2, 230);
-      d.setSample(x, y, 3, 255);
-    }
+    for (int32_t x = 0; x < d.width; ++x)
+      for (int c = 0; c < 4; ++c) d.setSample(x, y, c, colour[c]);
   Document before = d;
   Host host(nativeModule(), d);
   ASSERT_EQ(host.run().result, 0);
@@ -137,24 +134,6 @@ TEST(Filter, FullMaskByteIsTheSameAsNoSelection) {
   Document masked = plain;
   masked.mask.assign(size_t(masked.width) * size_t(masked.height), 255);
   EXPECT_EQ(runDigest(plain), runDigest(masked));
-}
-
-TEST(Filter, FloatCoordOffsetsTheHostTilesNotThePixels) {
-  Document layer = standin::makeIslandDocument(150, 120, 8, 3, 8);
-  Document placed = Document::make(160, 130, 8, 3, true);
-  for (int32_t y = 0; y < layer.height; ++y)
-    for (int32_t x = 0; x < layer.width; ++x) memcpy(placed.at(x + 10, y + 10), layer.at(x, y), layer.pixelBytes());
-  Host a(nativeModule(), layer);
-  ASSERT_EQ(a.run().result, 0);
-  HostOptions o;
-  o.floatCoordH = 10;
-  o.floatCoordV = 10;
-  o.filterRect = standin::Rect{0, 0, 120, 150};
-  Host b(nativeModule(), placed, o);
-  ASSERT_EQ(b.run().result, 0);
-  for (int32_t y = 0; y < layer.height; ++y)
-    for (int32_t x = 0; x < layer.width; ++x)
-      ASSERT_EQ(memcmp(placed.at(x + 10, y + 10), layer.at(x, y), layer.pixelBytes()), 0) << x << "," << y;
 }
 
 TEST(Filter, OddRectangles) {

@@ -329,9 +329,7 @@ TEST_F(FinishFixture, DisplayStageShowsACheckerboardBehind) {
 
 namespace {
 
-struct WriteUnitFixture : ::testing::Test {
-  FilterRecord record;
-  ParamBlock params;
+struct WriteUnitFixture : testing_support::EngineFixture {
   JobUnit unit;
   SampleGrid grid;
   std::vector<SampleCell> cells;
@@ -341,14 +339,9 @@ struct WriteUnitFixture : ::testing::Test {
   static constexpr int32_t kRowBytes = 40;  // up to 10 RGBA pixels a row
 
   void SetUp() override {
-    memset(&record, 0, sizeof record);
-    memset(&params, 0, sizeof params);
+    EngineFixture::SetUp();
     memset(&unit, 0, sizeof unit);
     memset(&grid, 0, sizeof grid);
-    params.blendMode = 1;
-    params.sampleRate = 1;
-    hostContext.filterRecord = &record;
-    hostContext.paramBlock = &params;
     // The unit: columns 3 to 6, rows 2 and 3 of the run rectangle.
     unit.kind = kJobRender;
     unit.cursor.unitRect = VRect{2, 3, 4, 7};
@@ -394,10 +387,6 @@ struct WriteUnitFixture : ::testing::Test {
     record.maskRowBytes = 4;
     record.hostSig = 0x3842494D;
     record.autoMask = 1;
-  }
-  void TearDown() override {
-    hostContext.filterRecord = nullptr;
-    hostContext.paramBlock = nullptr;
   }
   const uint8_t* outPixel(int32_t dx, int32_t dy) const { return out.data() + dy * kRowBytes + dx * 4; }
 };

@@ -152,42 +152,6 @@ TEST(CopyLine, SmallKindsMoveWholePixels) {
   }
 }
 
-// A store of kind 5 with random values, and the same values in a plain array.
-struct FloatField {
-  int32_t w, h;
-  std::vector<float> cells;
-  FloatField(int32_t width, int32_t height, uint32_t seed) : w(width), h(height), cells(size_t(width * height)) {
-    std::mt19937 rng(seed);
-    for (float& v : cells) {
-      // Mostly small distances with some far cells, as in a distance field.
-      v = (rng() % 7 == 0) ? 9000000.0f : float(int32_t(rng() % 2001) - 1000) * 0.37f;
-    }
-  }
-  void toStore(PixelStore* s) const {
-    for (int32_t y = 0; y < h; ++y)
-      for (int32_t x = 0; x < w; ++x) writeFloat(x, y, s, 0, cells[size_t(y * w + x)]);
-  }
-};
-
-TEST(SmoothPasses, ABandTouchesOnlyItsOwnRows) {
-  const int32_t w = 100, h = 150;
-  OwnedStore s(w, h, kKindFloat);
-  FloatField field(w, h, 3);
-  field.toStore(s.store);
-  ContextHolder c;
-  ASSERT_TRUE(makeLineBuffer(&c.context, s.store));
-  for (int32_t row = 64; row < 128; ++row) filterRow(s.store, row, &c.context, 0, w, 0, 2, 3);
-  std::vector<float> out(static_cast<size_t>(w));
-  for (int32_t y = 0; y < h; ++y) {
-    const float* src = &field.cells[size_t(y * w)];
-    const bool inBand = y >= 64 && y < 128;
-    if (inBand) boxLineFloat(src, out.data(), 0, w, 2, 3);
-    for (int32_t x = 0; x < w; ++x)
-      ASSERT_EQ(floatBits(readFloat(x, y, s.store, 0)), floatBits(inBand ? out[size_t(x)] : src[x]))
-          << x << "," << y;
-  }
-}
-
 TEST(SmoothPasses, PartOfARowLeavesTheRestAlone) {
   OwnedStore s(20, 2, kKindFloat);
   for (int32_t x = 0; x < 20; ++x) writeFloat(x, 0, s.store, 0, float(x));

@@ -80,23 +80,19 @@ TEST(LevelChain, OddSizesRoundUpToTheTopLevelOfOnePixel) {
       expectLevel(s.store, level, want.first, want.second);
     }
   }
-  EXPECT_EQ(OwnedStore(1000, 600, kKindRgba8)->coarseLevel, 7);
-  // A zero-byte pixel gets no tile memory: the build fails rather than giving tiles of nothing.
-  EXPECT_EQ(pixelStoreCreate(10, 10, 6, 0, false), nullptr);
-}
-
-TEST(LevelChain, LongThinImageStopsAtTwentyLevels) {
-  EXPECT_EQ(lastLevel(1 << 22, 1), kStoreLevels - 1);
+  EXPECT_EQ(lastLevel(1 << 22, 1), kStoreLevels - 1);  // a long thin image stops at twenty levels
   EXPECT_EQ(lastLevel(0, 5), 0);
-}
-
-TEST(LevelTables, ScaleIsBaseWidthOverPowerOfTwo) {
   OwnedStore s(1000, 600, kKindRgba8);
-  ASSERT_NE(s.store, nullptr);
-  EXPECT_EQ(s->levelScaleX[3], 125.0f);  // though level 3 is 126 wide
-  EXPECT_EQ(s->levelWidth[3], 126);
+  EXPECT_EQ(s->coarseLevel, 7);
+  // The scale is the base width over a power of two, though level 3 is 126 wide.
+  EXPECT_EQ(s->levelScaleX[3], 125.0f);
   EXPECT_EQ(s->levelScaleY[3], 75.0f);
   EXPECT_EQ(s->levelScaleX[10], 1000.0f / 1024.0f);
+  // A zero-byte pixel gets no tile memory, and an empty size no store.
+  const int32_t refused[][3] = {{10, 10, 6}, {0, 10, kKindRgba8}, {10, 0, kKindRgba8}, {-3, 10, kKindRgba8}};
+  for (const auto& bad : refused)
+    EXPECT_EQ(pixelStoreCreate(bad[0], bad[1], bad[2], 0, false), nullptr) << bad[0] << " x " << bad[1];
+  EXPECT_FALSE(pixelStoreBuild(nullptr, 10, 10, kKindRgba8, 0, false));
 }
 
 TEST(LevelTables, BorderedStoreAddsOnePixelEachSide) {
@@ -165,13 +161,6 @@ TEST(StoreTiles, MemoryIsZeroWithFourSpareRows) {
 }
 
 // ---- creation, release, destruction -----------------------------------------------------------------
-
-TEST(StoreLifecycle, NonPositiveSizesAreRefused) {
-  EXPECT_EQ(pixelStoreCreate(0, 10, kKindRgba8, 0, false), nullptr);
-  EXPECT_EQ(pixelStoreCreate(10, 0, kKindRgba8, 0, false), nullptr);
-  EXPECT_EQ(pixelStoreCreate(-3, 10, kKindRgba8, 0, false), nullptr);
-  EXPECT_FALSE(pixelStoreBuild(nullptr, 10, 10, kKindRgba8, 0, false));
-}
 
 TEST(StoreLifecycle, ReleaseKeepsTheObjectAndEmptiesIt) {
   OwnedStore s(700, 20, kKindRgba8);
@@ -317,10 +306,7 @@ TEST(StoreAccess, SixteenBitAndFloatKindsRoundTrip) {
   writeU16x4(2, 2, q.store, 0, in);
   int32_t out[4];
   readU16x4(2, 2, q.store, 0, out);
-  EXPECT_EQ(out[0], 0);
-  EXPECT_EQ(out[1], 1);
-  EXPECT_EQ(out[2], 32768);
-  EXPECT_EQ(out[3], 6);  // low 16 bits
+  EXPECT_EQ(std::vector<int32_t>(out, out + 4), (std::vector<int32_t>{0, 1, 32768, 6}));  // the low 16 bits
 
   OwnedStore r(10, 10, kKindRgbaFloat);
   const float rgba[4] = {-1.5f, 70000.0f, 0.25f, 1.0f};
@@ -336,9 +322,7 @@ TEST(StoreAccess, SixteenBitAndFloatKindsRoundTrip) {
   const int32_t signedIn[3] = {-5, 40000, 7};
   writeI16x3(0, 9, t.store, 0, signedIn);
   readI16x3(0, 9, t.store, 0, out);
-  EXPECT_EQ(out[0], -5);
-  EXPECT_EQ(out[1], 40000 - 65536);
-  EXPECT_EQ(out[2], 7);
+  EXPECT_EQ(std::vector<int32_t>(out, out + 3), (std::vector<int32_t>{-5, 40000 - 65536, 7}));
 
   OwnedStore g(10, 10, kKindGray16);
   writeU16Again(9, 0, g.store, 0, 0x12345);
@@ -352,17 +336,12 @@ TEST(StoreAccess, UnitPixelOfOneValueKinds) {
   writeFloat(1, 1, f.store, 0, 12.5f);
   float out[4];
   readUnitPixel(1, 1, f.store, 0, out);
-  EXPECT_EQ(out[0], 12.5f);
-  EXPECT_EQ(out[1], 12.5f);
-  EXPECT_EQ(out[2], 12.5f);
-  EXPECT_EQ(out[3], 1.0f);
+  EXPECT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{12.5f, 12.5f, 12.5f, 1.0f}));
 
   OwnedStore g(4, 4, kKindGray8);
   writeU8(2, 3, g.store, 0, 255);
   readUnitPixel(2, 3, g.store, 0, out);
-  EXPECT_EQ(out[0], 1.0f);
-  EXPECT_EQ(out[2], 1.0f);
-  EXPECT_EQ(out[3], 1.0f);
+  EXPECT_EQ(std::vector<float>(out, out + 4), std::vector<float>(4, 1.0f));
   EXPECT_EQ(readUnitScalar(2, 3, g.store, 0), 1.0f);
   writeUnitScalar(0, 0, g.store, 0, 0.5f);  // trunc(127.5)
   EXPECT_EQ(readU8(0, 0, g.store, 0), 127);
@@ -407,10 +386,8 @@ TEST(StoreAccess, UnitWritesTruncateAndWrap) {
   writeUnitPixel(0, 0, s.store, 0, over);
   int32_t c[4];
   readU8x4(0, 0, s.store, 0, c);
-  EXPECT_EQ(c[0], 0);    // trunc(256.02) = 256 wraps the byte
-  EXPECT_EQ(c[1], 254);  // truncated, not rounded
-  EXPECT_EQ(c[2], 0);    // trunc(-0.255) = 0
-  EXPECT_EQ(c[3], 127);
+  // trunc(256.02) = 256 wraps the byte; 254.97 is truncated, not rounded; trunc(-0.255) = 0.
+  EXPECT_EQ(std::vector<int32_t>(c, c + 4), (std::vector<int32_t>{0, 254, 0, 127}));
 }
 
 TEST(StoreAccess, ChannelDispatchOfOtherKinds) {
@@ -452,17 +429,13 @@ TEST(StoreAccess, BilinearReadOfTheFloatKind) {
 // ---- tile-count helpers -----------------------------------------------------------------------------
 
 TEST(TileCounts, CeilingDivisionAndLastTileExtent) {
-  EXPECT_EQ(tilesFor(1, 512), 1);
-  EXPECT_EQ(tilesFor(512, 512), 1);
-  EXPECT_EQ(tilesFor(513, 512), 2);
-  EXPECT_EQ(tilesFor(0, 512), 0);
+  const int32_t counts[][3] = {{1, 512, 1}, {512, 512, 1}, {513, 512, 2}, {0, 512, 0}};
+  for (const auto& c : counts) EXPECT_EQ(tilesFor(c[0], c[1]), c[2]) << c[0];
   EXPECT_EQ(tilesForArea(513, 1025, 512), 6);
-  EXPECT_EQ(tileExtent(0, 512, 512), 512);
-  EXPECT_EQ(tileExtent(1, 513, 512), 1);
-  EXPECT_EQ(tileExtent(0, 513, 512), 512);
-  EXPECT_EQ(tileExtent(5, 513, 512), 1);  // at or past the last: what remains
-  EXPECT_EQ(tileExtent(2, 300, 128), 44);
-  EXPECT_EQ(tileExtent(1, 300, 128), 128);
+  // At or past the last tile: what remains.
+  const int32_t extents[][4] = {{0, 512, 512, 512}, {1, 513, 512, 1}, {0, 513, 512, 512},
+                                {5, 513, 512, 1},   {2, 300, 128, 44},  {1, 300, 128, 128}};
+  for (const auto& e : extents) EXPECT_EQ(tileExtent(e[0], e[1], e[2]), e[3]) << e[0] << " of " << e[1];
 }
 
 }  // namespace

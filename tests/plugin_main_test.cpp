@@ -314,15 +314,8 @@ void PI_CALL requestOneRow(int16_t selector, void* record, intptr_t*, int16_t*) 
 // Padding codes past the image, whole rates sampled, and what a host refuses:
 // the bounds error, a rate of a part pixel, a plane the layer has not.
 TEST(StrictHost, PaddingRateAndPlanesAsPhotoshopAnswersThem) {
-  struct Case {
-    int16_t padding;
-    Fixed rate;
-    int16_t left, right, hiPlane;
-    OSErr answer;
-    std::vector<int> row;
-  };
   const int x = 0xEE;  // undefined: what the buffer held
-  const Case cases[] = {
+  const Request cases[] = {
       {plugInWantsEdgeReplication, 0x10000, -1, 6, 1, noErr, {1, 1, 2, 3, 4, 4, 4}},
       {7, 0x10000, -1, 6, 1, noErr, {7, 1, 2, 3, 4, 7, 7}},
       {plugInDoesNotWantPadding, 0x10000, -1, 6, 1, noErr, {x, 1, 2, 3, 4, x, x}},
@@ -336,7 +329,7 @@ TEST(StrictHost, PaddingRateAndPlanesAsPhotoshopAnswersThem) {
   standin::setViolationObserver(nullptr);
   standin::Module fake;
   fake.pluginMain = requestOneRow;
-  for (const Case& c : cases) {
+  for (const Request& c : cases) {
     Document d = Document::make(4, 2, 8, 1, true);
     for (int i = 0; i < 4; ++i) d.setSample(i, 0, 0, i + 1), d.setSample(i, 1, 0, 9);
     HostOptions sixteenBit;  // the fake asks through the record's own rectangles

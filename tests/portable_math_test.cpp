@@ -10,6 +10,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "store/portable_math.h"
 
@@ -79,67 +80,54 @@ TEST(PortableSinCos, MatchTheLibraryOverTheRangesTheEngineUses) {
   }
 }
 
-TEST(PortableSin, SpecialValues) {
-  EXPECT_EQ(portableSin(0.0), 0.0);
-  EXPECT_TRUE(signbit(portableSin(-0.0)));
-  EXPECT_EQ(portableSin(1e-300), 1e-300);
-  EXPECT_EQ(portableCos(0.0), 1.0);
-  EXPECT_EQ(portableSin(M_PI / 2), 1.0);
-  EXPECT_EQ(portableCos(M_PI), -1.0);
-  EXPECT_TRUE(isnan(portableSin(INFINITY)));
-  EXPECT_TRUE(isnan(portableCos(-INFINITY)));
-  EXPECT_TRUE(isnan(portableSin(NAN)));
+// Exact answers at the special values, bit for bit (the sign of a zero and
+// NaN included).
+TEST(PortableMath, SpecialValues) {
+  struct Case {
+    const char* what;
+    double (*f)(double);
+    double x, want;
+  };
+  const Case cases[] = {
+      {"sin", portableSin, 0.0, 0.0},           {"sin", portableSin, -0.0, -0.0},
+      {"sin", portableSin, 1e-300, 1e-300},     {"sin", portableSin, M_PI / 2, 1.0},
+      {"sin", portableSin, INFINITY, NAN},      {"sin", portableSin, NAN, NAN},
+      {"cos", portableCos, 0.0, 1.0},           {"cos", portableCos, M_PI, -1.0},
+      {"cos", portableCos, -INFINITY, NAN},     {"log2", portableLog2, 1.0, 0.0},
+      {"log2", portableLog2, 0.0, -INFINITY},   {"log2", portableLog2, -0.0, -INFINITY},
+      {"log2", portableLog2, -1.0, NAN},        {"log2", portableLog2, NAN, NAN},
+      {"log2", portableLog2, INFINITY, INFINITY}, {"log2", portableLog2, DBL_TRUE_MIN, -1074.0},
+      {"log2", portableLog2, 0.5, -1.0},
+  };
+  for (const Case& c : cases) {
+    const double got = c.f(c.x);
+    EXPECT_EQ(ulpDistance(got, c.want), 0) << c.what << "(" << c.x << ") = " << got;
+    if (!isnan(c.want)) EXPECT_EQ(signbit(got), signbit(c.want)) << c.what << "(" << c.x << ")";
+  }
   // Beyond the careful range the result is still a sine: bounded.
   for (double x : {3.0e6, 1.0e10, 1.0e20, 1.0e300, -7.5e15}) {
     EXPECT_LE(fabs(portableSin(x)), 1.0) << x;
     EXPECT_LE(fabs(portableCos(x)), 1.0) << x;
   }
-}
-
-TEST(PortableLog2, MatchesTheLibraryUpToAMillion) {
-  Uniform r;
-  int64_t worst = 0;
-  for (int n = 0; n < 400000; ++n) {
-    // Spread over the exponents: from 2^-30 to 1e6.
-    const double x = exp2(r.next() * (log2(1.0e6) + 30.0) - 30.0);
-    worst = std::max(worst, ulpDistance(portableLog2(x), log2(x)));
-  }
-  // And the plain numbers, where footprint axes land.
-  for (int i = 1; i <= 100000; ++i) {
-    const double x = i * 0.01;
-    worst = std::max(worst, ulpDistance(portableLog2(x), log2(x)));
-  }
-  EXPECT_LE(worst, 1);
-}
-
-TEST(PortableLog2, NearOneAndAtPowersOfTwo) {
-  int64_t worst = 0;
-  double x = 1.0;
-  for (int step = 0; step < 2000; ++step) {
-    x = nextafter(x, 2.0);
-    worst = std::max(worst, ulpDistance(portableLog2(x), log2(x)));
-  }
-  x = 1.0;
-  for (int step = 0; step < 2000; ++step) {
-    x = nextafter(x, 0.0);
-    worst = std::max(worst, ulpDistance(portableLog2(x), log2(x)));
-  }
-  EXPECT_LE(worst, 1);
   for (int e = -1074; e <= 1023; ++e) EXPECT_EQ(portableLog2(ldexp(1.0, e)), double(e)) << e;
 }
 
-TEST(PortableLog2, SpecialValues) {
-  EXPECT_EQ(portableLog2(1.0), 0.0);
-  EXPECT_EQ(portableLog2(0.0), -INFINITY);
-  EXPECT_EQ(portableLog2(-0.0), -INFINITY);
-  EXPECT_TRUE(isnan(portableLog2(-1.0)));
-  EXPECT_TRUE(isnan(portableLog2(NAN)));
-  EXPECT_EQ(portableLog2(INFINITY), INFINITY);
-  EXPECT_EQ(portableLog2(DBL_TRUE_MIN), -1074.0);
-  EXPECT_EQ(ulpDistance(portableLog2(0.5f), -1.0), 0);
+// Spread over the exponents from 2^-30 to 1e6, the plain numbers where
+// footprint axes land, and the steps either side of 1.
+TEST(PortableLog2, MatchesTheLibraryUpToAMillion) {
+  Uniform r;
+  int64_t worst = 0;
+  auto compare = [&](double x) { worst = std::max(worst, ulpDistance(portableLog2(x), log2(x))); };
+  for (int n = 0; n < 400000; ++n) compare(exp2(r.next() * (log2(1.0e6) + 30.0) - 30.0));
+  for (int i = 1; i <= 100000; ++i) compare(i * 0.01);
+  double up = 1.0, down = 1.0;
+  for (int step = 0; step < 2000; ++step) {
+    compare(up = nextafter(up, 2.0));
+    compare(down = nextafter(down, 0.0));
+  }
   // A float axis length as the footprint passes it: log2 of 0.85 * sqrt(2).
-  const double axis = double(float(0.85 * sqrt(2.0)));
-  EXPECT_LE(ulpDistance(portableLog2(axis), log2(axis)), 1);
+  compare(double(float(0.85 * sqrt(2.0))));
+  EXPECT_LE(worst, 1);
 }
 
 TEST(PortableAtan2, MatchesTheLibraryInAllQuadrants) {
@@ -176,20 +164,14 @@ TEST(PortableAtan2, AxesZerosAndInfinities) {
 }
 
 TEST(TruncToInt32, TruncatesTowardZeroAndGivesIntMinOutside) {
-  EXPECT_EQ(truncToInt32(2.9), 2);
-  EXPECT_EQ(truncToInt32(-2.9), -2);
-  EXPECT_EQ(truncToInt32(-0.5f), 0);
-  EXPECT_EQ(truncToInt32(2147483647.0), INT32_MAX);
-  EXPECT_EQ(truncToInt32(-2147483648.0), INT32_MIN);
-  EXPECT_EQ(truncToInt32(-2147483648.9), INT32_MIN);
-  EXPECT_EQ(truncToInt32(2147483648.0), INT32_MIN);
-  EXPECT_EQ(truncToInt32(1e20), INT32_MIN);
-  EXPECT_EQ(truncToInt32(-1e20f), INT32_MIN);
-  EXPECT_EQ(truncToInt32(2147483648.0f), INT32_MIN);
-  EXPECT_EQ(truncToInt32(2147483520.0f), 2147483520);
-  EXPECT_EQ(truncToInt32(double(NAN)), INT32_MIN);
-  EXPECT_EQ(truncToInt32(float(NAN)), INT32_MIN);
-  EXPECT_EQ(truncToInt32(float(INFINITY)), INT32_MIN);
+  const std::pair<double, int32_t> doubles[] = {
+      {2.9, 2},           {-2.9, -2},         {2147483647.0, INT32_MAX}, {-2147483648.0, INT32_MIN},
+      {-2147483648.9, INT32_MIN}, {2147483648.0, INT32_MIN}, {1e20, INT32_MIN}, {double(NAN), INT32_MIN}};
+  for (const auto& c : doubles) EXPECT_EQ(truncToInt32(c.first), c.second) << c.first;
+  const std::pair<float, int32_t> floats[] = {
+      {-0.5f, 0},         {-1e20f, INT32_MIN}, {2147483648.0f, INT32_MIN}, {2147483520.0f, 2147483520},
+      {float(NAN), INT32_MIN}, {float(INFINITY), INT32_MIN}};
+  for (const auto& c : floats) EXPECT_EQ(truncToInt32(c.first), c.second) << c.first;
 }
 
 }  // namespace

@@ -305,7 +305,7 @@ INSTANTIATE_TEST_SUITE_P(AllKinds, ReduceKinds,
 TEST(ReduceKinds, SignedThreeChannelBlockMean) {
   OwnedStore s(4, 2, kKindSigned16x3);
   const int32_t a[3] = {100, -100, 400};
-  const int32_t b[3] = {101, -103, 401};
+  const int32_t b[3] = {101, -107, 401};
   writeI16x3(0, 0, s.store, 0, a);
   writeI16x3(1, 0, s.store, 0, a);
   writeI16x3(0, 1, s.store, 0, a);
@@ -314,20 +314,8 @@ TEST(ReduceKinds, SignedThreeChannelBlockMean) {
   int32_t v[3];
   readI16x3(0, 0, s.store, 1, v);
   EXPECT_EQ(v[0], 50);   // 401 / 4 = 100, halved
-  EXPECT_EQ(v[1], -50);  // -403 / 4 = -100 (toward zero), halved
+  EXPECT_EQ(v[1], -50);  // -407 / 4 = -101 (toward zero; floor gives -102), halved
   EXPECT_EQ(v[2], 100);  // 1601 / 4 = 400, quartered
-}
-
-TEST(ReduceWeighted, ReducesWithTheFixedKernel) {
-  OwnedStore a(30, 20, kKindRgba8);
-  OwnedStore b(30, 20, kKindRgba8);
-  fillRandom(a.store, 3);
-  fillRandom(b.store, 3);
-  reduceLevelUnit(a.store, 0, wholeLevel(a.store, 1));
-  reduceLevelWeightedUnit(b.store, 0, wholeLevel(b.store, 1));
-  for (int32_t y = 0; y < a->levelHeight[1]; ++y)
-    for (int32_t x = 0; x < a->levelWidth[1]; ++x)
-      ASSERT_EQ(loadWord(storePixel<uint32_t>(a.store, 1, x, y)), loadWord(storePixel<uint32_t>(b.store, 1, x, y)));
 }
 
 // ---- the level pass through the pool ---------------------------------------------------------------------

@@ -174,51 +174,11 @@ TEST(FlatArea, IntegerKindsReturnTheValueExactlyEverywhere) {
         const float y = by + float(127 - phase) / 128.0f;
         float out[4];
         filterPixel<kKindRgba8>(s8.store, 0, x, y, &out[0], &out[1], &out[2], &out[3]);
-        ASSERT_EQ(out[0], 200.0f) << x << "," << y;
-        ASSERT_EQ(out[1], 17.0f);
-        ASSERT_EQ(out[2], 0.0f);
-        ASSERT_EQ(out[3], 255.0f);
+        ASSERT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{200, 17, 0, 255})) << x << "," << y;
         filterPixel<kKindRgba16>(s16.store, 0, x, y, &out[0], &out[1], &out[2], &out[3]);
-        ASSERT_EQ(out[0], 32768.0f) << x << "," << y;
-        ASSERT_EQ(out[1], 12345.0f);
-        ASSERT_EQ(out[2], 0.0f);
-        ASSERT_EQ(out[3], 1.0f);
+        ASSERT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{32768, 12345, 0, 1})) << x << "," << y;
         ASSERT_EQ(filterScalar<kKindGray8>(g8.store, 0, x, y), 200.0f);
         ASSERT_EQ(filterScalar<kKindGray16>(g16.store, 0, x, y), 1.0f);
-      }
-    }
-  }
-}
-
-// Float weights sum to 1 only as closely as single precision allows, so a flat
-// float area comes back within a few units in the last place; but for a given
-// phase every road must give the same bits.
-TEST(FlatArea, FloatKindsAreTheSameOnEveryRoad) {
-  OwnedStore s(1030, 600, kKindRgbaFloat);
-  OwnedStore g(1030, 600, kKindFloat);
-  const double v[4] = {0.7, 3.0, 65535.0, 1.0};
-  fillFlat(s.store, 0, v);
-  fillFlat(g.store, 0, v);
-  for (int phase = 0; phase < 128; phase += 5) {
-    float first[4];
-    float firstScalar = 0.0f;
-    bool haveFirst = false;
-    for (float bx : roadPositions(1030)) {
-      for (float by : roadPositions(600)) {
-        const float x = bx + float(phase) / 128.0f;
-        const float y = by + float(phase) / 128.0f;
-        float out[4];
-        filterPixel<kKindRgbaFloat>(s.store, 0, x, y, &out[0], &out[1], &out[2], &out[3]);
-        const float scalar = filterScalar<kKindFloat>(g.store, 0, x, y);
-        if (!haveFirst) {
-          memcpy(first, out, sizeof out);
-          firstScalar = scalar;
-          haveFirst = true;
-          for (int c = 0; c < 4; ++c) EXPECT_NEAR(out[c], float(v[c]), 4 * ldexp(fabs(v[c]), -23)) << phase;
-        }
-        for (int c = 0; c < 4; ++c) ASSERT_EQ(floatBits(out[c]), floatBits(first[c])) << x << "," << y;
-        ASSERT_EQ(floatBits(scalar), floatBits(firstScalar)) << x << "," << y;
-        ASSERT_EQ(scalar, out[0]);
       }
     }
   }
@@ -372,10 +332,7 @@ TEST(KindDispatch, OneValueKindsAndUnknownKinds) {
   const double v8[4] = {64.0 / 255, 0, 0, 0};
   fillFlat(g8.store, 0, v8);
   filterBlendDispatch(g8.store, 0, 0.0f, 0.5f, 0.5f, &r, &g, &b, &a);
-  EXPECT_EQ(r, 64.0f);
-  EXPECT_EQ(g, 64.0f);
-  EXPECT_EQ(b, 64.0f);
-  EXPECT_EQ(a, 255.0f);
+  EXPECT_EQ((std::vector<float>{r, g, b, a}), (std::vector<float>{64, 64, 64, 255}));
 
   OwnedStore g16(50, 50, kKindGray16);
   const double v16[4] = {1.0 / 32768, 0, 0, 0};
@@ -412,17 +369,6 @@ TEST(KindDispatch, DistanceKindReadsOneLevelOnly) {
   EXPECT_NEAR(r, 3.0f, 3e-6f);  // no mixing: the level above alone
   filterBlendDispatch(f.store, 0, 1e-6f, 0.5f, 0.5f, &r, &g, &b, &a);
   EXPECT_NEAR(r, 3.0f, 3e-6f);
-}
-
-TEST(UnitEntries, ScaledByValueToUnit) {
-  OwnedStore s(100, 80, kKindRgba8);
-  const double full[4] = {1.0, 0.0, 51.0 / 255, 1.0};
-  fillFlat(s.store, 0, full);
-  float out[4];
-  filterUnitPixel(s.store, 0, 0.0f, 0.5f, 0.5f, out);
-  EXPECT_EQ(out[0], 255.0f * float(1.0 / 255.0));
-  EXPECT_EQ(out[1], 0.0f);
-  EXPECT_EQ(out[2], 51.0f * float(1.0 / 255.0));
 }
 
 TEST(UnitEntries, BilinearNeighbours) {
