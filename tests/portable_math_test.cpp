@@ -102,7 +102,9 @@ TEST(PortableMath, SpecialValues) {
   for (const Case& c : cases) {
     const double got = c.f(c.x);
     EXPECT_EQ(ulpDistance(got, c.want), 0) << c.what << "(" << c.x << ") = " << got;
-    if (!isnan(c.want)) EXPECT_EQ(signbit(got), signbit(c.want)) << c.what << "(" << c.x << ")";
+    if (!isnan(c.want)) {
+      EXPECT_EQ(signbit(got), signbit(c.want)) << c.what << "(" << c.x << ")";
+    }
   }
   // Beyond the careful range the result is still a sine: bounded.
   for (double x : {3.0e6, 1.0e10, 1.0e20, 1.0e300, -7.5e15}) {
