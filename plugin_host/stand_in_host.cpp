@@ -430,31 +430,33 @@ bool Host::deliver(Buffer& buffer, const Rect& asked, int32_t lo, int32_t hi, bo
   buffer.rowBytes = (tight + rowPadding + 3) & ~3;
   buffer.bytes.assign(size_t(buffer.rowBytes) * size_t(rect.height()) + 16, 0xEE);
   const size_t pixelBytes = size_t(planes * sampleBytes);
-  // Where whole pixels of a row at rate 1 lie inside the document, the row
-  // is one copy; the rest (the padding, other rates, some planes) pixel by pixel.
+  // Where whole pixels of a row at rate 1 lie inside the document, that part
+  // of the row is one copy; the rest (the padding, other rates, some planes)
+  // goes pixel by pixel.
   const bool wholePixels = rate == 1 && (maskPlane || pixelBytes == d.pixelBytes());
   const int32_t innerLeft = std::max(rect.left, 0);
   const int32_t innerRight = std::min(rect.right, width);
   for (int32_t y = rect.top; y < rect.bottom; ++y) {
     int32_t sy = std::min(std::max(y, 0), height - 1) * rate;
     uint8_t* row = buffer.bytes.data() + size_t(y - rect.top) * size_t(buffer.rowBytes);
-    const bool rowInside = y >= 0 && y < height;
-    for (int32_t x = rect.left; x < rect.right; ++x) {
-      if (wholePixels && rowInside && x == innerLeft && innerLeft < innerRight) {
-        const uint8_t* from = maskPlane ? &d.mask[size_t(sy) * size_t(d.width) + size_t(x)] : d.at(x, sy);
-        memcpy(row + size_t(x - rect.left) * pixelBytes, from, size_t(innerRight - innerLeft) * pixelBytes);
-        x = innerRight - 1;
-        continue;
-      }
+    auto onePixel = [&](int32_t x) {
       int32_t sx = std::min(std::max(x, 0), width - 1) * rate;
       uint8_t* target = row + size_t(x - rect.left) * pixelBytes;
-      if (strict && strictPad(target, x, y, width, height, planes, maskPlane, output)) continue;
+      if (strict && strictPad(target, x, y, width, height, planes, maskPlane, output)) return;
       if (maskPlane) {
         *target = d.mask[size_t(sy) * size_t(d.width) + size_t(sx)];
       } else {
         memcpy(target, d.at(sx, sy) + size_t(lo) * size_t(sampleBytes), pixelBytes);
       }
+    };
+    if (!wholePixels || y < 0 || y >= height || innerLeft >= innerRight) {
+      for (int32_t x = rect.left; x < rect.right; ++x) onePixel(x);
+      continue;
     }
+    for (int32_t x = rect.left; x < innerLeft; ++x) onePixel(x);
+    const uint8_t* from = maskPlane ? &d.mask[size_t(y) * size_t(d.width) + size_t(innerLeft)] : d.at(innerLeft, y);
+    memcpy(row + size_t(innerLeft - rect.left) * pixelBytes, from, size_t(innerRight - innerLeft) * pixelBytes);
+    for (int32_t x = innerRight; x < rect.right; ++x) onePixel(x);
   }
   return true;
 }
@@ -476,7 +478,8 @@ void Host::commitOutput() {
   for (int32_t y = std::max(out_.rect.top, 0); y < std::min(out_.rect.bottom, d.height); ++y) {
     const uint8_t* row = out_.bytes.data() + size_t(y - out_.rect.top) * size_t(out_.rowBytes);
     if (!hostMasks && wholePixels && left < right) {
-      memcpy(d.at(left, y), row + size_t(left - out_.rect.left) * d.pixelBytes(), size_t(right - left) * d.pixelBytes());
+      const size_t pixelBytes = d.pixelBytes();
+      memcpy(d.at(left, y), row + size_t(left - out_.rect.left) * pixelBytes, size_t(right - left) * pixelBytes);
       continue;
     }
     for (int32_t x = left; x < right; ++x) {
