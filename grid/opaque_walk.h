@@ -109,7 +109,7 @@ bool nearestOpaque(float x, float y, float* outX, float* outY);
 // ---- the roads of the walk ------------------------------------------------------------------
 // - The point road walks one point after another (nearestOpaqueIn): the road
 //   the other reproduces.
-// - The lane road (opaque_walk_sse2.cpp) keeps four walks in step in SSE2
+// - The lane road (opaque_walk_sse2.cpp) keeps eight walks in step in SSE2
 //   lanes, a finished walk's lane taken at once by the next point. A lane
 //   whose step leaves the usual case (a reflection at the image's edge, a
 //   field read across a tile's edge, a NaN) takes that step on the point

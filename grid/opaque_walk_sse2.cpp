@@ -1,5 +1,6 @@
-// The lane road of the walk: four walks in step, each lane doing the point
-// road's operations for its own point in the same order. The field's reads
+// The lane road of the walk: eight walks in step, in two groups of four
+// lanes, each lane doing the point road's operations for its own point in
+// the same order. The field's reads
 // are gathered lane by lane; the arithmetic between them runs in the lanes,
 // single precision four at a time and double precision two at a time.
 #include "grid/opaque_walk.h"
@@ -123,11 +124,11 @@ inline int32_t solidLanes(const WalkView& w, __m128i x, __m128i y, int32_t lanes
   return solid;
 }
 
-// The walks in the lanes: each lane's point, its steps so far, and the index
-// of the point it walks. The lanes run as groups of four, each group a chain
-// of steps of its own that the processor overlaps with the others'.
+// The lanes run as groups of four, each group a chain of steps of its own
+// that the processor overlaps with the others'.
 constexpr int32_t kGroups = 2;
 constexpr int32_t kAllLanes = kLanes * kGroups;
+constexpr int32_t kGroupBits = (1 << kLanes) - 1;
 constexpr int32_t kAllLaneBits = (1 << kAllLanes) - 1;
 
 inline int32_t lowestBit(int32_t bits) {
@@ -142,6 +143,9 @@ inline int32_t lowestBit(int32_t bits) {
   return n;
 #endif
 }
+
+// The walks in the lanes: each lane's point, its steps so far, and the index
+// of the point it walks.
 struct Lanes {
   alignas(16) float x[kAllLanes];
   alignas(16) float y[kAllLanes];
@@ -236,10 +240,13 @@ int32_t endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* next
 // lanes left to the point road come back as a mask.
 int32_t stepLanes(const WalkView& w, const Lanes& l, int32_t busy, float* nextX, float* nextY, int32_t* arrived) {
   GroupStep g[kGroups];
-  for (int32_t k = 0; k < kGroups; ++k) beginStep(w, l.x + k * kLanes, l.y + k * kLanes, (busy >> (k * kLanes)) & 15, &g[k]);
+  for (int32_t k = 0; k < kGroups; ++k) {
+    beginStep(w, l.x + k * kLanes, l.y + k * kLanes, (busy >> (k * kLanes)) & kGroupBits, &g[k]);
+  }
   int32_t left = 0;
   for (int32_t k = 0; k < kGroups; ++k) {
-    *arrived |= endStep(w, g[k], (busy >> (k * kLanes)) & 15, nextX + k * kLanes, nextY + k * kLanes) << (k * kLanes);
+    const int32_t groupBusy = (busy >> (k * kLanes)) & kGroupBits;
+    *arrived |= endStep(w, g[k], groupBusy, nextX + k * kLanes, nextY + k * kLanes) << (k * kLanes);
     left |= g[k].left << (k * kLanes);
   }
   return left;
