@@ -62,22 +62,24 @@ void PI_CALL interposedEntry(int16_t selector, void* record, intptr_t* data, int
 
 }  // namespace
 
-std::vector<std::string> moduleSearchPath() {
+std::vector<std::string> besideTool(const std::string& name) {
   std::filesystem::path folder = ".";
   char self[4096];
   ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
   if (n > 0) folder = std::filesystem::path(std::string(self, size_t(n))).parent_path();
-  return {(folder / "MendarisK.so").string(),
-          (folder / MENDARIS_MODULE_DIR_FROM_BIN / "MendarisK.so").lexically_normal().string()};
+  return {(folder / name).string(), (folder / MENDARIS_MODULE_DIR_FROM_BIN / name).lexically_normal().string()};
 }
 
-std::string defaultModule() {
-  std::vector<std::string> places = moduleSearchPath();
+std::string firstPresent(const std::vector<std::string>& places) {
   struct stat info;
   for (const std::string& place : places)
     if (stat(place.c_str(), &info) == 0) return place;
   return places.back();
 }
+
+std::vector<std::string> moduleSearchPath() { return besideTool("MendarisK.so"); }
+
+std::string defaultModule() { return firstPresent(moduleSearchPath()); }
 
 std::vector<uint8_t> copyAlpha(const standin::Document& d) {
   size_t sample = size_t(d.sampleBytes()), pixels = size_t(d.width) * size_t(d.height);

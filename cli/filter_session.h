@@ -31,12 +31,19 @@ struct FilterSession {
   bool ranBefore = false;
 };
 
-// Where the tool looks for the module when --module is not given, in order:
+// Where the tool looks for a module of its own named `name`, in order:
 // beside the program (as a build leaves them), then in the module folder of
 // an installation, found from the program's own folder; never a build path.
+std::vector<std::string> besideTool(const std::string& name);
+
+// The first of `places` that exists, else the last (the installed one, for
+// its message).
+std::string firstPresent(const std::vector<std::string>& places);
+
+// Where the tool looks for the plug-in module when --module is not given.
 std::vector<std::string> moduleSearchPath();
 
-// The first of those that exists, else the installed one (for its message).
+// The first of those that exists, else the installed one.
 std::string defaultModule();
 
 // --keep-alpha: the layer's transparency plane, copied out before a run and

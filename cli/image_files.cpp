@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <new>
 
 #include "cli/image_library.h"
@@ -40,14 +39,7 @@ const ImageLibrary* imageLibrary(std::string& problem) {
 #ifdef MENDARIS_IMAGES_LINKED
   table = mendarisImageLibrary();
 #else
-  std::vector<std::string> places = imageLibrarySearchPath();
-  std::string place = places.back();
-  struct stat info;
-  for (const std::string& p : places)
-    if (stat(p.c_str(), &info) == 0) {
-      place = p;
-      break;
-    }
+  const std::string place = firstPresent(imageLibrarySearchPath());
   void* handle = dlopen(place.c_str(), RTLD_NOW | RTLD_LOCAL);
   auto entry = handle == nullptr ? nullptr
                                  : reinterpret_cast<const ImageLibrary* (*)()>(dlsym(handle, "mendarisImageLibrary"));
@@ -201,14 +193,7 @@ bool makeLayer(standin::Document& document, int32_t width, int32_t height, int d
   return true;
 }
 
-std::vector<std::string> imageLibrarySearchPath() {
-  std::filesystem::path folder = ".";
-  char self[4096];
-  ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (n > 0) folder = std::filesystem::path(std::string(self, size_t(n))).parent_path();
-  return {(folder / kImageLibraryName).string(),
-          (folder / MENDARIS_MODULE_DIR_FROM_BIN / kImageLibraryName).lexically_normal().string()};
-}
+std::vector<std::string> imageLibrarySearchPath() { return besideTool(kImageLibraryName); }
 
 bool sameFile(const std::string& a, const std::string& b) {
   struct stat sa, sb;
