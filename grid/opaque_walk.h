@@ -114,7 +114,9 @@ bool nearestOpaque(float x, float y, float* outX, float* outY);
 //   whose step leaves the usual case (a reflection at the image's edge, a
 //   field read across a tile's edge, a NaN) takes that step on the point
 //   road. Every value comes from the same operations in the same order, so
-//   both roads land every point on the same bits.
+//   both roads land every point on the same bits. A walk that stands still
+//   or swings between two points ends early on the point its last step
+//   would give.
 
 enum WalkRoad : int32_t {
   kWalkRoadPoints = 0,

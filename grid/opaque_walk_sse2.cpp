@@ -144,14 +144,25 @@ inline int32_t lowestBit(int32_t bits) {
 #endif
 }
 
-// The walks in the lanes: each lane's point, its steps so far, and the index
-// of the point it walks.
+// The walks in the lanes: each lane's point, the point it stood on one step
+// before, its steps so far, and the index of the point it walks.
 struct Lanes {
   alignas(16) float x[kAllLanes];
   alignas(16) float y[kAllLanes];
+  alignas(16) float lastX[kAllLanes];
+  alignas(16) float lastY[kAllLanes];
   int32_t steps[kAllLanes];
   int32_t point[kAllLanes];
 };
+
+// The lanes of a group whose points a and b are the same bits in x and in y.
+inline int32_t sameBitsLanes(const float* ax, const float* ay, const float* bx, const float* by) {
+  const __m128i x = _mm_cmpeq_epi32(_mm_load_si128(reinterpret_cast<const __m128i*>(ax)),
+                                    _mm_load_si128(reinterpret_cast<const __m128i*>(bx)));
+  const __m128i y = _mm_cmpeq_epi32(_mm_load_si128(reinterpret_cast<const __m128i*>(ay)),
+                                    _mm_load_si128(reinterpret_cast<const __m128i*>(by)));
+  return _mm_movemask_ps(_mm_castsi128_ps(_mm_and_si128(x, y)));
+}
 
 // A group's step up to its field reads: the taps, and the lanes it leaves to
 // the point road (a reflection, an unusual read).
@@ -257,7 +268,7 @@ int32_t stepLanes(const WalkView& w, const Lanes& l, int32_t busy, float* nextX,
 void nearestOpaqueLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX,
                         float* outY, uint8_t* walked) {
   Lanes l;
-  for (int32_t lane = 0; lane < kAllLanes; ++lane) l.x[lane] = l.y[lane] = 0.0f;
+  for (int32_t lane = 0; lane < kAllLanes; ++lane) l.x[lane] = l.y[lane] = l.lastX[lane] = l.lastY[lane] = 0.0f;
   int32_t busy = 0;
   int32_t next = 0;
   for (;;) {
@@ -292,17 +303,40 @@ void nearestOpaqueLanes(const WalkView& w, int32_t count, const float* xs, const
       const int32_t lane = lowestBit(lanes);
       if (walkStepIn(w, l.x[lane], l.y[lane], &nextX[lane], &nextY[lane], true)) arrived |= 1 << lane;
     }
+    // A step is a function of the point's bits alone, so a walk that comes
+    // back to a point it stood on repeats itself from there to its last
+    // step: one whose step left it where it stood ends there, one that came
+    // back to where it stood two steps before swings between the two.
+    int32_t still = 0;
+    int32_t swings = 0;
+    for (int32_t k = 0; k < kGroups; ++k) {
+      const int32_t at = k * kLanes;
+      still |= sameBitsLanes(nextX + at, nextY + at, l.x + at, l.y + at) << at;
+      swings |= sameBitsLanes(nextX + at, nextY + at, l.lastX + at, l.lastY + at) << at;
+    }
+    int32_t done = arrived & busy;
+    int32_t back = 0;
+    for (int32_t lanes = busy & ~done; lanes != 0; lanes &= lanes - 1) {
+      const int32_t lane = lowestBit(lanes);
+      const int32_t steps = ++l.steps[lane];
+      const int32_t bit = 1 << lane;
+      if (steps == kWalkSteps || (still & bit) != 0) {
+        done |= bit;
+      } else if (steps >= 2 && (swings & bit) != 0) {
+        done |= bit;
+        // An odd number of steps to go ends on the other point of the swing.
+        if (((kWalkSteps - steps) & 1) != 0) back |= bit;
+      }
+    }
+    memcpy(l.lastX, l.x, sizeof l.x);
+    memcpy(l.lastY, l.y, sizeof l.y);
     memcpy(l.x, nextX, sizeof l.x);
     memcpy(l.y, nextY, sizeof l.y);
-    int32_t done = arrived & busy;
-    for (int32_t lanes = busy; lanes != 0; lanes &= lanes - 1) {
-      const int32_t lane = lowestBit(lanes);
-      if (++l.steps[lane] == kWalkSteps) done |= 1 << lane;
-    }
     for (int32_t lanes = done; lanes != 0; lanes &= lanes - 1) {
       const int32_t lane = lowestBit(lanes);
-      outX[l.point[lane]] = l.x[lane];
-      outY[l.point[lane]] = l.y[lane];
+      const bool other = (back & (1 << lane)) != 0;
+      outX[l.point[lane]] = other ? l.lastX[lane] : l.x[lane];
+      outY[l.point[lane]] = other ? l.lastY[lane] : l.y[lane];
     }
     busy &= ~done;
   }
