@@ -566,16 +566,16 @@ void smoothStore(PixelStore* store, int32_t level, VRect rect, float radius) {
   }
 }
 
-void buildFillFields(PixelStore* source) {
+PixelStore* seedFillFields(PixelStore* source) {
   ParamBlock* params = hostContext.paramBlock;
-  if (params == nullptr) return;
+  if (params == nullptr) return nullptr;
   params->distanceStore = nullptr;
   params->spareStore = nullptr;
   // A source that could not be loaded has no pixels to derive anything from;
   // its failure was reported when it was made.
   if (source == nullptr || source->tiles == nullptr) {
     params->opaqueStore = nullptr;
-    return;
+    return nullptr;
   }
   const VRect r = levelRect(source, 0);
   const int32_t width = r.right - r.left;
@@ -590,13 +590,23 @@ void buildFillFields(PixelStore* source) {
     reportShortfall(kErrSourceStore, kResultSourceFailed);
   }
   PixelStore* field = params->distanceStore;
-  if (field == nullptr) return;
+  if (field != nullptr) seedDistanceStore(source, field, 0);
+  return field;
+}
 
-  seedDistanceStore(source, field, 0);
+void sweepFillField(PixelStore* field) {
   // The depth of solid pixels, measured from the pixels that are not solid.
   sweepDistance(field);
   invertDistanceStore(field);
   // The distance of bare pixels, measured from the covered ones.
   sweepDistance(field);
-  smoothStore(field, 0, levelRect(field, 0), kFieldSmoothRadius);
+}
+
+void smoothFillField(PixelStore* field) { smoothStore(field, 0, levelRect(field, 0), kFieldSmoothRadius); }
+
+void buildFillFields(PixelStore* source) {
+  PixelStore* field = seedFillFields(source);
+  if (field == nullptr) return;
+  sweepFillField(field);
+  smoothFillField(field);
 }

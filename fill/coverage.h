@@ -7,7 +7,8 @@
 //   9 cells at the left and top and 11 at the right and bottom.
 //
 // Both hang from ParamBlock and live for one run. Everything here runs on the
-// host's thread, but for the smoothing, which goes through the job pool.
+// host's thread, but for the smoothing, which goes through the job pool, and
+// the sweeps, which the run may hand to a thread of their own.
 #pragma once
 
 #include <stdint.h>
@@ -40,6 +41,15 @@ constexpr float kFieldSmoothRadius = 6.0f;
 // must have been freed. A store that cannot be made leaves its pointer null
 // and reports code 226 with result 999; the field is then left unbuilt.
 void buildFillFields(PixelStore* source);
+
+// buildFillFields in its three steps. The first makes both stores, the map
+// whole and the field seeded from the source's alpha, and gives the field
+// (null when it could not be made). The sweeps read and write the field
+// alone, so they may run on another thread while the source is filled; the
+// smoothing goes through the job pool, on the host's thread.
+PixelStore* seedFillFields(PixelStore* source);
+void sweepFillField(PixelStore* field);
+void smoothFillField(PixelStore* field);
 
 // A kind 0 store of the size of level 0 of `source`: 255 for solid, 0 for the
 // others. Null when it could not be made.

@@ -6,6 +6,7 @@
 #include "host/blocks.h"
 #include "host/host_record.h"
 #include "host/plugin_main.h"
+#include "platform/platform.h"
 #include "run/band_render.h"
 #include "run/job_pool.h"
 #include "run/tile_transfer.h"
@@ -16,6 +17,42 @@ namespace {
 ParamBlock* params() { return hostContext.paramBlock; }
 
 }  // namespace
+
+namespace {
+
+struct SweepShare {
+  PixelStore* field;
+  PlatformEvent done;
+};
+
+void sweepShareEntry(void* argument) {
+  SweepShare* share = static_cast<SweepShare*>(argument);
+  sweepFillField(share->field);
+  platformSetEvent(share->done);
+}
+
+// The sweeps keep a few rows of bookkeeping on the stack.
+constexpr uint32_t kSweepStackBytes = 256 * 1024;
+
+}  // namespace
+
+void fillBesideSweeps(PixelStore* source) {
+  PixelStore* field = seedFillFields(source);
+  // The sweeps touch the field alone and the fill the source alone: with a
+  // second processor the sweeps run on a thread of their own meanwhile. Either
+  // way every value is the same.
+  SweepShare share = {field, nullptr};
+  bool beside = false;
+  if (field != nullptr && platformProcessorCount() >= 2) {
+    share.done = platformCreateEvent();
+    beside = share.done != nullptr && platformStartThread(sweepShareEntry, &share, kSweepStackBytes);
+  }
+  if (field != nullptr && !beside) sweepFillField(field);
+  fillLevels(source, 3);
+  if (beside) platformWaitEvent(share.done);
+  if (share.done != nullptr) platformCloseEvent(share.done);
+  if (field != nullptr) smoothFillField(field);
+}
 
 void fillOddsTable() {
   InstanceBlock* instance = hostContext.instanceBlock;
@@ -107,9 +144,8 @@ void runFill(InstanceBlock* instance) {
   instance->loadStepped = 0;
   instance->loadDone = 0;
   instance->loadCursor = 0;
-  // The fields come first: the fill destroys alpha.
-  buildFillFields(&instance->sourceStore);
-  fillLevels(&instance->sourceStore, 3);
+  // The fields are seeded first: the fill destroys alpha.
+  fillBesideSweeps(&instance->sourceStore);
   instance->loadIndex = 0;
   instance->loadStep = 1;
   instance->loadStepped = 0;

@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 struct InstanceBlock;
+struct PixelStore;
 
 void runFilter();
 
@@ -15,4 +16,7 @@ void prepareHostFrameAt(InstanceBlock* instance, int32_t rate);
 void beginRunProgress(InstanceBlock* instance);
 void prepareRunScratch(InstanceBlock* instance);
 void runFill(InstanceBlock* instance);
+// The coverage fields of the source, then its fill (three passes): the
+// fill runs beside the field's sweeps where there is a processor for each.
+void fillBesideSweeps(PixelStore* source);
 void freeFillStores();
