@@ -90,6 +90,27 @@ void filterRow(Filter filter, const uint8_t* row, const uint8_t* prior, size_t n
   }
 }
 
+// The Paeth row of filterRow, written branch-free in 16-bit lanes so that the
+// compiler runs it on vectors: a third of the time, the same bytes.
+void paethRow(const uint8_t* __restrict row, const uint8_t* __restrict prior, size_t n, size_t bpp,
+              uint8_t* __restrict out) {
+  out[0] = kPaeth;
+  uint8_t* o = out + 1;
+  for (size_t i = 0; i < bpp && i < n; ++i) o[i] = uint8_t(row[i] - prior[i]);
+  for (size_t i = bpp; i < n; ++i) {
+    const int16_t a = row[i - bpp], b = prior[i], c = prior[i - bpp];
+    int16_t pa = int16_t(b - c);
+    pa = pa < 0 ? int16_t(-pa) : pa;
+    int16_t pb = int16_t(a - c);
+    pb = pb < 0 ? int16_t(-pb) : pb;
+    int16_t pc = int16_t(a + b - 2 * c);
+    pc = pc < 0 ? int16_t(-pc) : pc;
+    int16_t predicted = pb <= pc ? b : c;
+    predicted = pa <= pb && pa <= pc ? a : predicted;
+    o[i] = uint8_t(row[i] - predicted);
+  }
+}
+
 uint64_t magnitude(const uint8_t* o, size_t n) {
   uint64_t sum = 0;
   for (size_t i = 0; i < n; ++i) sum += uint64_t(abs(int(int8_t(o[i]))));
@@ -104,8 +125,11 @@ struct Band {
   bool ok = true;
 };
 
+// How the rows of a band are filtered.
+enum class RowFilters { kUp, kPaeth, kBestOfFive };
+
 // Filters the band's rows into `filtered`.
-void filterBand(const RowSource& source, const Band& band, bool adaptive, std::vector<uint8_t>& filtered) {
+void filterBand(const RowSource& source, const Band& band, RowFilters filters, std::vector<uint8_t>& filtered) {
   size_t n = source.rowBytes;
   size_t bpp = size_t(source.channels) * size_t(source.document->depth / 8);
   std::vector<uint8_t> prior(n, 0), row(n), trial(n + 1);
@@ -114,8 +138,10 @@ void filterBand(const RowSource& source, const Band& band, bool adaptive, std::v
   for (int32_t r = 0; r < band.rows; ++r) {
     source.row(band.firstRow + r, row.data());
     uint8_t* out = filtered.data() + size_t(r) * (n + 1);
-    if (!adaptive) {
+    if (filters == RowFilters::kUp) {
       filterRow(kUp, row.data(), prior.data(), n, bpp, out);
+    } else if (filters == RowFilters::kPaeth) {
+      paethRow(row.data(), prior.data(), n, bpp, out);
     } else {
       uint64_t best = UINT64_MAX;
       for (Filter f : {kNone, kSub, kUp, kAverage, kPaeth}) {
@@ -288,7 +314,10 @@ bool writePng(FILE* file, const standin::Document& document, bool withAlpha, int
     for (size_t i = next++; i < bands.size() && !stop; i = next++) {
       Band& band = bands[i];
       bool last = i + 1 == bands.size();
-      filterBand(source, band, compression != kCompressionFast, filtered);
+      const RowFilters filters = compression == kCompressionFast      ? RowFilters::kUp
+                                 : compression == kCompressionDefault ? RowFilters::kPaeth
+                                                                      : RowFilters::kBestOfFive;
+      filterBand(source, band, filters, filtered);
       band.filteredBytes = filtered.size();
       band.adler = libdeflate_adler32(1, filtered.data(), filtered.size());
       band.ok = compression <= kCompressionDefault ? deflateIsal(filtered, last, band.deflated)

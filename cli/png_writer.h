@@ -7,12 +7,14 @@
 //
 //   level     rows filtered with        deflate
 //   fast      Up                        ISA-L level 1
-//   default   the best of the five      ISA-L level 1
+//   default   Paeth                     ISA-L level 1
 //   1..12     the best of the five      libdeflate at that level
 //   smallest  the best of the five      libdeflate level 12
 //
 // "The best of the five" is the usual heuristic: the filter whose output has
-// the smallest sum of magnitudes, taken as signed bytes.
+// the smallest sum of magnitudes, taken as signed bytes. On filled textures
+// Paeth alone comes within about 1% of it, and below it at 16 bits, for a
+// fifth of the filtering.
 #pragma once
 
 #include <stdint.h>
