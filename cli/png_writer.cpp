@@ -46,14 +46,35 @@ struct RowSource {
         for (int c = 0; c < channels; ++c) *to++ = from[size_t(x) * size_t(planes) + size_t(c)];
       return;
     }
-    for (int32_t x = 0; x < d.width; ++x) {
-      for (int c = 0; c < channels; ++c) {
+    if (channels == planes) {
+      // Every sample in turn: a loop the compiler runs on vectors.
+      const size_t count = size_t(d.width) * size_t(planes);
+      for (size_t i = 0; i < count; ++i) {
         uint16_t h;
-        memcpy(&h, from + (size_t(x) * size_t(planes) + size_t(c)) * 2, 2);
-        uint16_t v = c == d.colourPlanes && alpha16 != nullptr ? alpha16[size_t(y) * size_t(d.width) + size_t(x)]
-                                                               : hostToFile16(h);
-        *to++ = uint8_t(v >> 8);
-        *to++ = uint8_t(v & 0xff);
+        memcpy(&h, from + i * 2, 2);
+        const uint16_t v = hostToFile16(h);
+        to[2 * i] = uint8_t(v >> 8);
+        to[2 * i + 1] = uint8_t(v & 0xff);
+      }
+    } else {
+      uint8_t* out = to;
+      for (int32_t x = 0; x < d.width; ++x) {
+        for (int c = 0; c < channels; ++c) {
+          uint16_t h;
+          memcpy(&h, from + (size_t(x) * size_t(planes) + size_t(c)) * 2, 2);
+          const uint16_t v = hostToFile16(h);
+          *out++ = uint8_t(v >> 8);
+          *out++ = uint8_t(v & 0xff);
+        }
+      }
+    }
+    if (alpha16 != nullptr && channels > d.colourPlanes) {
+      // The file's own alpha goes back as it was.
+      const uint16_t* alpha = alpha16 + size_t(y) * size_t(d.width);
+      for (int32_t x = 0; x < d.width; ++x) {
+        uint8_t* sample = to + (size_t(x) * size_t(channels) + size_t(d.colourPlanes)) * 2;
+        sample[0] = uint8_t(alpha[x] >> 8);
+        sample[1] = uint8_t(alpha[x] & 0xff);
       }
     }
   }
