@@ -468,18 +468,23 @@ void runBoxPass(PixelStore* store, int32_t level, VRect rect, JobKind kind, int3
 
 }  // namespace
 
-PixelStore* buildOpaqueStore(const PixelStore* source) {
-  const int32_t width = source->levelWidth[0];
-  const int32_t height = source->levelHeight[0];
+PixelStore* makeOpaqueStore(const PixelStore* source) {
   // Only level 0 of the map is ever read: the levels above get no memory.
-  PixelStore* store = pixelStoreCreate(width, height, kKindGray8, 0, false, 1);
-  if (store == nullptr) return nullptr;
+  return pixelStoreCreate(source->levelWidth[0], source->levelHeight[0], kKindGray8, 0, false, 1);
+}
+
+void markOpaqueStore(const PixelStore* source, PixelStore* store) {
   switch (source->kind) {
     case kKindRgba8: markSolidRows<kKindRgba8>(source, store); break;
     case kKindRgba16: markSolidRows<kKindRgba16>(source, store); break;
     case kKindRgbaFloat: markSolidRows<kKindRgbaFloat>(source, store); break;
     default: markSolidPixels<-1>(source, store); break;
   }
+}
+
+PixelStore* buildOpaqueStore(const PixelStore* source) {
+  PixelStore* store = makeOpaqueStore(source);
+  if (store != nullptr) markOpaqueStore(source, store);
   return store;
 }
 
@@ -566,7 +571,7 @@ void smoothStore(PixelStore* store, int32_t level, VRect rect, float radius) {
   }
 }
 
-PixelStore* seedFillFields(PixelStore* source) {
+PixelStore* makeFillFields(const PixelStore* source) {
   ParamBlock* params = hostContext.paramBlock;
   if (params == nullptr) return nullptr;
   params->distanceStore = nullptr;
@@ -584,14 +589,17 @@ PixelStore* seedFillFields(PixelStore* source) {
   // Only level 0 of the field is ever read: the levels above get no memory.
   params->distanceStore =
       pixelStoreCreate(width + kDistanceGrowth, height + kDistanceGrowth, kKindFloat, 0, true, 1);
-  params->opaqueStore = buildOpaqueStore(source);
+  params->opaqueStore = makeOpaqueStore(source);
   if (params->distanceStore == nullptr || params->opaqueStore == nullptr) {
     // Out of memory for a store of the run: reported as for the source store.
     reportShortfall(kErrSourceStore, kResultSourceFailed);
   }
-  PixelStore* field = params->distanceStore;
+  return params->distanceStore;
+}
+
+void seedFillFields(const PixelStore* source, PixelStore* opaque, PixelStore* field) {
+  if (opaque != nullptr) markOpaqueStore(source, opaque);
   if (field != nullptr) seedDistanceStore(source, field, 0);
-  return field;
 }
 
 void sweepFillField(PixelStore* field) {
@@ -605,7 +613,9 @@ void sweepFillField(PixelStore* field) {
 void smoothFillField(PixelStore* field) { smoothStore(field, 0, levelRect(field, 0), kFieldSmoothRadius); }
 
 void buildFillFields(PixelStore* source) {
-  PixelStore* field = seedFillFields(source);
+  PixelStore* field = makeFillFields(source);
+  if (source == nullptr || source->tiles == nullptr) return;
+  seedFillFields(source, hostContext.paramBlock->opaqueStore, field);
   if (field == nullptr) return;
   sweepFillField(field);
   smoothFillField(field);

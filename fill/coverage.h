@@ -8,7 +8,7 @@
 //
 // Both hang from ParamBlock and live for one run. Everything here runs on the
 // host's thread, but for the smoothing, which goes through the job pool, and
-// the sweeps, which the run may hand to a thread of their own.
+// the seeding and the sweeps, which the run may hand to a thread of their own.
 #pragma once
 
 #include <stdint.h>
@@ -42,18 +42,24 @@ constexpr float kFieldSmoothRadius = 6.0f;
 // and reports code 226 with result 999; the field is then left unbuilt.
 void buildFillFields(PixelStore* source);
 
-// buildFillFields in its three steps. The first makes both stores, the map
-// whole and the field seeded from the source's alpha, and gives the field
-// (null when it could not be made). The sweeps read and write the field
-// alone, so they may run on another thread while the source is filled; the
-// smoothing goes through the job pool, on the host's thread.
-PixelStore* seedFillFields(PixelStore* source);
+// buildFillFields in its four steps. The first, on the host's thread, makes
+// both stores in ParamBlock, empty, and gives the field (null when it could
+// not be made). The second writes the map and seeds the field from the alpha
+// of level 0; the third sweeps the field. Those two read level 0 of the
+// source and write the two stores alone, so they may run on another thread
+// while the levels above are reduced, and the sweeps while the source is
+// filled. The smoothing goes through the job pool, on the host's thread.
+PixelStore* makeFillFields(const PixelStore* source);
+void seedFillFields(const PixelStore* source, PixelStore* opaque, PixelStore* field);
 void sweepFillField(PixelStore* field);
 void smoothFillField(PixelStore* field);
 
 // A kind 0 store of the size of level 0 of `source`: 255 for solid, 0 for the
-// others. Null when it could not be made.
+// others. Null when it could not be made. The same in two steps: the store
+// made, then marked.
 PixelStore* buildOpaqueStore(const PixelStore* source);
+PixelStore* makeOpaqueStore(const PixelStore* source);
+void markOpaqueStore(const PixelStore* source, PixelStore* store);
 
 // Every cell of `level` of the field, margin included, takes the alpha of the
 // nearest image pixel (edges run on through the margin) when that alpha is

@@ -20,38 +20,72 @@ ParamBlock* params() { return hostContext.paramBlock; }
 
 namespace {
 
-struct SweepShare {
+// The coverage fields of a run, from the moment its source is read to the
+// fill. With a second processor a thread of their own seeds and sweeps them
+// while the host's thread reduces the levels and then fills the source; the
+// fill waits for the seeding, since it destroys the alpha the seeds come from.
+struct FieldWork {
+  PixelStore* source;
+  PixelStore* opaque;
   PixelStore* field;
-  PlatformEvent done;
+  bool made;
+  bool beside;
+  PlatformEvent seeded;
+  PlatformEvent swept;
 };
 
-void sweepShareEntry(void* argument) {
-  SweepShare* share = static_cast<SweepShare*>(argument);
-  sweepFillField(share->field);
-  platformSetEvent(share->done);
+// One run at a time per process, started and ended on the host's thread.
+FieldWork fieldWork;
+
+void fieldWorkEntry(void* argument) {
+  FieldWork* work = static_cast<FieldWork*>(argument);
+  seedFillFields(work->source, work->opaque, work->field);
+  platformSetEvent(work->seeded);
+  sweepFillField(work->field);
+  platformSetEvent(work->swept);
 }
 
 // The sweeps keep a few rows of bookkeeping on the stack.
-constexpr uint32_t kSweepStackBytes = 256 * 1024;
+constexpr uint32_t kFieldStackBytes = 256 * 1024;
+
+void closeFieldEvents(FieldWork* work) {
+  if (work->seeded != nullptr) platformCloseEvent(work->seeded);
+  if (work->swept != nullptr) platformCloseEvent(work->swept);
+  work->seeded = nullptr;
+  work->swept = nullptr;
+}
 
 }  // namespace
 
+void startFillFields(PixelStore* source) {
+  FieldWork& work = fieldWork;
+  work = FieldWork{};
+  work.source = source;
+  work.field = makeFillFields(source);
+  work.opaque = params() != nullptr ? params()->opaqueStore : nullptr;
+  work.made = true;
+  if (work.field == nullptr || platformProcessorCount() < 2) return;
+  work.seeded = platformCreateEvent();
+  work.swept = platformCreateEvent();
+  work.beside = work.seeded != nullptr && work.swept != nullptr &&
+                platformStartThread(fieldWorkEntry, &work, kFieldStackBytes);
+  if (!work.beside) closeFieldEvents(&work);
+}
+
 void fillBesideSweeps(PixelStore* source) {
-  PixelStore* field = seedFillFields(source);
-  // The sweeps touch the field alone and the fill the source alone: with a
-  // second processor the sweeps run on a thread of their own meanwhile. Either
-  // way every value is the same.
-  SweepShare share = {field, nullptr};
-  bool beside = false;
-  if (field != nullptr && platformProcessorCount() >= 2) {
-    share.done = platformCreateEvent();
-    beside = share.done != nullptr && platformStartThread(sweepShareEntry, &share, kSweepStackBytes);
+  if (!fieldWork.made || fieldWork.source != source) startFillFields(source);
+  FieldWork& work = fieldWork;
+  if (work.beside) {
+    platformWaitEvent(work.seeded);
+  } else if (source != nullptr && source->tiles != nullptr) {
+    seedFillFields(source, work.opaque, work.field);
+    if (work.field != nullptr) sweepFillField(work.field);
   }
-  if (field != nullptr && !beside) sweepFillField(field);
   fillLevels(source, 3);
-  if (beside) platformWaitEvent(share.done);
-  if (share.done != nullptr) platformCloseEvent(share.done);
-  if (field != nullptr) smoothFillField(field);
+  if (work.beside) platformWaitEvent(work.swept);
+  closeFieldEvents(&work);
+  if (work.field != nullptr) smoothFillField(work.field);
+  work = FieldWork{};
 }
 
 void fillOddsTable() {
@@ -81,8 +115,10 @@ void loadSource(InstanceBlock* instance) {
   instance->tileCount = instance->runRows;
   instance->loadCursor = 0;
   PixelStore* store = &instance->sourceStore;
-  // The tiles come in first, and only then are the levels reduced.
+  // The tiles come in first, and only then are the levels reduced; level 0
+  // is complete, and the coverage fields start from it meanwhile.
   readSource(store);
+  startFillFields(store);
   if (store->edgeMode != -1) buildLevels(store, 0);
   p->sourceLoaded = true;
 }
