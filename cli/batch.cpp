@@ -11,9 +11,9 @@
 #include <unistd.h>
 
 #include <functional>
-#include <thread>
 
 #include "cli/interrupt.h"
+#include "cli/processors.h"
 #include "cli/progress.h"
 
 namespace mendaris_cli {
@@ -66,10 +66,7 @@ bool startWorker(const std::function<int(const BatchFile&)>& runOne, const Batch
 
 }  // namespace
 
-int defaultJobs() {
-  unsigned n = std::thread::hardware_concurrency();
-  return n == 0 ? 1 : int(n);
-}
+int defaultJobs() { return processorCount(); }
 
 BatchResult runBatch(const std::vector<BatchFile>& files, const std::function<int(const BatchFile&)>& runOne,
                      int parallel) {

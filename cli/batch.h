@@ -29,7 +29,8 @@ struct BatchResult {
 BatchResult runBatch(const std::vector<BatchFile>& files, const std::function<int(const BatchFile&)>& runOne,
                      int parallel);
 
-// The number of workers when none is asked for: one per processor.
+// The number of workers when none is asked for: one per processor of the
+// process's CPU affinity.
 int defaultJobs();
 
 }  // namespace mendaris_cli

@@ -13,6 +13,7 @@
 #include <zlib.h>
 
 #include "cli/depth_mapping.h"
+#include "cli/processors.h"
 
 namespace mendaris_cli {
 
@@ -347,7 +348,7 @@ bool writePng(FILE* file, const standin::Document& document, bool withAlpha, int
       if (reporting && progress != nullptr && progress(progressData, float(done) / float(bands.size()))) stop = true;
     }
   };
-  size_t workers = std::min<size_t>(bands.size(), std::max(1u, std::thread::hardware_concurrency()));
+  size_t workers = std::min<size_t>(bands.size(), size_t(processorCount()));
   std::vector<std::thread> threads;
   for (size_t w = 1; w < workers; ++w) threads.emplace_back(work, false);
   work(true);
