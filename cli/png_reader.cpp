@@ -7,9 +7,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <vector>
 
+#include <isa-l/igzip_lib.h>
 #include <libdeflate.h>
 
 #include "cli/depth_mapping.h"
@@ -87,6 +92,100 @@ bool isSoftwareText(const uint8_t* type, const uint8_t* data, uint32_t size) {
   return size >= 9 && memcmp(data, "Software", 9) == 0;
 }
 
+// The zlib stream inflated by ISA-L on a thread of its own, a piece at a
+// time, while the reading thread unfilters the rows already out. The stream
+// must fill the buffer exactly, end there, and carry the right checksum.
+class PipedInflate {
+ public:
+  PipedInflate(const uint8_t* stream, size_t streamSize, uint8_t* out, size_t outSize)
+      : stream_(stream), streamSize_(streamSize), out_(out), outSize_(outSize), worker_([this] { run(); }) {}
+  PipedInflate(const PipedInflate&) = delete;
+  PipedInflate& operator=(const PipedInflate&) = delete;
+  ~PipedInflate() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stop_ = true;
+    }
+    worker_.join();
+  }
+
+  // Waits until the first `bytes` are out; false when the stream failed first.
+  bool waitFor(size_t bytes) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    ready_.wait(lock, [&] { return out_ready_ >= bytes || state_ != kRunning; });
+    return out_ready_ >= bytes;
+  }
+
+  // Waits for the end: true when the whole stream was right.
+  bool succeeded() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    ready_.wait(lock, [&] { return state_ != kRunning; });
+    return state_ == kSucceeded;
+  }
+
+ private:
+  enum State { kRunning, kSucceeded, kFailed };
+  // Output is handed over in pieces of this size.
+  static constexpr size_t kPiece = size_t(1) << 20;
+
+  void run() {
+    inflate_state s;
+    isal_inflate_init(&s);
+    s.crc_flag = ISAL_ZLIB;
+    size_t fed = 0;
+    size_t done = 0;
+    State end = kFailed;
+    uint8_t spare[64];
+    for (;;) {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stop_) break;
+      }
+      // Once the buffer is full, the rest may only close the stream.
+      const bool full = done == outSize_;
+      const size_t want = full ? sizeof spare : std::min(kPiece, outSize_ - done);
+      s.next_out = full ? spare : out_ + done;
+      s.avail_out = uint32_t(want);
+      if (s.avail_in == 0 && fed < streamSize_) {
+        // The stream goes in a gibibyte at a time: avail_in counts 32 bits.
+        s.next_in = const_cast<uint8_t*>(stream_) + fed;
+        s.avail_in = uint32_t(std::min(streamSize_ - fed, size_t(1) << 30));
+        fed += s.avail_in;
+      }
+      const uint32_t inBefore = s.avail_in;
+      if (isal_inflate(&s) != ISAL_DECOMP_OK) break;
+      const size_t produced = want - s.avail_out;
+      if (full && produced > 0) break;
+      done += produced;
+      if (s.block_state == ISAL_BLOCK_FINISH) {
+        if (done == outSize_) end = kSucceeded;
+        break;
+      }
+      if (produced == 0 && s.avail_in == inBefore && fed == streamSize_) break;
+      if (!full) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        out_ready_ = done;
+        ready_.notify_all();
+      }
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    out_ready_ = end == kSucceeded ? done : out_ready_;
+    state_ = end;
+    ready_.notify_all();
+  }
+
+  const uint8_t* stream_;
+  size_t streamSize_;
+  uint8_t* out_;
+  size_t outSize_;
+  std::mutex mutex_;
+  std::condition_variable ready_;
+  size_t out_ready_ = 0;
+  State state_ = kRunning;
+  bool stop_ = false;
+  std::thread worker_;
+};
+
 }  // namespace
 
 bool readPlainPng(const std::string& path, standin::Document& document) {
@@ -146,17 +245,12 @@ bool readPlainPng(const std::string& path, standin::Document& document, std::vec
   size_t rows = size_t(document.height);
   Mapping raw;
   if (!raw.map(rows * (rowBytes + 1), -1)) return false;
-  libdeflate_decompressor* inflater = libdeflate_alloc_decompressor();
-  if (inflater == nullptr) return false;
-  size_t produced = 0;
-  libdeflate_result result =
-      libdeflate_zlib_decompress(inflater, file.data, streamSize, raw.data, raw.size, &produced);
-  libdeflate_free_decompressor(inflater);
-  if (result != LIBDEFLATE_SUCCESS || produced != raw.size) return false;
+  PipedInflate inflate(file.data, streamSize, raw.data, raw.size);
 
   std::vector<uint8_t> zeros(rowBytes, 0);
   size_t bpp = size_t(document.planes()) * sampleBytes;
   for (size_t y = 0; y < rows; ++y) {
+    if (!inflate.waitFor((y + 1) * (rowBytes + 1))) return false;
     uint8_t* row = raw.data + y * (rowBytes + 1) + 1;
     const uint8_t* prior = y == 0 ? zeros.data() : row - (rowBytes + 1);
     if (!unfilterRow(row[-1], row, prior, rowBytes, bpp)) return false;
@@ -171,7 +265,7 @@ bool readPlainPng(const std::string& path, standin::Document& document, std::vec
     }
     if (y % 256 == 255 && imageProgress(const_cast<char*>("reading"), float(y) / float(rows))) return false;
   }
-  return true;
+  return inflate.succeeded();
 }
 
 }  // namespace mendaris_cli
