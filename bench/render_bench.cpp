@@ -149,6 +149,41 @@ void BM_RenderUnitImageCorner(benchmark::State& state) {
   renderOneUnit(state, 0, 0);
 }
 
+// The walk alone on each road: every corner of the gap unit's grid (129 x 129
+// points, nearly all on transparent pixels) landed in rows, as the grid does.
+void BM_WalkGapCorners(benchmark::State& state) {
+  const WalkRoad road = WalkRoad(state.range(0));
+  atlas();
+  if (!walkRoadRuns(road)) {
+    state.SkipWithError("road not built or not taken by this processor");
+    return;
+  }
+  WalkView view;
+  walkViewFromBlocks(&view);
+  const int32_t side = kRenderTileSide + 1;
+  std::vector<float> xs, ys, landX(size_t(side) * side), landY(size_t(side) * side);
+  std::vector<uint8_t> walked(size_t(side) * side);
+  for (int32_t y = 0; y < side; ++y)
+    for (int32_t x = 0; x < side; ++x) {
+      xs.push_back(float(3 * kCell - 65 + x));
+      ys.push_back(float(3 * kCell - 65 + y));
+    }
+  for (auto _ : state) {
+    for (int32_t row = 0; row < side; ++row) {
+      const size_t at = size_t(row) * side;
+      nearestOpaqueManyOn(road, view, side, &xs[at], &ys[at], &landX[at], &landY[at], &walked[at]);
+    }
+    benchmark::DoNotOptimize(landX[0]);
+  }
+  state.SetItemsProcessed(int64_t(xs.size()) * int64_t(state.iterations()));
+}
+BENCHMARK(BM_WalkGapCorners)
+    ->ArgName("road")
+    ->Arg(kWalkRoadPoints)
+    ->Arg(kWalkRoadLanes)
+    ->Arg(kWalkRoadWideLanes)
+    ->Unit(benchmark::kMicrosecond);
+
 // ---- the host's half ----------------------------------------------------------------------
 
 // A unit's cursor with its view as a host presents a tile of four planes

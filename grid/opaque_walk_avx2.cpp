@@ -1,0 +1,243 @@
+// The wide lane road of the walk: the lane road's steps in AVX2, groups of
+// eight lanes, each lane doing the point road's operations for its own point
+// in the same order. Single precision runs eight at a time and double
+// precision four at a time; there are no fused operations, so every lane
+// rounds where the point road rounds. Built only where the compiler keeps the
+// stack aligned for 32-byte vectors; taken only on a processor that has AVX2.
+#include "grid/opaque_walk.h"
+
+#if defined(MENDARIS_WALK_AVX2) && defined(__AVX2__) && !defined(MENDARIS_SCALAR_KERNELS)
+#include <immintrin.h>
+
+#include "grid/opaque_walk_lanes.h"
+
+bool walkWideLanesBuilt() { return true; }
+
+namespace {
+
+constexpr int32_t kLanes = 8;
+
+// The base pixel of a field read in each lane, floor-like with an exact
+// negative integer taken one below itself, and the fraction, as fieldTap.
+struct TapLanes {
+  __m256i base;
+  __m256 frac;
+};
+
+inline TapLanes tapLanes(__m256 f) {
+  const __m256 atLeastZero = _mm256_cmp_ps(f, _mm256_setzero_ps(), _CMP_GE_OS);
+  const __m256 pick = _mm256_blendv_ps(_mm256_sub_ps(f, _mm256_set1_ps(1.0f)), f, atLeastZero);
+  TapLanes t;
+  t.base = _mm256_cvttps_epi32(pick);
+  t.frac = _mm256_sub_ps(f, _mm256_cvtepi32_ps(t.base));
+  return t;
+}
+
+inline __m256 joinHalves(__m128 low, __m128 high) {
+  return _mm256_insertf128_ps(_mm256_castps128_ps256(low), high, 1);
+}
+
+// float(double(v) + offset) in each lane.
+inline __m256 offsetLanes(__m256d low, __m256d high, double offset) {
+  const __m256d o = _mm256_set1_pd(offset);
+  return joinHalves(_mm256_cvtpd_ps(_mm256_add_pd(low, o)), _mm256_cvtpd_ps(_mm256_add_pd(high, o)));
+}
+
+inline __m256 lerpLanes(__m256 a, __m256 b, __m256 c, __m256 d, __m256 tx, __m256 ty) {
+  const __m256 top = _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), tx));
+  const __m256 bottom = _mm256_add_ps(c, _mm256_mul_ps(_mm256_sub_ps(d, c), tx));
+  return _mm256_add_ps(top, _mm256_mul_ps(_mm256_sub_ps(bottom, top), ty));
+}
+
+inline int32_t maskOf(__m256i v) { return _mm256_movemask_ps(_mm256_castsi256_ps(v)); }
+
+// The lanes whose five reads lie in the 4 x 4 field pixels from (X - 1,
+// Y - 1) on, all in one tile: the point road's own test for such bases.
+inline int32_t usualLanes(const WalkView& w, const TapLanes& tm, const TapLanes& t0, const TapLanes& tp,
+                          const TapLanes& sm, const TapLanes& s0, const TapLanes& sp) {
+  const __m256i one = _mm256_set1_epi32(1);
+  const __m256i minusOne = _mm256_set1_epi32(-1);
+  __m256i ok = _mm256_and_si256(_mm256_cmpeq_epi32(tm.base, _mm256_sub_epi32(t0.base, one)),
+                                _mm256_cmpeq_epi32(tp.base, _mm256_add_epi32(t0.base, one)));
+  ok = _mm256_and_si256(ok, _mm256_cmpeq_epi32(sm.base, _mm256_sub_epi32(s0.base, one)));
+  ok = _mm256_and_si256(ok, _mm256_cmpeq_epi32(sp.base, _mm256_add_epi32(s0.base, one)));
+  ok = _mm256_and_si256(ok, _mm256_cmpgt_epi32(tm.base, minusOne));
+  ok = _mm256_and_si256(ok, _mm256_cmpgt_epi32(sm.base, minusOne));
+  ok = _mm256_and_si256(ok, _mm256_cmpgt_epi32(_mm256_set1_epi32(w.fieldMaxX), tp.base));
+  ok = _mm256_and_si256(ok, _mm256_cmpgt_epi32(_mm256_set1_epi32(w.fieldMaxY), sp.base));
+  ok = _mm256_and_si256(ok, _mm256_cmpeq_epi32(_mm256_srai_epi32(tm.base, kTileShift),
+                                               _mm256_srai_epi32(_mm256_add_epi32(tp.base, one), kTileShift)));
+  ok = _mm256_and_si256(ok, _mm256_cmpeq_epi32(_mm256_srai_epi32(sm.base, kTileShift),
+                                               _mm256_srai_epi32(_mm256_add_epi32(sp.base, one), kTileShift)));
+  return w.fieldTiles != nullptr ? maskOf(ok) : 0;
+}
+
+inline void storeLanes(__m256i a, __m256i b, int32_t* toA, int32_t* toB) {
+  _mm256_store_si256(reinterpret_cast<__m256i*>(toA), a);
+  _mm256_store_si256(reinterpret_cast<__m256i*>(toB), b);
+}
+
+// The mask of the lanes in `lanes` whose pixel (x, y) is solid (solidIn).
+inline int32_t solidLanes(const WalkView& w, __m256i x, __m256i y, int32_t lanes) {
+  if (!w.opaqueBytes || w.opaqueTiles == nullptr) {
+    alignas(32) int32_t xs[kLanes];
+    alignas(32) int32_t ys[kLanes];
+    storeLanes(x, y, xs, ys);
+    return solidLanesEach(w, xs, ys, lanes);
+  }
+  const __m256i minusOne = _mm256_set1_epi32(-1);
+  const __m256i inside = _mm256_and_si256(
+      _mm256_and_si256(_mm256_cmpgt_epi32(x, minusOne), _mm256_cmpgt_epi32(_mm256_set1_epi32(w.width), x)),
+      _mm256_and_si256(_mm256_cmpgt_epi32(y, minusOne), _mm256_cmpgt_epi32(_mm256_set1_epi32(w.height), y)));
+  lanes &= maskOf(inside);
+  // Inside the source the map's own clamp only lowers a coordinate past its
+  // last pixel; outside lanes read pixel (0, 0) and are not taken.
+  x = _mm256_and_si256(_mm256_min_epi32(x, _mm256_set1_epi32(w.opaqueMaxX)), inside);
+  y = _mm256_and_si256(_mm256_min_epi32(y, _mm256_set1_epi32(w.opaqueMaxY)), inside);
+  const __m256i tile = _mm256_add_epi32(_mm256_mullo_epi32(_mm256_srai_epi32(y, kTileShift),
+                                                           _mm256_set1_epi32(w.opaqueAcross)),
+                                        _mm256_srai_epi32(x, kTileShift));
+  const __m256i mask = _mm256_set1_epi32(kTileMask);
+  const __m256i place =
+      _mm256_add_epi32(_mm256_slli_epi32(_mm256_and_si256(y, mask), kTileShift), _mm256_and_si256(x, mask));
+  alignas(32) int32_t tiles[kLanes];
+  alignas(32) int32_t places[kLanes];
+  storeLanes(tile, place, tiles, places);
+  return solidBytes(w, tiles, places, lanes);
+}
+
+// The lanes run as groups of eight, each group a chain of steps of its own
+// that the processor overlaps with the others'.
+constexpr int32_t kGroups = 2;
+constexpr int32_t kAllLanes = kLanes * kGroups;
+constexpr int32_t kGroupBits = (1 << kLanes) - 1;
+
+// A group's step up to its field reads: the taps, and the lanes it leaves to
+// the point road (a reflection, an unusual read).
+struct GroupStep {
+  __m256d xLow, xHigh, yLow, yHigh;
+  TapLanes tm, t0, tp, sm, s0, sp;
+  int32_t left;
+  const uint8_t* blocks[kLanes];
+};
+
+void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy, GroupStep* g) {
+  const __m256 x = _mm256_load_ps(lx);
+  const __m256 y = _mm256_load_ps(ly);
+  // A point that the step would reflect goes to the point road.
+  __m256 reflects = _mm256_or_ps(_mm256_cmp_ps(x, _mm256_set1_ps(-1.0f), _CMP_LT_OS),
+                                 _mm256_cmp_ps(y, _mm256_set1_ps(-1.0f), _CMP_LT_OS));
+  reflects = _mm256_or_ps(reflects, _mm256_cmp_ps(x, _mm256_set1_ps(float(w.width)), _CMP_GT_OS));
+  reflects = _mm256_or_ps(reflects, _mm256_cmp_ps(y, _mm256_set1_ps(float(w.height)), _CMP_GT_OS));
+  g->xLow = _mm256_cvtps_pd(_mm256_castps256_ps128(x));
+  g->xHigh = _mm256_cvtps_pd(_mm256_extractf128_ps(x, 1));
+  g->yLow = _mm256_cvtps_pd(_mm256_castps256_ps128(y));
+  g->yHigh = _mm256_cvtps_pd(_mm256_extractf128_ps(y, 1));
+  const double margin = double(kFieldMargin) - 0.5;
+  g->tm = tapLanes(offsetLanes(g->xLow, g->xHigh, margin - 1.0));
+  g->t0 = tapLanes(offsetLanes(g->xLow, g->xHigh, margin));
+  g->tp = tapLanes(offsetLanes(g->xLow, g->xHigh, margin + 1.0));
+  g->sm = tapLanes(offsetLanes(g->yLow, g->yHigh, margin - 1.0));
+  g->s0 = tapLanes(offsetLanes(g->yLow, g->yHigh, margin));
+  g->sp = tapLanes(offsetLanes(g->yLow, g->yHigh, margin + 1.0));
+  g->left = busy & (_mm256_movemask_ps(reflects) | ~usualLanes(w, g->tm, g->t0, g->tp, g->sm, g->s0, g->sp));
+  alignas(32) int32_t columns[kLanes];
+  alignas(32) int32_t rows[kLanes];
+  storeLanes(g->tm.base, g->sm.base, columns, rows);
+  for (int32_t lane = 0; lane < kLanes; ++lane) {
+    g->blocks[lane] = ((busy & ~g->left) & (1 << lane)) != 0 ? usualBlock(w, columns[lane], rows[lane])
+                                                             : reinterpret_cast<const uint8_t*>(kZeroBlock);
+  }
+}
+
+// The rest of a group's step: the reads, the gradient, the next point, and
+// the mask of the busy lanes not left over whose point stands on a solid pixel.
+int32_t endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* nextX, float* nextY) {
+  // Each lane's four rows of four, turned so that a vector holds one pixel
+  // of the block for all eight lanes: block[r][c] is row Y - 1 + r, column
+  // X - 1 + c. Lane k's row and lane k + 4's share a vector, one in each
+  // half, and each half is turned on its own.
+  __m256 block[4][4];
+  for (int32_t r = 0; r < 4; ++r) {
+    __m256 line[4];
+    for (int32_t lane = 0; lane < 4; ++lane) {
+      const size_t row = size_t(r) * kTileWidth * 4u;
+      line[lane] = joinHalves(_mm_loadu_ps(reinterpret_cast<const float*>(g.blocks[lane] + row)),
+                              _mm_loadu_ps(reinterpret_cast<const float*>(g.blocks[lane + 4] + row)));
+    }
+    const __m256 t0 = _mm256_unpacklo_ps(line[0], line[1]);
+    const __m256 t1 = _mm256_unpacklo_ps(line[2], line[3]);
+    const __m256 t2 = _mm256_unpackhi_ps(line[0], line[1]);
+    const __m256 t3 = _mm256_unpackhi_ps(line[2], line[3]);
+    block[r][0] = _mm256_castpd_ps(_mm256_unpacklo_pd(_mm256_castps_pd(t0), _mm256_castps_pd(t1)));
+    block[r][1] = _mm256_castpd_ps(_mm256_unpackhi_pd(_mm256_castps_pd(t0), _mm256_castps_pd(t1)));
+    block[r][2] = _mm256_castpd_ps(_mm256_unpacklo_pd(_mm256_castps_pd(t2), _mm256_castps_pd(t3)));
+    block[r][3] = _mm256_castpd_ps(_mm256_unpackhi_pd(_mm256_castps_pd(t2), _mm256_castps_pd(t3)));
+  }
+  const __m256 right = lerpLanes(block[1][2], block[1][3], block[2][2], block[2][3], g.tp.frac, g.s0.frac);
+  const __m256 leftRead = lerpLanes(block[1][0], block[1][1], block[2][0], block[2][1], g.tm.frac, g.s0.frac);
+  const __m256 down = lerpLanes(block[2][1], block[2][2], block[3][1], block[3][2], g.t0.frac, g.sp.frac);
+  const __m256 up = lerpLanes(block[0][1], block[0][2], block[1][1], block[1][2], g.t0.frac, g.sm.frac);
+  const __m256 here = lerpLanes(block[1][1], block[1][2], block[2][1], block[2][2], g.t0.frac, g.s0.frac);
+  const __m256 gx = _mm256_sub_ps(right, leftRead);
+  const __m256 gy = _mm256_sub_ps(down, up);
+
+  // Four lanes at a time in double: the normalised gradient, and the step of
+  // twice the distance against it.
+  auto half = [](__m256d gxd, __m256d gyd, __m256d dd, __m256d xd, __m256d yd, __m128* nx4, __m128* ny4) {
+    const __m256d n = _mm256_div_pd(_mm256_set1_pd(1.0), _mm256_sqrt_pd(_mm256_add_pd(_mm256_mul_pd(gxd, gxd),
+                                                                                       _mm256_mul_pd(gyd, gyd))));
+    const __m256d step = _mm256_mul_pd(_mm256_set1_pd(2.0), dd);
+    *nx4 = _mm256_cvtpd_ps(_mm256_sub_pd(xd, _mm256_mul_pd(step, _mm256_mul_pd(gxd, n))));
+    *ny4 = _mm256_cvtpd_ps(_mm256_sub_pd(yd, _mm256_mul_pd(step, _mm256_mul_pd(gyd, n))));
+  };
+  __m128 nxLow, nyLow, nxHigh, nyHigh;
+  half(_mm256_cvtps_pd(_mm256_castps256_ps128(gx)), _mm256_cvtps_pd(_mm256_castps256_ps128(gy)),
+       _mm256_cvtps_pd(_mm256_castps256_ps128(here)), g.xLow, g.yLow, &nxLow, &nyLow);
+  half(_mm256_cvtps_pd(_mm256_extractf128_ps(gx, 1)), _mm256_cvtps_pd(_mm256_extractf128_ps(gy, 1)),
+       _mm256_cvtps_pd(_mm256_extractf128_ps(here, 1)), g.xHigh, g.yHigh, &nxHigh, &nyHigh);
+  const __m256 nx = joinHalves(nxLow, nxHigh);
+  const __m256 ny = joinHalves(nyLow, nyHigh);
+  _mm256_store_ps(nextX, nx);
+  _mm256_store_ps(nextY, ny);
+  return solidLanes(w, _mm256_cvttps_epi32(nx), _mm256_cvttps_epi32(ny), busy & ~g.left);
+}
+
+// One step in every busy lane: the lanes that arrived into `arrived`; the
+// lanes left to the point road come back as a mask.
+int32_t stepLanes(const WalkView& w, const WalkLanes<kAllLanes>& l, int32_t busy, float* nextX, float* nextY,
+                  int32_t* arrived) {
+  GroupStep g[kGroups];
+  for (int32_t k = 0; k < kGroups; ++k) {
+    beginStep(w, l.x + k * kLanes, l.y + k * kLanes, (busy >> (k * kLanes)) & kGroupBits, &g[k]);
+  }
+  int32_t left = 0;
+  for (int32_t k = 0; k < kGroups; ++k) {
+    const int32_t groupBusy = (busy >> (k * kLanes)) & kGroupBits;
+    *arrived |= endStep(w, g[k], groupBusy, nextX + k * kLanes, nextY + k * kLanes) << (k * kLanes);
+    left |= g[k].left << (k * kLanes);
+  }
+  return left;
+}
+
+}  // namespace
+
+void nearestOpaqueWideLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX,
+                            float* outY, uint8_t* walked) {
+  walkInLanes<kAllLanes>(w, count, xs, ys, outX, outY, walked,
+                         [](const WalkView& v, const WalkLanes<kAllLanes>& l, int32_t busy, float* nextX,
+                            float* nextY, int32_t* arrived) { return stepLanes(v, l, busy, nextX, nextY, arrived); });
+}
+
+#else
+
+// Not built for this target: the compiler cannot be trusted to keep the
+// stack aligned for 32-byte vectors, or the target is not x86-64.
+bool walkWideLanesBuilt() { return false; }
+
+void nearestOpaqueWideLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX,
+                            float* outY, uint8_t* walked) {
+  nearestOpaqueManyOn(kWalkRoadPoints, w, count, xs, ys, outX, outY, walked);
+}
+
+#endif
