@@ -67,7 +67,7 @@ struct WalkLanes {
   alignas(32) float y[kAllLanes];
   alignas(32) float lastX[kAllLanes];
   alignas(32) float lastY[kAllLanes];
-  int32_t steps[kAllLanes];
+  alignas(32) int32_t steps[kAllLanes];
   int32_t point[kAllLanes];
 };
 
@@ -94,7 +94,10 @@ void walkInLanes(const WalkView& w, int32_t count, const float* xs, const float*
                  uint8_t* walked, Step step) {
   constexpr int32_t kAllLaneBits = int32_t((1u << kAllLanes) - 1u);
   WalkLanes<kAllLanes> l;
-  for (int32_t lane = 0; lane < kAllLanes; ++lane) l.x[lane] = l.y[lane] = l.lastX[lane] = l.lastY[lane] = 0.0f;
+  for (int32_t lane = 0; lane < kAllLanes; ++lane) {
+    l.x[lane] = l.y[lane] = l.lastX[lane] = l.lastY[lane] = 0.0f;
+    l.steps[lane] = 0;
+  }
   int32_t busy = 0;
   int32_t next = 0;
   for (;;) {
@@ -135,20 +138,27 @@ void walkInLanes(const WalkView& w, int32_t count, const float* xs, const float*
     // back to where it stood two steps before swings between the two.
     const int32_t still = sameBitsLanes(nextX, nextY, l.x, l.y, kAllLanes);
     const int32_t swings = sameBitsLanes(nextX, nextY, l.lastX, l.lastY, kAllLanes);
-    int32_t done = arrived & busy;
-    int32_t back = 0;
-    for (int32_t lanes = busy & ~done; lanes != 0; lanes &= lanes - 1) {
-      const int32_t lane = lowestBit(lanes);
-      const int32_t steps = ++l.steps[lane];
-      const int32_t bit = 1 << lane;
-      if (steps == kWalkSteps || (still & bit) != 0) {
-        done |= bit;
-      } else if (steps >= 2 && (swings & bit) != 0) {
-        done |= bit;
-        // An odd number of steps to go ends on the other point of the swing.
-        if (((kWalkSteps - steps) & 1) != 0) back |= bit;
-      }
+    // Every lane counts the step, four at a time; a lane that is idle or
+    // has arrived counts one it did not take, and nobody reads that.
+    int32_t limit = 0;
+    int32_t twoOn = 0;
+    int32_t odd = 0;
+    for (int32_t at = 0; at < kAllLanes; at += 4) {
+      __m128i* stepsAt = reinterpret_cast<__m128i*>(l.steps + at);
+      const __m128i steps = _mm_add_epi32(_mm_load_si128(stepsAt), _mm_set1_epi32(1));
+      _mm_store_si128(stepsAt, steps);
+      limit |= _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(steps, _mm_set1_epi32(kWalkSteps)))) << at;
+      twoOn |= _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpgt_epi32(steps, _mm_set1_epi32(1)))) << at;
+      // An odd number of steps to go: kWalkSteps is even.
+      odd |= _mm_movemask_ps(_mm_castsi128_ps(_mm_slli_epi32(steps, 31))) << at;
     }
+    static_assert(kWalkSteps % 2 == 0, "the parity of the steps to go is read off the steps taken");
+    const int32_t walking = busy & ~arrived;
+    const int32_t ends = walking & (limit | still);
+    const int32_t swingEnds = walking & ~ends & twoOn & swings;
+    const int32_t done = (arrived & busy) | ends | swingEnds;
+    // A swing with an odd number of steps to go ends on its other point.
+    const int32_t back = swingEnds & odd;
     memcpy(l.lastX, l.x, sizeof l.x);
     memcpy(l.lastY, l.y, sizeof l.y);
     memcpy(l.x, nextX, sizeof l.x);
