@@ -139,12 +139,23 @@ void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy
   g->s0 = tapLanes(_mm256_add_ps(y, _mm256_set1_ps(margin)));
   g->sp = tapLanes(_mm256_add_ps(y, _mm256_set1_ps(margin + 1.0f)));
   g->left = busy & (_mm256_movemask_ps(reflects) | ~usualLanes(w, g->tm, g->t0, g->tp, g->sm, g->s0, g->sp));
-  alignas(32) int32_t columns[kLanes];
-  alignas(32) int32_t rows[kLanes];
-  storeLanes(g->tm.base, g->sm.base, columns, rows);
+  // Each lane's block: its tile and its first pixel's byte in the tile, as
+  // usualBlock finds them.
+  const __m256i left = g->tm.base;
+  const __m256i top = g->sm.base;
+  const __m256i mask = _mm256_set1_epi32(kTileMask);
+  const __m256i tile = _mm256_add_epi32(
+      _mm256_mullo_epi32(_mm256_srai_epi32(top, kTileShift), _mm256_set1_epi32(w.fieldAcross)),
+      _mm256_srai_epi32(left, kTileShift));
+  const __m256i place = _mm256_slli_epi32(
+      _mm256_add_epi32(_mm256_slli_epi32(_mm256_and_si256(top, mask), kTileShift), _mm256_and_si256(left, mask)), 2);
+  alignas(32) int32_t tiles[kLanes];
+  alignas(32) int32_t places[kLanes];
+  storeLanes(tile, place, tiles, places);
+  const int32_t usual = busy & ~g->left;
   for (int32_t lane = 0; lane < kLanes; ++lane) {
-    g->blocks[lane] = ((busy & ~g->left) & (1 << lane)) != 0 ? usualBlock(w, columns[lane], rows[lane])
-                                                             : reinterpret_cast<const uint8_t*>(kZeroBlock);
+    g->blocks[lane] = (usual & (1 << lane)) != 0 ? w.fieldTiles[tiles[lane]].pixels + places[lane]
+                                                 : reinterpret_cast<const uint8_t*>(kZeroBlock);
   }
 }
 
