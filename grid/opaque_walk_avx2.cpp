@@ -103,8 +103,6 @@ inline int32_t solidLanes(const WalkView& w, __m256i x, __m256i y, int32_t lanes
 // One group of eight lanes: two groups (sixteen walks) measured slower, the
 // lanes standing idle longer while the last walks of a batch finish.
 constexpr int32_t kGroups = 1;
-constexpr int32_t kAllLanes = kLanes * kGroups;
-constexpr int32_t kGroupBits = (1 << kLanes) - 1;
 
 // A group's step up to its field reads: the taps, and the lanes it leaves to
 // the point road (a reflection, an unusual read).
@@ -212,30 +210,14 @@ int32_t endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* next
   return solidLanes(w, _mm256_cvttps_epi32(nx), _mm256_cvttps_epi32(ny), busy & ~g.left);
 }
 
-// One step in every busy lane: the lanes that arrived into `arrived`; the
-// lanes left to the point road come back as a mask.
-int32_t stepLanes(const WalkView& w, const WalkLanes<kAllLanes>& l, int32_t busy, float* nextX, float* nextY,
-                  int32_t* arrived) {
-  GroupStep g[kGroups];
-  for (int32_t k = 0; k < kGroups; ++k) {
-    beginStep(w, l.x + k * kLanes, l.y + k * kLanes, (busy >> (k * kLanes)) & kGroupBits, &g[k]);
-  }
-  int32_t left = 0;
-  for (int32_t k = 0; k < kGroups; ++k) {
-    const int32_t groupBusy = (busy >> (k * kLanes)) & kGroupBits;
-    *arrived |= endStep(w, g[k], groupBusy, nextX + k * kLanes, nextY + k * kLanes) << (k * kLanes);
-    left |= g[k].left << (k * kLanes);
-  }
-  return left;
-}
-
 }  // namespace
 
 void nearestOpaqueWideLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX,
                             float* outY, uint8_t* walked) {
-  walkInLanes<kAllLanes>(w, count, xs, ys, outX, outY, walked,
-                         [](const WalkView& v, const WalkLanes<kAllLanes>& l, int32_t busy, float* nextX,
-                            float* nextY, int32_t* arrived) { return stepLanes(v, l, busy, nextX, nextY, arrived); });
+  // The two halves of the step as lambdas, so that they are inlined into the walk.
+  walkInLanes<kLanes, kGroups, GroupStep>(
+      w, count, xs, ys, outX, outY, walked, [](const auto&... a) { beginStep(a...); },
+      [](const auto&... a) { return endStep(a...); });
 }
 
 #else

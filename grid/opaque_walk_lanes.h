@@ -85,13 +85,33 @@ inline int32_t sameBitsLanes(const float* ax, const float* ay, const float* bx, 
   return same;
 }
 
-// nearestOpaqueIn of every point, kAllLanes walks in step. `step(w, lanes,
-// busy, nextX, nextY, &arrived)` takes one step in every busy lane, sets the
-// lanes whose point arrived on a solid pixel and returns the lanes it leaves
-// to the point road.
-template <int32_t kAllLanes, typename Step>
+// One step in every busy lane, kGroups groups of kLanes lanes: every group's
+// step up to its field reads first (`begin(w, x, y, busy, &group)`), then
+// every group's rest (`end(w, group, busy, nextX, nextY)`, which gives the
+// lanes that arrived), so that the groups' chains overlap. The lanes that
+// arrived go into `arrived`; the lanes left to the point road (the group's
+// `left`) come back as a mask.
+template <int32_t kLanes, int32_t kGroups, typename Group, typename Begin, typename End>
+int32_t stepGroups(const WalkView& w, const WalkLanes<kLanes * kGroups>& l, int32_t busy, float* nextX,
+                   float* nextY, int32_t* arrived, Begin begin, End end) {
+  constexpr int32_t kGroupBits = (1 << kLanes) - 1;
+  Group g[kGroups];
+  for (int32_t k = 0; k < kGroups; ++k) begin(w, l.x + k * kLanes, l.y + k * kLanes, (busy >> (k * kLanes)) & kGroupBits, &g[k]);
+  int32_t left = 0;
+  for (int32_t k = 0; k < kGroups; ++k) {
+    const int32_t groupBusy = (busy >> (k * kLanes)) & kGroupBits;
+    *arrived |= end(w, g[k], groupBusy, nextX + k * kLanes, nextY + k * kLanes) << (k * kLanes);
+    left |= g[k].left << (k * kLanes);
+  }
+  return left;
+}
+
+// nearestOpaqueIn of every point, kLanes * kGroups walks in step, each step
+// taken by stepGroups.
+template <int32_t kLanes, int32_t kGroups, typename Group, typename Begin, typename End>
 void walkInLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX, float* outY,
-                 uint8_t* walked, Step step) {
+                 uint8_t* walked, Begin begin, End end) {
+  constexpr int32_t kAllLanes = kLanes * kGroups;
   constexpr int32_t kAllLaneBits = int32_t((1u << kAllLanes) - 1u);
   WalkLanes<kAllLanes> l;
   for (int32_t lane = 0; lane < kAllLanes; ++lane) {
@@ -127,7 +147,7 @@ void walkInLanes(const WalkView& w, int32_t count, const float* xs, const float*
     alignas(32) float nextX[kAllLanes];
     alignas(32) float nextY[kAllLanes];
     int32_t arrived = 0;
-    const int32_t left = step(w, l, busy, nextX, nextY, &arrived);
+    const int32_t left = stepGroups<kLanes, kGroups, Group>(w, l, busy, nextX, nextY, &arrived, begin, end);
     for (int32_t lanes = left; lanes != 0; lanes &= lanes - 1) {
       const int32_t lane = lowestBit(lanes);
       if (walkStepIn(w, l.x[lane], l.y[lane], &nextX[lane], &nextY[lane], true)) arrived |= 1 << lane;
