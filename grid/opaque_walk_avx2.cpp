@@ -2,8 +2,10 @@
 // to a group, each lane doing the point road's operations for its own point
 // in the same order. Single precision runs eight at a time and double
 // precision four at a time; there are no fused operations, so every lane
-// rounds where the point road rounds. Built only where the compiler keeps the
-// stack aligned for 32-byte vectors; taken only on a processor that has AVX2.
+// rounds where the point road rounds. Unlike the SSE2 lanes, a reflection at
+// the image's edge stays in the lane; only an unusual field read goes to the
+// point road. Built only where the compiler keeps the stack aligned for
+// 32-byte vectors; taken only on a processor that has AVX2.
 #include "grid/opaque_walk.h"
 
 #if defined(MENDARIS_WALK_AVX2) && defined(__AVX2__) && !defined(MENDARIS_SCALAR_KERNELS)
@@ -107,20 +109,53 @@ constexpr int32_t kGroups = 1;
 // A group's step up to its field reads: the taps, and the lanes it leaves to
 // the point road (a reflection, an unusual read).
 struct GroupStep {
+  __m256 x, y;  // the points after their reflections
   __m256d xLow, xHigh, yLow, yHigh;
   TapLanes tm, t0, tp, sm, s0, sp;
+  int32_t landed;  // lanes whose reflected point is solid: the step ends there
   int32_t left;
   const uint8_t* blocks[kLanes];
 };
 
+// v, or in the lanes of `where` its mirror image float(edgeTwice - double(v)).
+inline __m256 mirrorLanes(__m256 v, __m256 where, double edgeTwice) {
+  const __m256d e = _mm256_set1_pd(edgeTwice);
+  const __m256 image = joinHalves(_mm256_cvtpd_ps(_mm256_sub_pd(e, _mm256_cvtps_pd(_mm256_castps256_ps128(v)))),
+                                  _mm256_cvtpd_ps(_mm256_sub_pd(e, _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1)))));
+  return _mm256_blendv_ps(v, image, where);
+}
+
+// The lanes' mask as a vector: all bits set in the lanes of `bits`.
+inline __m256 laneVector(int32_t bits) {
+  const __m256i each = _mm256_setr_epi32(1, 2, 4, 8, 16, 32, 64, 128);
+  return _mm256_castsi256_ps(_mm256_cmpeq_epi32(_mm256_and_si256(_mm256_set1_epi32(bits), each), each));
+}
+
 void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy, GroupStep* g) {
-  const __m256 x = _mm256_load_ps(lx);
-  const __m256 y = _mm256_load_ps(ly);
-  // A point that the step would reflect goes to the point road.
-  __m256 reflects = _mm256_or_ps(_mm256_cmp_ps(x, _mm256_set1_ps(-1.0f), _CMP_LT_OS),
-                                 _mm256_cmp_ps(y, _mm256_set1_ps(-1.0f), _CMP_LT_OS));
-  reflects = _mm256_or_ps(reflects, _mm256_cmp_ps(x, _mm256_set1_ps(float(w.width)), _CMP_GT_OS));
-  reflects = _mm256_or_ps(reflects, _mm256_cmp_ps(y, _mm256_set1_ps(float(w.height)), _CMP_GT_OS));
+  __m256 x = _mm256_load_ps(lx);
+  __m256 y = _mm256_load_ps(ly);
+  // The reflections of the point road, once per side in its order, the tests
+  // strict. The edges are whole numbers, exact in single precision as in
+  // double, and twice an edge is exact in double.
+  const __m256 minusOne = _mm256_set1_ps(-1.0f);
+  const __m256 width = _mm256_set1_ps(float(w.width));
+  const __m256 height = _mm256_set1_ps(float(w.height));
+  const __m256 reflects =
+      _mm256_or_ps(_mm256_or_ps(_mm256_cmp_ps(x, minusOne, _CMP_LT_OS), _mm256_cmp_ps(y, minusOne, _CMP_LT_OS)),
+                   _mm256_or_ps(_mm256_cmp_ps(x, width, _CMP_GT_OS), _mm256_cmp_ps(y, height, _CMP_GT_OS)));
+  const int32_t moved = busy & _mm256_movemask_ps(reflects);
+  g->landed = 0;
+  if (moved != 0) {
+    x = mirrorLanes(x, _mm256_cmp_ps(x, minusOne, _CMP_LT_OS), 2.0 * -1.0);
+    y = mirrorLanes(y, _mm256_cmp_ps(y, minusOne, _CMP_LT_OS), 2.0 * -1.0);
+    x = mirrorLanes(x, _mm256_cmp_ps(x, width, _CMP_GT_OS), 2.0 * double(w.width));
+    y = mirrorLanes(y, _mm256_cmp_ps(y, height, _CMP_GT_OS), 2.0 * double(w.height));
+    // A point the reflection moved is tested again: the step ends on it when
+    // it is solid.
+    g->landed = solidLanes(w, _mm256_cvttps_epi32(x), _mm256_cvttps_epi32(y), moved);
+  }
+  g->x = x;
+  g->y = y;
   g->xLow = _mm256_cvtps_pd(_mm256_castps256_ps128(x));
   g->xHigh = _mm256_cvtps_pd(_mm256_extractf128_ps(x, 1));
   g->yLow = _mm256_cvtps_pd(_mm256_castps256_ps128(y));
@@ -136,7 +171,8 @@ void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy
   g->sm = tapLanes(_mm256_add_ps(y, _mm256_set1_ps(margin - 1.0f)));
   g->s0 = tapLanes(_mm256_add_ps(y, _mm256_set1_ps(margin)));
   g->sp = tapLanes(_mm256_add_ps(y, _mm256_set1_ps(margin + 1.0f)));
-  g->left = busy & (_mm256_movemask_ps(reflects) | ~usualLanes(w, g->tm, g->t0, g->tp, g->sm, g->s0, g->sp));
+  // A read out of the usual case goes to the point road.
+  g->left = busy & ~g->landed & ~usualLanes(w, g->tm, g->t0, g->tp, g->sm, g->s0, g->sp);
   // Each lane's block: its tile and its first pixel's byte in the tile, as
   // usualBlock finds them.
   const __m256i left = g->tm.base;
@@ -150,7 +186,7 @@ void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy
   alignas(32) int32_t tiles[kLanes];
   alignas(32) int32_t places[kLanes];
   storeLanes(tile, place, tiles, places);
-  const int32_t usual = busy & ~g->left;
+  const int32_t usual = busy & ~g->landed & ~g->left;
   for (int32_t lane = 0; lane < kLanes; ++lane) {
     g->blocks[lane] = (usual & (1 << lane)) != 0 ? w.fieldTiles[tiles[lane]].pixels + places[lane]
                                                  : reinterpret_cast<const uint8_t*>(kZeroBlock);
@@ -203,11 +239,16 @@ int32_t endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* next
        _mm256_cvtps_pd(_mm256_castps256_ps128(here)), g.xLow, g.yLow, &nxLow, &nyLow);
   half(_mm256_cvtps_pd(_mm256_extractf128_ps(gx, 1)), _mm256_cvtps_pd(_mm256_extractf128_ps(gy, 1)),
        _mm256_cvtps_pd(_mm256_extractf128_ps(here, 1)), g.xHigh, g.yHigh, &nxHigh, &nyHigh);
-  const __m256 nx = joinHalves(nxLow, nxHigh);
-  const __m256 ny = joinHalves(nyLow, nyHigh);
+  __m256 nx = joinHalves(nxLow, nxHigh);
+  __m256 ny = joinHalves(nyLow, nyHigh);
+  if (g.landed != 0) {
+    const __m256 landed = laneVector(g.landed);
+    nx = _mm256_blendv_ps(nx, g.x, landed);
+    ny = _mm256_blendv_ps(ny, g.y, landed);
+  }
   _mm256_store_ps(nextX, nx);
   _mm256_store_ps(nextY, ny);
-  return solidLanes(w, _mm256_cvttps_epi32(nx), _mm256_cvttps_epi32(ny), busy & ~g.left);
+  return g.landed | solidLanes(w, _mm256_cvttps_epi32(nx), _mm256_cvttps_epi32(ny), busy & ~g.landed & ~g.left);
 }
 
 }  // namespace
