@@ -19,18 +19,18 @@ namespace {
 
 constexpr int32_t kLanes = 8;
 
-// The base pixel of a field read in each lane, floor-like with an exact
-// negative integer taken one below itself, and the fraction, as fieldTap.
+// The base pixel of a field read in each lane and the fraction, as fieldTap
+// finds them for a coordinate from zero on. fieldTap takes a negative one
+// below itself; such a read never is the usual case, and a lane with one
+// goes to the point road (usualLanes), so its base here does not matter.
 struct TapLanes {
   __m256i base;
   __m256 frac;
 };
 
 inline TapLanes tapLanes(__m256 f) {
-  const __m256 atLeastZero = _mm256_cmp_ps(f, _mm256_setzero_ps(), _CMP_GE_OS);
-  const __m256 pick = _mm256_blendv_ps(_mm256_sub_ps(f, _mm256_set1_ps(1.0f)), f, atLeastZero);
   TapLanes t;
-  t.base = _mm256_cvttps_epi32(pick);
+  t.base = _mm256_cvttps_epi32(f);
   t.frac = _mm256_sub_ps(f, _mm256_cvtepi32_ps(t.base));
   return t;
 }
@@ -49,8 +49,10 @@ inline int32_t maskOf(__m256i v) { return _mm256_movemask_ps(_mm256_castsi256_ps
 
 // The lanes whose five reads lie in the 4 x 4 field pixels from (X - 1,
 // Y - 1) on, all in one tile: the point road's own test for such bases.
-inline int32_t usualLanes(const WalkView& w, const TapLanes& tm, const TapLanes& t0, const TapLanes& tp,
-                          const TapLanes& sm, const TapLanes& s0, const TapLanes& sp) {
+// The lanes also need the lowest coordinates, left and top (those of tm and
+// sm), from zero on: below, fieldTap's base would differ from tapLanes'.
+inline int32_t usualLanes(const WalkView& w, __m256 left, __m256 top, const TapLanes& tm, const TapLanes& t0,
+                          const TapLanes& tp, const TapLanes& sm, const TapLanes& s0, const TapLanes& sp) {
   const __m256i one = _mm256_set1_epi32(1);
   const __m256i minusOne = _mm256_set1_epi32(-1);
   __m256i ok = _mm256_and_si256(_mm256_cmpeq_epi32(tm.base, _mm256_sub_epi32(t0.base, one)),
@@ -65,7 +67,9 @@ inline int32_t usualLanes(const WalkView& w, const TapLanes& tm, const TapLanes&
                                                _mm256_srai_epi32(_mm256_add_epi32(tp.base, one), kTileShift)));
   ok = _mm256_and_si256(ok, _mm256_cmpeq_epi32(_mm256_srai_epi32(sm.base, kTileShift),
                                                _mm256_srai_epi32(_mm256_add_epi32(sp.base, one), kTileShift)));
-  return w.fieldTiles != nullptr ? maskOf(ok) : 0;
+  const __m256 fromZero = _mm256_and_ps(_mm256_cmp_ps(left, _mm256_setzero_ps(), _CMP_GE_OS),
+                                        _mm256_cmp_ps(top, _mm256_setzero_ps(), _CMP_GE_OS));
+  return w.fieldTiles != nullptr ? maskOf(ok) & _mm256_movemask_ps(fromZero) : 0;
 }
 
 inline void storeLanes(__m256i a, __m256i b, int32_t* toA, int32_t* toB) {
@@ -165,14 +169,16 @@ void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy
   // floats, and a sum rounded first to double and then to float gives the
   // once-rounded float sum (double holds more than twice float's bits and two).
   const float margin = float(kFieldMargin) - 0.5f;
-  g->tm = tapLanes(_mm256_add_ps(x, _mm256_set1_ps(margin - 1.0f)));
+  const __m256 xm = _mm256_add_ps(x, _mm256_set1_ps(margin - 1.0f));
+  const __m256 ym = _mm256_add_ps(y, _mm256_set1_ps(margin - 1.0f));
+  g->tm = tapLanes(xm);
   g->t0 = tapLanes(_mm256_add_ps(x, _mm256_set1_ps(margin)));
   g->tp = tapLanes(_mm256_add_ps(x, _mm256_set1_ps(margin + 1.0f)));
-  g->sm = tapLanes(_mm256_add_ps(y, _mm256_set1_ps(margin - 1.0f)));
+  g->sm = tapLanes(ym);
   g->s0 = tapLanes(_mm256_add_ps(y, _mm256_set1_ps(margin)));
   g->sp = tapLanes(_mm256_add_ps(y, _mm256_set1_ps(margin + 1.0f)));
   // A read out of the usual case goes to the point road.
-  g->left = busy & ~g->landed & ~usualLanes(w, g->tm, g->t0, g->tp, g->sm, g->s0, g->sp);
+  g->left = busy & ~g->landed & ~usualLanes(w, xm, ym, g->tm, g->t0, g->tp, g->sm, g->s0, g->sp);
   // Each lane's block: its tile and its first pixel's byte in the tile, as
   // usualBlock finds them.
   const __m256i left = g->tm.base;
