@@ -110,8 +110,9 @@ inline int32_t solidLanes(const WalkView& w, __m256i x, __m256i y, int32_t lanes
 // lanes standing idle longer while the last walks of a batch finish.
 constexpr int32_t kGroups = 1;
 
-// A group's step up to its field reads: the taps, and the lanes it leaves to
-// the point road (a reflection, an unusual read).
+// A group's step up to its field reads: the reflected points, the taps, the
+// lanes that end on their reflection, and the lanes it leaves to the point
+// road (an unusual read).
 struct GroupStep {
   __m256 x, y;  // the points after their reflections
   __m256d xLow, xHigh, yLow, yHigh;

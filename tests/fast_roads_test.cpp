@@ -232,7 +232,8 @@ TEST(FastRoads, WalkLanesLandWhereThePointRoadLands) {
   const size_t n = xs.size();
   std::vector<float> laneX(n), laneY(n), pointX(n), pointY(n);
   std::vector<uint8_t> laneWalked(n), pointWalked(n);
-  // In chunks of odd sizes, as a render unit's rows come.
+  // In chunks of odd sizes, as a render unit's rows come; every lane road
+  // that this build and processor can take against the point road.
   auto land = [&](WalkRoad road, float* outX, float* outY, uint8_t* walked) {
     for (size_t at = 0; at < n; at += 131) {
       const int32_t count = int32_t(n - at < 131 ? n - at : 131);
