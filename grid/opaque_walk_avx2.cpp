@@ -103,7 +103,7 @@ inline int32_t solidLanes(const WalkView& w, __m256i x, __m256i y, int32_t lanes
   alignas(32) int32_t tiles[kLanes];
   alignas(32) int32_t places[kLanes];
   storeLanes(tile, place, tiles, places);
-  return solidBytes(w, tiles, places, lanes);
+  return solidBytes<kLanes>(w, tiles, places, lanes);
 }
 
 // One group of eight lanes: two groups (sixteen walks) measured slower, the

@@ -49,14 +49,15 @@ inline int32_t solidLanesEach(const WalkView& w, const int32_t* xs, const int32_
 }
 
 // The byte map's test for the lanes in `lanes`, their tile and place in it
-// found beforehand: the byte's top bit, taken without a branch (solidByte).
+// found beforehand: the byte's top bit (solidByte). All kCount lanes are
+// read, without a branch: every lane's tile and place must lie in the map.
+template <int32_t kCount>
 inline int32_t solidBytes(const WalkView& w, const int32_t* tiles, const int32_t* places, int32_t lanes) {
   int32_t solid = 0;
-  for (; lanes != 0; lanes &= lanes - 1) {
-    const int32_t lane = lowestBit(lanes);
+  for (int32_t lane = 0; lane < kCount; ++lane) {
     solid |= int32_t(w.opaqueTiles[tiles[lane]].pixels[places[lane]] >> 7) << lane;
   }
-  return solid;
+  return solid & lanes;
 }
 
 // The walks in the lanes: each lane's point, the point it stood on one step

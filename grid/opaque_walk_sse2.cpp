@@ -108,7 +108,7 @@ inline int32_t solidLanes(const WalkView& w, __m128i x, __m128i y, int32_t lanes
   alignas(16) int32_t tiles[kLanes];
   alignas(16) int32_t places[kLanes];
   storeLanes(tile, place, tiles, places);
-  return solidBytes(w, tiles, places, lanes);
+  return solidBytes<kLanes>(w, tiles, places, lanes);
 }
 
 // The lanes run as groups of four, each group a chain of steps of its own
