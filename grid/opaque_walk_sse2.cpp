@@ -17,27 +17,20 @@ namespace {
 
 constexpr int32_t kLanes = 4;
 
-// The base pixel of a field read in each lane, floor-like with an exact
-// negative integer taken one below itself, and the fraction, as fieldTap.
+// The base pixel of a field read in each lane and the fraction, as fieldTap
+// finds them for a coordinate from zero on. fieldTap takes a negative one
+// below itself; such a read never is the usual case, and a lane with one
+// goes to the point road (usualLanes), so its base here does not matter.
 struct TapLanes {
   __m128i base;
   __m128 frac;
 };
 
 inline TapLanes tapLanes(__m128 f) {
-  const __m128 atLeastZero = _mm_cmpge_ps(f, _mm_setzero_ps());
-  const __m128 below = _mm_sub_ps(f, _mm_set1_ps(1.0f));
-  const __m128 pick = _mm_or_ps(_mm_and_ps(atLeastZero, f), _mm_andnot_ps(atLeastZero, below));
   TapLanes t;
-  t.base = _mm_cvttps_epi32(pick);
+  t.base = _mm_cvttps_epi32(f);
   t.frac = _mm_sub_ps(f, _mm_cvtepi32_ps(t.base));
   return t;
-}
-
-// float(double(v) + offset) in each lane.
-inline __m128 offsetLanes(__m128d low, __m128d high, double offset) {
-  const __m128d o = _mm_set1_pd(offset);
-  return _mm_movelh_ps(_mm_cvtpd_ps(_mm_add_pd(low, o)), _mm_cvtpd_ps(_mm_add_pd(high, o)));
 }
 
 inline __m128 lerpLanes(__m128 a, __m128 b, __m128 c, __m128 d, __m128 tx, __m128 ty) {
@@ -50,8 +43,10 @@ inline __m128 lerpLanes(__m128 a, __m128 b, __m128 c, __m128 d, __m128 tx, __m12
 // from (X - 1, Y - 1) on: the three columns of the row reads one apart, the
 // three rows of the column reads one apart, all in one tile. The mask of the
 // lanes where that holds; the test is the point road's own for such bases.
-inline int32_t usualLanes(const WalkView& w, const TapLanes& tm, const TapLanes& t0, const TapLanes& tp,
-                          const TapLanes& sm, const TapLanes& s0, const TapLanes& sp) {
+// The lanes also need the lowest coordinates, left and top (those of tm and
+// sm), from zero on: below, fieldTap's base would differ from tapLanes'.
+inline int32_t usualLanes(const WalkView& w, __m128 left, __m128 top, const TapLanes& tm, const TapLanes& t0,
+                          const TapLanes& tp, const TapLanes& sm, const TapLanes& s0, const TapLanes& sp) {
   const __m128i one = _mm_set1_epi32(1);
   const __m128i minusOne = _mm_set1_epi32(-1);
   __m128i ok = _mm_and_si128(_mm_cmpeq_epi32(tm.base, _mm_sub_epi32(t0.base, one)),
@@ -68,7 +63,8 @@ inline int32_t usualLanes(const WalkView& w, const TapLanes& tm, const TapLanes&
                                          _mm_srai_epi32(_mm_add_epi32(tp.base, one), kTileShift)));
   ok = _mm_and_si128(ok, _mm_cmpeq_epi32(_mm_srai_epi32(sm.base, kTileShift),
                                          _mm_srai_epi32(_mm_add_epi32(sp.base, one), kTileShift)));
-  return w.fieldTiles != nullptr ? _mm_movemask_ps(_mm_castsi128_ps(ok)) : 0;
+  const __m128 fromZero = _mm_and_ps(_mm_cmpge_ps(left, _mm_setzero_ps()), _mm_cmpge_ps(top, _mm_setzero_ps()));
+  return w.fieldTiles != nullptr ? _mm_movemask_ps(_mm_castsi128_ps(ok)) & _mm_movemask_ps(fromZero) : 0;
 }
 
 inline void storeLanes(__m128i a, __m128i b, int32_t* toA, int32_t* toB) {
@@ -135,14 +131,20 @@ void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy
   g->xHigh = _mm_cvtps_pd(_mm_movehl_ps(x, x));
   g->yLow = _mm_cvtps_pd(y);
   g->yHigh = _mm_cvtps_pd(_mm_movehl_ps(y, y));
-  const double margin = double(kFieldMargin) - 0.5;
-  g->tm = tapLanes(offsetLanes(g->xLow, g->xHigh, margin - 1.0));
-  g->t0 = tapLanes(offsetLanes(g->xLow, g->xHigh, margin));
-  g->tp = tapLanes(offsetLanes(g->xLow, g->xHigh, margin + 1.0));
-  g->sm = tapLanes(offsetLanes(g->yLow, g->yHigh, margin - 1.0));
-  g->s0 = tapLanes(offsetLanes(g->yLow, g->yHigh, margin));
-  g->sp = tapLanes(offsetLanes(g->yLow, g->yHigh, margin + 1.0));
-  g->left = busy & (_mm_movemask_ps(reflects) | ~usualLanes(w, g->tm, g->t0, g->tp, g->sm, g->s0, g->sp));
+  // The read coordinates, float(double(x) + offset) for offsets 7.5, 8.5
+  // and 9.5, come straight from a single-precision sum: both operands are
+  // floats, and a sum rounded first to double and then to float gives the
+  // once-rounded float sum (double holds more than twice float's bits and two).
+  const float margin = float(kFieldMargin) - 0.5f;
+  const __m128 xm = _mm_add_ps(x, _mm_set1_ps(margin - 1.0f));
+  const __m128 ym = _mm_add_ps(y, _mm_set1_ps(margin - 1.0f));
+  g->tm = tapLanes(xm);
+  g->t0 = tapLanes(_mm_add_ps(x, _mm_set1_ps(margin)));
+  g->tp = tapLanes(_mm_add_ps(x, _mm_set1_ps(margin + 1.0f)));
+  g->sm = tapLanes(ym);
+  g->s0 = tapLanes(_mm_add_ps(y, _mm_set1_ps(margin)));
+  g->sp = tapLanes(_mm_add_ps(y, _mm_set1_ps(margin + 1.0f)));
+  g->left = busy & (_mm_movemask_ps(reflects) | ~usualLanes(w, xm, ym, g->tm, g->t0, g->tp, g->sm, g->s0, g->sp));
   alignas(16) int32_t columns[kLanes];
   alignas(16) int32_t rows[kLanes];
   storeLanes(g->tm.base, g->sm.base, columns, rows);
