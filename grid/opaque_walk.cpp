@@ -245,7 +245,7 @@ WalkRoad walkRoadFor() {
 
 void nearestOpaqueManyOn(WalkRoad road, const WalkView& w, int32_t count, const float* xs, const float* ys,
                          float* outX, float* outY, uint8_t* walked) {
-  if (road == kWalkRoadWideLanes && walkWideLanesBuilt()) {
+  if (road == kWalkRoadWideLanes && walkRoadRuns(kWalkRoadWideLanes)) {
     nearestOpaqueWideLanes(w, count, xs, ys, outX, outY, walked);
     return;
   }

@@ -112,11 +112,12 @@ bool nearestOpaque(float x, float y, float* outX, float* outY);
 // - The lane road (opaque_walk_sse2.cpp) keeps eight walks in step in SSE2
 //   lanes, a finished walk's lane taken at once by the next point; the wide
 //   lane road (opaque_walk_avx2.cpp) the same with eight walks in AVX2
-//   lanes, on a processor that has them, reflections taken in the lanes. A lane
-//   whose step leaves the usual case (a reflection at the image's edge, a
-//   field read across a tile's edge, a NaN) takes that step on the point
-//   road. Every value comes from the same operations in the same order, so
-//   both roads land every point on the same bits. A walk that stands still
+//   lanes, on a processor that has them. A lane whose step leaves the usual
+//   case (a reflection at the image's edge, which the wide lanes take
+//   themselves, a field read across a tile's edge, a NaN) takes that step on
+//   the point road. Every value comes from the same operations in the same
+//   order, or from ones that round to the same bits, so every road lands
+//   every point on the same bits. A walk that stands still
 //   or swings between two points ends early on the point its last step
 //   would give.
 
