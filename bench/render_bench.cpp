@@ -61,7 +61,9 @@ struct Atlas {
   InstanceBlock* instance = nullptr;
   ParamBlock* params = nullptr;
 
-  Atlas() {
+  // soft: the field as smoothing leaves it, reaching zero a little outside
+  // each island, so that most walks use all their steps or swing.
+  explicit Atlas(bool soft = false) {
     instance = static_cast<InstanceBlock*>(calloc(1, sizeof(InstanceBlock)));
     params = static_cast<ParamBlock*>(calloc(1, sizeof(ParamBlock)));
     PixelStore* source = &instance->sourceStore;
@@ -91,12 +93,17 @@ struct Atlas {
     PixelStore* field = params->distanceStore;
     for (int32_t fy = 0; fy < field->levelHeight[0]; ++fy)
       for (int32_t fx = 0; fx < field->levelWidth[0]; ++fx)
-        writeFloat(fx, fy, field, 0, islandDistance(float(fx - kFieldMargin), float(fy - kFieldMargin)));
+        writeFloat(fx, fy, field, 0,
+                   islandDistance(float(fx - kFieldMargin), float(fy - kFieldMargin)) * (soft ? 0.8f : 1.0f) -
+                       (soft ? 1.5f : 0.0f));
   }
 };
 
-Atlas& atlas() {
-  static Atlas* a = new Atlas();
+Atlas& atlas(bool soft = false) {
+  static Atlas* exact = nullptr;
+  static Atlas* smooth = nullptr;
+  Atlas*& a = soft ? smooth : exact;
+  if (a == nullptr) a = new Atlas(soft);
   hostContext.instanceBlock = a->instance;
   hostContext.paramBlock = a->params;
   return *a;
@@ -148,6 +155,45 @@ void BM_RenderUnitImageCorner(benchmark::State& state) {
   // The top-left unit: corners at x or y = -1 walk from outside the image.
   renderOneUnit(state, 0, 0);
 }
+
+// The walk alone on each road, over the soft field: four rows of 130 corners
+// through the middle of every 128 x 128 unit of the layer, landed four rows
+// at a time as the grid does, so that the walks read the whole field as a
+// render does.
+void BM_WalkCorners(benchmark::State& state) {
+  const WalkRoad road = WalkRoad(state.range(0));
+  atlas(true);
+  if (!walkRoadRuns(road)) {
+    state.SkipWithError("road not built or not taken by this processor");
+    return;
+  }
+  WalkView view;
+  walkViewFromBlocks(&view);
+  const int32_t side = kRenderTileSide + 2;
+  std::vector<float> xs, ys;
+  for (int32_t top = 0; top < kSide; top += kRenderTileSide)
+    for (int32_t left = 0; left < kSide; left += kRenderTileSide)
+      for (int32_t y = 0; y < 4; ++y)
+        for (int32_t x = 0; x < side; ++x) {
+          xs.push_back(float(left - 1 + x));
+          ys.push_back(float(top + kRenderTileSide / 2 + y));
+        }
+  std::vector<float> landX(xs.size()), landY(xs.size());
+  std::vector<uint8_t> walked(xs.size());
+  for (auto _ : state) {
+    for (size_t at = 0; at < xs.size(); at += size_t(4 * side)) {
+      nearestOpaqueManyOn(road, view, 4 * side, &xs[at], &ys[at], &landX[at], &landY[at], &walked[at]);
+    }
+    benchmark::DoNotOptimize(landX[0]);
+  }
+  state.SetItemsProcessed(int64_t(xs.size()) * int64_t(state.iterations()));
+}
+BENCHMARK(BM_WalkCorners)
+    ->ArgName("road")
+    ->Arg(kWalkRoadPoints)
+    ->Arg(kWalkRoadLanes)
+    ->Arg(kWalkRoadWideLanes)
+    ->Unit(benchmark::kMillisecond);
 
 // ---- the host's half ----------------------------------------------------------------------
 

@@ -221,10 +221,34 @@ bool nearestOpaque(float x, float y, float* outX, float* outY) {
   return nearestOpaqueIn(w, x, y, outX, outY);
 }
 
-WalkRoad walkRoadFor() { return walkLanesBuilt() ? kWalkRoadLanes : kWalkRoadPoints; }
+bool walkRoadRuns(WalkRoad road) {
+  switch (road) {
+    case kWalkRoadPoints:
+      return true;
+    case kWalkRoadLanes:
+      return walkLanesBuilt();
+    case kWalkRoadWideLanes:
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+      // The processor's word, and the system's that it keeps the wide registers.
+      return walkWideLanesBuilt() && __builtin_cpu_supports("avx2");
+#else
+      return false;
+#endif
+  }
+  return false;
+}
+
+WalkRoad walkRoadFor() {
+  if (walkRoadRuns(kWalkRoadWideLanes)) return kWalkRoadWideLanes;
+  return walkRoadRuns(kWalkRoadLanes) ? kWalkRoadLanes : kWalkRoadPoints;
+}
 
 void nearestOpaqueManyOn(WalkRoad road, const WalkView& w, int32_t count, const float* xs, const float* ys,
                          float* outX, float* outY, uint8_t* walked) {
+  if (road == kWalkRoadWideLanes && walkRoadRuns(kWalkRoadWideLanes)) {
+    nearestOpaqueWideLanes(w, count, xs, ys, outX, outY, walked);
+    return;
+  }
   if (road == kWalkRoadLanes && walkLanesBuilt()) {
     nearestOpaqueLanes(w, count, xs, ys, outX, outY, walked);
     return;

@@ -110,22 +110,30 @@ bool nearestOpaque(float x, float y, float* outX, float* outY);
 // - The point road walks one point after another (nearestOpaqueIn): the road
 //   the other reproduces.
 // - The lane road (opaque_walk_sse2.cpp) keeps eight walks in step in SSE2
-//   lanes, a finished walk's lane taken at once by the next point. A lane
-//   whose step leaves the usual case (a reflection at the image's edge, a
-//   field read across a tile's edge, a NaN) takes that step on the point
-//   road. Every value comes from the same operations in the same order, so
-//   both roads land every point on the same bits. A walk that stands still
+//   lanes, a finished walk's lane taken at once by the next point; the wide
+//   lane road (opaque_walk_avx2.cpp) the same with eight walks in AVX2
+//   lanes, on a processor that has them. A lane whose step leaves the usual
+//   case (a reflection at the image's edge, which the wide lanes take
+//   themselves, a field read across a tile's edge, a NaN) takes that step on
+//   the point road. Every value comes from the same operations in the same
+//   order, or from ones that round to the same bits, so every road lands
+//   every point on the same bits. A walk that stands still
 //   or swings between two points ends early on the point its last step
 //   would give.
 
 enum WalkRoad : int32_t {
   kWalkRoadPoints = 0,
   kWalkRoadLanes = 1,
+  kWalkRoadWideLanes = 2,
 };
 
 // Whether the lane road is built into this module.
 bool walkLanesBuilt();
-// The fastest road built.
+// Whether the wide lane road is built into this module.
+bool walkWideLanesBuilt();
+// Whether `road` is built and this processor can take it.
+bool walkRoadRuns(WalkRoad road);
+// The fastest road that runs: the one place the road is chosen.
 WalkRoad walkRoadFor();
 // nearestOpaqueIn of points (xs[i], ys[i]) on `road`: landing points in
 // outX, outY, its answer in walked (1 or 0).
@@ -133,6 +141,8 @@ void nearestOpaqueManyOn(WalkRoad road, const WalkView& view, int32_t count, con
                          float* outX, float* outY, uint8_t* walked);
 void nearestOpaqueLanes(const WalkView& view, int32_t count, const float* xs, const float* ys, float* outX,
                         float* outY, uint8_t* walked);
+void nearestOpaqueWideLanes(const WalkView& view, int32_t count, const float* xs, const float* ys, float* outX,
+                            float* outY, uint8_t* walked);
 
 // The point road's pieces, for the lane road. landsWhereItStands: whether
 // (x, y) is its own landing point (walked then says what nearestOpaqueIn

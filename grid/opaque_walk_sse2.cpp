@@ -8,7 +8,8 @@
 #if (defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)) && \
     !defined(MENDARIS_SCALAR_KERNELS)
 #include <emmintrin.h>
-#include <string.h>
+
+#include "grid/opaque_walk_lanes.h"
 
 bool walkLanesBuilt() { return true; }
 
@@ -16,27 +17,20 @@ namespace {
 
 constexpr int32_t kLanes = 4;
 
-// The base pixel of a field read in each lane, floor-like with an exact
-// negative integer taken one below itself, and the fraction, as fieldTap.
+// The base pixel of a field read in each lane and the fraction, as fieldTap
+// finds them for a coordinate from zero on. fieldTap takes a negative one
+// below itself; such a read never is the usual case, and a lane with one
+// goes to the point road (usualLanes), so its base here does not matter.
 struct TapLanes {
   __m128i base;
   __m128 frac;
 };
 
 inline TapLanes tapLanes(__m128 f) {
-  const __m128 atLeastZero = _mm_cmpge_ps(f, _mm_setzero_ps());
-  const __m128 below = _mm_sub_ps(f, _mm_set1_ps(1.0f));
-  const __m128 pick = _mm_or_ps(_mm_and_ps(atLeastZero, f), _mm_andnot_ps(atLeastZero, below));
   TapLanes t;
-  t.base = _mm_cvttps_epi32(pick);
+  t.base = _mm_cvttps_epi32(f);
   t.frac = _mm_sub_ps(f, _mm_cvtepi32_ps(t.base));
   return t;
-}
-
-// float(double(v) + offset) in each lane.
-inline __m128 offsetLanes(__m128d low, __m128d high, double offset) {
-  const __m128d o = _mm_set1_pd(offset);
-  return _mm_movelh_ps(_mm_cvtpd_ps(_mm_add_pd(low, o)), _mm_cvtpd_ps(_mm_add_pd(high, o)));
 }
 
 inline __m128 lerpLanes(__m128 a, __m128 b, __m128 c, __m128 d, __m128 tx, __m128 ty) {
@@ -49,8 +43,10 @@ inline __m128 lerpLanes(__m128 a, __m128 b, __m128 c, __m128 d, __m128 tx, __m12
 // from (X - 1, Y - 1) on: the three columns of the row reads one apart, the
 // three rows of the column reads one apart, all in one tile. The mask of the
 // lanes where that holds; the test is the point road's own for such bases.
-inline int32_t usualLanes(const WalkView& w, const TapLanes& tm, const TapLanes& t0, const TapLanes& tp,
-                          const TapLanes& sm, const TapLanes& s0, const TapLanes& sp) {
+// The lanes also need the lowest coordinates, left and top (those of tm and
+// sm), from zero on: below, fieldTap's base would differ from tapLanes'.
+inline int32_t usualLanes(const WalkView& w, __m128 left, __m128 top, const TapLanes& tm, const TapLanes& t0,
+                          const TapLanes& tp, const TapLanes& sm, const TapLanes& s0, const TapLanes& sp) {
   const __m128i one = _mm_set1_epi32(1);
   const __m128i minusOne = _mm_set1_epi32(-1);
   __m128i ok = _mm_and_si128(_mm_cmpeq_epi32(tm.base, _mm_sub_epi32(t0.base, one)),
@@ -67,13 +63,8 @@ inline int32_t usualLanes(const WalkView& w, const TapLanes& tm, const TapLanes&
                                          _mm_srai_epi32(_mm_add_epi32(tp.base, one), kTileShift)));
   ok = _mm_and_si128(ok, _mm_cmpeq_epi32(_mm_srai_epi32(sm.base, kTileShift),
                                          _mm_srai_epi32(_mm_add_epi32(sp.base, one), kTileShift)));
-  return w.fieldTiles != nullptr ? _mm_movemask_ps(_mm_castsi128_ps(ok)) : 0;
-}
-
-// The four rows of lane `lane`'s 4 x 4 field pixels.
-inline const uint8_t* usualBlock(const WalkView& w, int32_t left, int32_t top) {
-  const uint8_t* pixels = w.fieldTiles[(top >> kTileShift) * w.fieldAcross + (left >> kTileShift)].pixels;
-  return pixels + size_t(((top & kTileMask) * kTileWidth + (left & kTileMask))) * 4u;
+  const __m128 fromZero = _mm_and_ps(_mm_cmpge_ps(left, _mm_setzero_ps()), _mm_cmpge_ps(top, _mm_setzero_ps()));
+  return w.fieldTiles != nullptr ? _mm_movemask_ps(_mm_castsi128_ps(ok)) & _mm_movemask_ps(fromZero) : 0;
 }
 
 inline void storeLanes(__m128i a, __m128i b, int32_t* toA, int32_t* toB) {
@@ -89,11 +80,7 @@ inline int32_t solidLanes(const WalkView& w, __m128i x, __m128i y, int32_t lanes
     alignas(16) int32_t xs[kLanes];
     alignas(16) int32_t ys[kLanes];
     storeLanes(x, y, xs, ys);
-    int32_t solid = 0;
-    for (int32_t lane = 0; lane < kLanes; ++lane) {
-      if ((lanes & (1 << lane)) != 0 && solidIn(w, xs[lane], ys[lane])) solid |= 1 << lane;
-    }
-    return solid;
+    return solidLanesEach(w, xs, ys, lanes);
   }
   const __m128i minusOne = _mm_set1_epi32(-1);
   const __m128i inside =
@@ -117,53 +104,12 @@ inline int32_t solidLanes(const WalkView& w, __m128i x, __m128i y, int32_t lanes
   alignas(16) int32_t tiles[kLanes];
   alignas(16) int32_t places[kLanes];
   storeLanes(tile, place, tiles, places);
-  int32_t solid = 0;
-  for (int32_t lane = 0; lane < kLanes; ++lane) {
-    if ((lanes & (1 << lane)) != 0 && solidByte(w.opaqueTiles[tiles[lane]].pixels[places[lane]])) solid |= 1 << lane;
-  }
-  return solid;
+  return solidBytes<kLanes>(w, tiles, places, lanes);
 }
 
 // The lanes run as groups of four, each group a chain of steps of its own
 // that the processor overlaps with the others'.
 constexpr int32_t kGroups = 2;
-constexpr int32_t kAllLanes = kLanes * kGroups;
-constexpr int32_t kGroupBits = (1 << kLanes) - 1;
-constexpr int32_t kAllLaneBits = (1 << kAllLanes) - 1;
-
-inline int32_t lowestBit(int32_t bits) {
-#if defined(__GNUC__)
-  return __builtin_ctz(uint32_t(bits));
-#else
-  int32_t n = 0;
-  while ((bits & 1) == 0) {
-    bits >>= 1;
-    ++n;
-  }
-  return n;
-#endif
-}
-
-// The walks in the lanes: each lane's point, the point it stood on one step
-// before, its steps so far, and the index of the point it walks.
-struct Lanes {
-  alignas(16) float x[kAllLanes];
-  alignas(16) float y[kAllLanes];
-  alignas(16) float lastX[kAllLanes];
-  alignas(16) float lastY[kAllLanes];
-  int32_t steps[kAllLanes];
-  int32_t point[kAllLanes];
-};
-
-// The lanes of a group whose points a and b are the same bits in x and in y.
-inline int32_t sameBitsLanes(const float* ax, const float* ay, const float* bx, const float* by) {
-  const __m128i x = _mm_cmpeq_epi32(_mm_load_si128(reinterpret_cast<const __m128i*>(ax)),
-                                    _mm_load_si128(reinterpret_cast<const __m128i*>(bx)));
-  const __m128i y = _mm_cmpeq_epi32(_mm_load_si128(reinterpret_cast<const __m128i*>(ay)),
-                                    _mm_load_si128(reinterpret_cast<const __m128i*>(by)));
-  return _mm_movemask_ps(_mm_castsi128_ps(_mm_and_si128(x, y)));
-}
-
 // A group's step up to its field reads: the taps, and the lanes it leaves to
 // the point road (a reflection, an unusual read).
 struct GroupStep {
@@ -185,22 +131,27 @@ void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy
   g->xHigh = _mm_cvtps_pd(_mm_movehl_ps(x, x));
   g->yLow = _mm_cvtps_pd(y);
   g->yHigh = _mm_cvtps_pd(_mm_movehl_ps(y, y));
-  const double margin = double(kFieldMargin) - 0.5;
-  g->tm = tapLanes(offsetLanes(g->xLow, g->xHigh, margin - 1.0));
-  g->t0 = tapLanes(offsetLanes(g->xLow, g->xHigh, margin));
-  g->tp = tapLanes(offsetLanes(g->xLow, g->xHigh, margin + 1.0));
-  g->sm = tapLanes(offsetLanes(g->yLow, g->yHigh, margin - 1.0));
-  g->s0 = tapLanes(offsetLanes(g->yLow, g->yHigh, margin));
-  g->sp = tapLanes(offsetLanes(g->yLow, g->yHigh, margin + 1.0));
-  g->left = busy & (_mm_movemask_ps(reflects) | ~usualLanes(w, g->tm, g->t0, g->tp, g->sm, g->s0, g->sp));
+  // The read coordinates, float(double(x) + offset) for offsets 7.5, 8.5
+  // and 9.5, come straight from a single-precision sum: both operands are
+  // floats, and a sum rounded first to double and then to float gives the
+  // once-rounded float sum (double holds more than twice float's bits and two).
+  const float margin = float(kFieldMargin) - 0.5f;
+  const __m128 xm = _mm_add_ps(x, _mm_set1_ps(margin - 1.0f));
+  const __m128 ym = _mm_add_ps(y, _mm_set1_ps(margin - 1.0f));
+  g->tm = tapLanes(xm);
+  g->t0 = tapLanes(_mm_add_ps(x, _mm_set1_ps(margin)));
+  g->tp = tapLanes(_mm_add_ps(x, _mm_set1_ps(margin + 1.0f)));
+  g->sm = tapLanes(ym);
+  g->s0 = tapLanes(_mm_add_ps(y, _mm_set1_ps(margin)));
+  g->sp = tapLanes(_mm_add_ps(y, _mm_set1_ps(margin + 1.0f)));
+  g->left = busy & (_mm_movemask_ps(reflects) | ~usualLanes(w, xm, ym, g->tm, g->t0, g->tp, g->sm, g->s0, g->sp));
   alignas(16) int32_t columns[kLanes];
   alignas(16) int32_t rows[kLanes];
   storeLanes(g->tm.base, g->sm.base, columns, rows);
   // A lane that does not take the usual case reads zeros.
-  static const float kZeros[3 * kTileWidth + 4] = {};
   for (int32_t lane = 0; lane < kLanes; ++lane) {
     g->blocks[lane] = ((busy & ~g->left) & (1 << lane)) != 0 ? usualBlock(w, columns[lane], rows[lane])
-                                                             : reinterpret_cast<const uint8_t*>(kZeros);
+                                                             : reinterpret_cast<const uint8_t*>(kZeroBlock);
   }
 }
 
@@ -247,99 +198,14 @@ int32_t endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* next
   return solidLanes(w, _mm_cvttps_epi32(nx), _mm_cvttps_epi32(ny), busy & ~g.left);
 }
 
-// One step in every busy lane: the lanes that arrived into `arrived`; the
-// lanes left to the point road come back as a mask.
-int32_t stepLanes(const WalkView& w, const Lanes& l, int32_t busy, float* nextX, float* nextY, int32_t* arrived) {
-  GroupStep g[kGroups];
-  for (int32_t k = 0; k < kGroups; ++k) {
-    beginStep(w, l.x + k * kLanes, l.y + k * kLanes, (busy >> (k * kLanes)) & kGroupBits, &g[k]);
-  }
-  int32_t left = 0;
-  for (int32_t k = 0; k < kGroups; ++k) {
-    const int32_t groupBusy = (busy >> (k * kLanes)) & kGroupBits;
-    *arrived |= endStep(w, g[k], groupBusy, nextX + k * kLanes, nextY + k * kLanes) << (k * kLanes);
-    left |= g[k].left << (k * kLanes);
-  }
-  return left;
-}
-
 }  // namespace
 
 void nearestOpaqueLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX,
                         float* outY, uint8_t* walked) {
-  Lanes l;
-  for (int32_t lane = 0; lane < kAllLanes; ++lane) l.x[lane] = l.y[lane] = l.lastX[lane] = l.lastY[lane] = 0.0f;
-  int32_t busy = 0;
-  int32_t next = 0;
-  for (;;) {
-    // Every idle lane takes the next point that walks; the others land where
-    // they stand. An idle lane keeps whatever point it had, and nobody reads it.
-    for (int32_t idle = ~busy & kAllLaneBits; idle != 0 && next < count; idle &= idle - 1) {
-      const int32_t lane = lowestBit(idle);
-      while (next < count) {
-        const int32_t i = next++;
-        bool answer;
-        if (landsWhereItStands(w, xs[i], ys[i], &answer)) {
-          outX[i] = xs[i];
-          outY[i] = ys[i];
-          walked[i] = answer ? 1 : 0;
-          continue;
-        }
-        walked[i] = 1;
-        l.x[lane] = xs[i];
-        l.y[lane] = ys[i];
-        l.steps[lane] = 0;
-        l.point[lane] = i;
-        busy |= 1 << lane;
-        break;
-      }
-    }
-    if (busy == 0) return;
-    alignas(16) float nextX[kAllLanes];
-    alignas(16) float nextY[kAllLanes];
-    int32_t arrived = 0;
-    const int32_t left = stepLanes(w, l, busy, nextX, nextY, &arrived);
-    for (int32_t lanes = left; lanes != 0; lanes &= lanes - 1) {
-      const int32_t lane = lowestBit(lanes);
-      if (walkStepIn(w, l.x[lane], l.y[lane], &nextX[lane], &nextY[lane], true)) arrived |= 1 << lane;
-    }
-    // A step is a function of the point's bits alone, so a walk that comes
-    // back to a point it stood on repeats itself from there to its last
-    // step: one whose step left it where it stood ends there, one that came
-    // back to where it stood two steps before swings between the two.
-    int32_t still = 0;
-    int32_t swings = 0;
-    for (int32_t k = 0; k < kGroups; ++k) {
-      const int32_t at = k * kLanes;
-      still |= sameBitsLanes(nextX + at, nextY + at, l.x + at, l.y + at) << at;
-      swings |= sameBitsLanes(nextX + at, nextY + at, l.lastX + at, l.lastY + at) << at;
-    }
-    int32_t done = arrived & busy;
-    int32_t back = 0;
-    for (int32_t lanes = busy & ~done; lanes != 0; lanes &= lanes - 1) {
-      const int32_t lane = lowestBit(lanes);
-      const int32_t steps = ++l.steps[lane];
-      const int32_t bit = 1 << lane;
-      if (steps == kWalkSteps || (still & bit) != 0) {
-        done |= bit;
-      } else if (steps >= 2 && (swings & bit) != 0) {
-        done |= bit;
-        // An odd number of steps to go ends on the other point of the swing.
-        if (((kWalkSteps - steps) & 1) != 0) back |= bit;
-      }
-    }
-    memcpy(l.lastX, l.x, sizeof l.x);
-    memcpy(l.lastY, l.y, sizeof l.y);
-    memcpy(l.x, nextX, sizeof l.x);
-    memcpy(l.y, nextY, sizeof l.y);
-    for (int32_t lanes = done; lanes != 0; lanes &= lanes - 1) {
-      const int32_t lane = lowestBit(lanes);
-      const bool other = (back & (1 << lane)) != 0;
-      outX[l.point[lane]] = other ? l.lastX[lane] : l.x[lane];
-      outY[l.point[lane]] = other ? l.lastY[lane] : l.y[lane];
-    }
-    busy &= ~done;
-  }
+  // The two halves of the step as lambdas, so that they are inlined into the walk.
+  walkInLanes<kLanes, kGroups, GroupStep>(
+      w, count, xs, ys, outX, outY, walked, [](const auto&... a) { beginStep(a...); },
+      [](const auto&... a) { return endStep(a...); });
 }
 
 #else
