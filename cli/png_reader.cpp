@@ -18,6 +18,7 @@
 #include <libdeflate.h>
 
 #include "cli/depth_mapping.h"
+#include "cli/png_unfilter.h"
 #include "cli/progress.h"
 
 namespace mendaris_cli {
@@ -56,34 +57,6 @@ bool mapFile(const std::string& path, Mapping& file) {
   bool ok = fstat(fd, &info) == 0 && info.st_size > 0 && file.map(size_t(info.st_size), fd);
   close(fd);
   return ok;
-}
-
-// Undoes one row's filter in place; `prior` is the row above, unfiltered (zeros for the first).
-bool unfilterRow(uint8_t filter, uint8_t* row, const uint8_t* prior, size_t n, size_t bpp) {
-  switch (filter) {
-    case 0:
-      return true;
-    case 1:
-      for (size_t i = bpp; i < n; ++i) row[i] = uint8_t(row[i] + row[i - bpp]);
-      return true;
-    case 2:
-      for (size_t i = 0; i < n; ++i) row[i] = uint8_t(row[i] + prior[i]);
-      return true;
-    case 3:
-      for (size_t i = 0; i < bpp; ++i) row[i] = uint8_t(row[i] + (prior[i] >> 1));
-      for (size_t i = bpp; i < n; ++i) row[i] = uint8_t(row[i] + ((row[i - bpp] + prior[i]) >> 1));
-      return true;
-    case 4:
-      for (size_t i = 0; i < bpp; ++i) row[i] = uint8_t(row[i] + prior[i]);
-      for (size_t i = bpp; i < n; ++i) {
-        int a = row[i - bpp], b = prior[i], c = prior[i - bpp];
-        int pa = abs(b - c), pb = abs(a - c), pc = abs(a + b - 2 * c);
-        row[i] = uint8_t(row[i] + (pa <= pb && pa <= pc ? a : pb <= pc ? b : c));
-      }
-      return true;
-    default:
-      return false;
-  }
 }
 
 // A text chunk (tEXt, zTXt or iTXt) whose keyword is "Software".

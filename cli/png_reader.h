@@ -1,7 +1,7 @@
 // The common kind of PNG read straight into a layer: 8- or 16-bit gray, gray
 // and alpha, RGB or RGBA, not interlaced, no palette or transparency chunk.
-// libdeflate inflates the whole stream at once (about half zlib's time), and
-// the rows are unfiltered into the document's own buffer.
+// ISA-L inflates the stream (about half zlib's time) on a thread of its own,
+// while the rows already out are unfiltered into the document's own buffer.
 #pragma once
 
 #include <stdint.h>

@@ -45,6 +45,15 @@ void copyRowRgba8(const uint8_t* row, int32_t delivered, uint32_t* words) {
   for (int32_t x = delivered; x < kTileWidth; ++x) words[x] = words[delivered - 1];
 }
 
+// copyRow of a 16- or 32-bit host row laid out r, g, b, a: the store keeps
+// the same four samples in the same order, so the row is copied as it stands.
+template <class Sample>
+void copyRowAsLaid(const Sample* row, int32_t delivered, Sample* samples) {
+  memcpy(samples, row, size_t(delivered) * 4u * sizeof(Sample));
+  const Sample* last = row + 4 * (delivered - 1);
+  for (int32_t x = delivered; x < kTileWidth; ++x) memcpy(samples + 4 * x, last, 4 * sizeof(Sample));
+}
+
 }  // namespace
 
 void setHostTile(VRect rect) {
@@ -112,6 +121,10 @@ void copyHostTileToStore(PixelStore* store, int32_t tileIndex) {
     } else if (kind == kKindRgba16) {
       const uint16_t* line = reinterpret_cast<const uint16_t*>(data) + ptrdiff_t(sourceRow) * (rowBytes >> 1);
       uint16_t* samples = reinterpret_cast<uint16_t*>(target);
+      if (stride == 4 && alphaPlane == 3 && colour && hasAlpha) {
+        copyRowAsLaid(line, deliveredWidth, samples);
+        continue;
+      }
       copyRow<uint16_t>(line, stride, deliveredWidth, alphaPlane, colour, hasAlpha, 32768,
                         [&](int32_t x, uint16_t r, uint16_t g, uint16_t b, uint16_t a) {
                           uint16_t* p = samples + 4 * x;
@@ -123,6 +136,10 @@ void copyHostTileToStore(PixelStore* store, int32_t tileIndex) {
     } else {
       const float* line = reinterpret_cast<const float*>(data) + ptrdiff_t(sourceRow) * (rowBytes >> 2);
       float* samples = reinterpret_cast<float*>(target);
+      if (stride == 4 && alphaPlane == 3 && colour && hasAlpha) {
+        copyRowAsLaid(line, deliveredWidth, samples);
+        continue;
+      }
       copyRow<float>(line, stride, deliveredWidth, alphaPlane, colour, hasAlpha, 1.0f,
                      [&](int32_t x, float r, float g, float b, float a) {
                        float* p = samples + 4 * x;
