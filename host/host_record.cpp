@@ -324,6 +324,12 @@ void* blockAlloc(int32_t size, int32_t* idSlot) {
 
 void* blockAllocPlain(int32_t size) { return blockAlloc(size, nullptr); }
 
+void* blockAllocZeroed(int32_t size, int32_t* idSlot) {
+  if (idSlot != nullptr) *idSlot = -1;
+  if (size <= 0 || platformFaultInjected(kFaultBlock, size_t(size))) return nullptr;
+  return calloc(1, size_t(size));
+}
+
 void blockFreeRaw(void* block, int32_t* idSlot) {
   if (idSlot != nullptr) *idSlot = -1;
   free(block);

@@ -109,6 +109,10 @@ void clearProgress();
 // the host's buffer pool). Freeing null is harmless.
 void* blockAlloc(int32_t size, int32_t* idSlot);
 void* blockAllocPlain(int32_t size);
+// blockAlloc with every byte zero: the same block as blockAlloc and memset
+// give, from calloc, which skips the zeroing where the system's fresh pages
+// are zero already.
+void* blockAllocZeroed(int32_t size, int32_t* idSlot);
 void blockFreeRaw(void* block, int32_t* idSlot);
 // Zero-filled system memory, held locked for its whole life (the cell arrays).
 void* globalBlockAlloc(uint32_t size);

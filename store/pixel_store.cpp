@@ -194,12 +194,11 @@ bool pixelStoreBuild(PixelStore* store, int32_t width, int32_t height, int32_t k
         tile.left = c * kTileWidth;
         tile.rows = rows;
         if (level < levelsWithMemory) {
-          tile.pixels = static_cast<uint8_t*>(blockAlloc(bytes, &tile.bufferId));
+          tile.pixels = static_cast<uint8_t*>(blockAllocZeroed(bytes, &tile.bufferId));
           if (tile.pixels == nullptr) {
             pixelStoreRelease(store);
             return false;
           }
-          memset(tile.pixels, 0, size_t(bytes));
         }
         store->lastTile[level] = index;
         ++index;
