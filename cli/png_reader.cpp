@@ -211,14 +211,19 @@ bool readPlainPng(const std::string& path, standin::Document& document, std::vec
     }
     at += size + 12;
   }
-  if (!ended || !makeDocument(header)) return false;
+  if (!ended) return false;
 
-  size_t sampleBytes = size_t(document.depth / 8);
-  size_t rowBytes = size_t(document.width) * size_t(document.planes()) * sampleBytes;
-  size_t rows = size_t(document.height);
+  // The inflate starts before the document is made: making it zeroes its
+  // pixels, which now overlaps the inflate.
+  size_t sampleBytes = size_t(header.depth / 8);
+  size_t rowBytes = size_t(header.width) * size_t(header.planes) * sampleBytes;
+  size_t rows = size_t(header.height);
   Mapping raw;
   if (!raw.map(rows * (rowBytes + 1), -1)) return false;
   PipedInflate inflate(file.data, streamSize, raw.data, raw.size);
+  if (!makeDocument(header) || document.width != header.width || document.height != header.height ||
+      document.depth != header.depth || document.planes() != header.planes)
+    return false;
 
   std::vector<uint8_t> zeros(rowBytes, 0);
   size_t bpp = size_t(document.planes()) * sampleBytes;
