@@ -3,8 +3,8 @@
 // already unfiltered (zeros for the first row), bpp the bytes of a pixel.
 // False for a filter byte PNG does not have.
 //
-// Two roads: the byte road, one byte after the other as the PNG
-// specification writes it, and the pixel lanes (png_unfilter_sse2.cpp),
+// Two roads: the byte road, one byte after the other, each filter's
+// predictor taken as it is defined, and the pixel lanes (png_unfilter_sse2.cpp),
 // which take a pixel of 4 or 8 bytes at a time in SSE2 lanes for Sub,
 // Average and Paeth, whose bytes depend on the byte a pixel before. Both
 // give the same bytes; unfilterRow takes the fastest for the row.
