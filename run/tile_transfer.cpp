@@ -104,13 +104,15 @@ void copyHostTileToStore(PixelStore* store, int32_t tileIndex) {
   if (deliveredWidth > kTileWidth) deliveredWidth = kTileWidth;
   if (deliveredWidth <= 0 || deliveredRows <= 0) return;
 
+  // r, g, b, a side by side, the host's usual layout: copied in plain loops.
+  const bool usualLayout = stride == 4 && alphaPlane == 3 && colour && hasAlpha;
   for (int32_t row = 0; row < rows; ++row) {
     int32_t sourceRow = row < deliveredRows ? row : deliveredRows - 1;
     uint8_t* target = tile.pixels + size_t(row) * kTileWidth * size_t(store->pixelBytes);
     if (kind == kKindRgba8) {
       const uint8_t* line = data + ptrdiff_t(sourceRow) * rowBytes;
       uint32_t* words = reinterpret_cast<uint32_t*>(target);
-      if (stride == 4 && alphaPlane == 3 && colour && hasAlpha) {
+      if (usualLayout) {
         copyRowRgba8(line, deliveredWidth, words);
         continue;
       }
@@ -121,7 +123,7 @@ void copyHostTileToStore(PixelStore* store, int32_t tileIndex) {
     } else if (kind == kKindRgba16) {
       const uint16_t* line = reinterpret_cast<const uint16_t*>(data) + ptrdiff_t(sourceRow) * (rowBytes >> 1);
       uint16_t* samples = reinterpret_cast<uint16_t*>(target);
-      if (stride == 4 && alphaPlane == 3 && colour && hasAlpha) {
+      if (usualLayout) {
         copyRowAsLaid(line, deliveredWidth, samples);
         continue;
       }
@@ -136,7 +138,7 @@ void copyHostTileToStore(PixelStore* store, int32_t tileIndex) {
     } else {
       const float* line = reinterpret_cast<const float*>(data) + ptrdiff_t(sourceRow) * (rowBytes >> 2);
       float* samples = reinterpret_cast<float*>(target);
-      if (stride == 4 && alphaPlane == 3 && colour && hasAlpha) {
+      if (usualLayout) {
         copyRowAsLaid(line, deliveredWidth, samples);
         continue;
       }
