@@ -1,5 +1,6 @@
 #include "grid/pixel_sampling.h"
 
+#include <float.h>
 #include <math.h>
 #include <string.h>
 
@@ -41,6 +42,19 @@ inline bool sameKeys(const SampleCell* a, const SampleCell* b) {
   return a->keyA == b->keyA && a->keyB == b->keyB && a->keyC == b->keyC;
 }
 
+// (a + b) / 2 as the engine takes it: in double, rounded to float. Where the
+// float sum is finite, float arithmetic gives the same bits: the sum rounds
+// once either way (a double holds more than twice a float's digits plus two);
+// halving is exact in the normal range; and a sum whose half falls below it
+// is a multiple of the smallest float under 2^-125, which a float holds
+// exactly, so the half rounds once either way too. A sum that overflows a
+// float, an infinity or a NaN takes the double road.
+inline float meanOfTwo(float a, float b) {
+  const float sum = a + b;
+  if (fabsf(sum) <= FLT_MAX) return sum * 0.5f;
+  return float((double(a) + double(b)) * 0.5);
+}
+
 // The circle mean of two coordinates of period 1: across the wrap the short
 // way round.
 inline double circleMean(double a, double b) {
@@ -61,14 +75,14 @@ bool cellMissed(const SampleCell& cell) { return cell.keyA == kNoHitKey; }
 float averageV(float a, float b, int32_t edgeMode) {
   if (a == -1.0f) return b;
   if (b == -1.0f) return a;
-  if (edgeMode != 1) return float((double(a) + double(b)) * 0.5);
+  if (edgeMode != 1) return meanOfTwo(a, b);
   return float(circleMean(double(a), double(b)));
 }
 
 float averageU(float a, float b, int32_t edgeMode) {
   if (a == -1.0f) return b;
   if (b == -1.0f) return a;
-  if (edgeMode == 0) return float((double(a) + double(b)) * 0.5);
+  if (edgeMode == 0) return meanOfTwo(a, b);
   double m = circleMean(double(a), double(b));
   return float(m - floor(m));
 }
@@ -177,13 +191,38 @@ inline void sampleGeneral(SampleGrid* grid, const PixelStore* store, int32_t x, 
   if (here != nullptr) memcpy(here->colour, sample.resultColour, sizeof here->colour);
 }
 
+// The level-0 reads of a row's pixels, gathered while the row is walked and
+// made together: each read is a pure function of its point, so it may wait,
+// and a batch of them lets the processor overlap one read with the next.
+// Each colour goes into its cell when its batch is read; nothing of the row
+// reads a colour back before then.
+constexpr int32_t kRowReadBatch = 64;
+
+struct RowReads {
+  int32_t count;
+  float u[kRowReadBatch];
+  float v[kRowReadBatch];
+  SampleCell* cell[kRowReadBatch];
+};
+
+void readRowBatch(const PixelStore* store, RowReads* reads) {
+  float colours[kRowReadBatch][4];
+  filterUnitPixelsAtLevelZero(store, reads->count, reads->u, reads->v, colours);
+  for (int32_t k = 0; k < reads->count; ++k) {
+    float* colour = reads->cell[k]->colour;
+    memcpy(colour, colours[k], sizeof colours[k]);
+    windowMean(colour);
+  }
+  reads->count = 0;
+}
+
 // The road of a pixel whose four corners are there with equal keys: their
 // hashes agree, so no corner class, no fixed level, and the single-position
 // window over the corners. This is samplePixel's road for such a pixel, step
 // by step; `right` and `leftColumn` are the means of the pixel's right and
-// left corner columns.
+// left corner columns. A level-0 read joins the row's batch.
 inline void sampleAgreeing(SampleGrid* grid, const PixelStore* store, SampleCell* here, const SampleCell* left,
-                           const SampleCell* up, ColumnMeans right, ColumnMeans leftColumn) {
+                           const SampleCell* up, ColumnMeans right, ColumnMeans leftColumn, RowReads* reads) {
   grid->spanA = here->spanA;
   grid->spanB = here->spanB;
   grid->state.fixedLod = false;
@@ -194,8 +233,17 @@ inline void sampleAgreeing(SampleGrid* grid, const PixelStore* store, SampleCell
   } else {
     const float v = averageV(leftColumn.v, right.v, 0);
     const float u = averageU(leftColumn.u, right.u, 0);
-    footprintFromCorners(left->landU, left->landV, up->landU, up->landV, here->landU, here->landV, u, v, store,
-                         colour, kDefaultSharpness, &grid->state);
+    float derivs[4];
+    int32_t missing;
+    if (footprintIsLevelZeroRead(left->landU, left->landV, up->landU, up->landV, here->landU, here->landV, u, v,
+                                 derivs, &missing)) {
+      reads->u[reads->count] = u;
+      reads->v[reads->count] = v;
+      reads->cell[reads->count] = here;
+      if (++reads->count == kRowReadBatch) readRowBatch(store, reads);
+      return;
+    }
+    footprintSample(derivs, u, v, missing, store, colour, kDefaultSharpness, &grid->state);
   }
   windowMean(colour);
   memcpy(here->colour, colour, sizeof here->colour);
@@ -209,7 +257,10 @@ inline void sampleCorners(SampleGrid* grid, const PixelStore* store, int32_t x, 
     sampleGeneral(grid, store, x, y, here, unit);
     return;
   }
-  sampleAgreeing(grid, store, here, left, up, columnMeans(up, here), columnMeans(upLeft, left));
+  RowReads reads;
+  reads.count = 0;
+  sampleAgreeing(grid, store, here, left, up, columnMeans(up, here), columnMeans(upLeft, left), &reads);
+  if (reads.count > 0) readRowBatch(store, &reads);
 }
 
 // The pixels of row y, for a rectangle inside the range of the 16-bit counters.
@@ -236,6 +287,8 @@ void samplePixelRow(JobUnit* unit, int32_t y) {
   // column's of the next.
   bool haveLeftColumn = false;
   ColumnMeans leftColumn = {0.0f, 0.0f};
+  RowReads reads;
+  reads.count = 0;
   for (int32_t k = 0; k < width; ++k) {
     SampleCell* here = lower + k + 1;
     const SampleCell* left = lower + k;
@@ -248,22 +301,32 @@ void samplePixelRow(JobUnit* unit, int32_t y) {
     }
     const ColumnMeans right = columnMeans(up, here);
     if (!haveLeftColumn) leftColumn = columnMeans(upLeft, left);
-    sampleAgreeing(grid, store, here, left, up, right, leftColumn);
+    sampleAgreeing(grid, store, here, left, up, right, leftColumn, &reads);
     leftColumn = right;
     haveLeftColumn = true;
   }
+  if (reads.count > 0) readRowBatch(store, &reads);
 }
 
 }  // namespace
+
+bool unitOnPlainCounters(const JobUnit* unit) {
+  const VRect& r = unit->cursor.unitRect;
+  return int32_t(int16_t(r.top)) == r.top && int32_t(int16_t(r.left)) == r.left && r.bottom <= 32767 &&
+         r.right <= 32767;
+}
+
+void samplePixelRows(JobUnit* unit, int32_t first, int32_t end) {
+  for (int32_t y = first; y < end; ++y) samplePixelRow(unit, y);
+}
 
 void samplePixels(JobUnit* unit) {
   const VRect& r = unit->cursor.unitRect;
   // Signed 16-bit counters against the full edges, as in the cell fill. A
   // rectangle whose edges lie inside that range never wraps, and runs on
   // plain counters, row by row.
-  if (int32_t(int16_t(r.top)) == r.top && int32_t(int16_t(r.left)) == r.left && r.bottom <= 32767 &&
-      r.right <= 32767) {
-    for (int32_t y = r.top; y < r.bottom; ++y) samplePixelRow(unit, y);
+  if (unitOnPlainCounters(unit)) {
+    samplePixelRows(unit, r.top, r.bottom);
     return;
   }
   SampleGrid* grid = &unit->grids[0];

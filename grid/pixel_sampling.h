@@ -50,6 +50,12 @@ float averageV(float a, float b, int32_t edgeMode);
 
 // Every pixel of the unit, each colour into the pixel's cell.
 void samplePixels(JobUnit* unit);
+
+// Whether the unit's rectangle lies where plain counters run (its edges in
+// the range of signed 16 bits), and the pixels of its rows first..end - 1
+// when it does.
+bool unitOnPlainCounters(const JobUnit* unit);
+void samplePixelRows(JobUnit* unit, int32_t first, int32_t end);
 // One pixel; mode 3 and count 1 are the values of this filter.
 void samplePixel(float sharpness, const PixelStore* store, int32_t x, int32_t y, SampleGrid* grid, int32_t mode,
                  int32_t count, PixelSample& sample, JobUnit* unit);

@@ -109,7 +109,9 @@ void cellPoint(float x, float y, int32_t sampleRate, int32_t offsetX, int32_t of
   storeCell(c, x, y, landX, landY, walked, cell);
 }
 
-void fillCells(JobUnit* unit, SampleGrid* grid) {
+// Point rows first..end - 1 on 16-bit counters, as the engine has them;
+// columns left - 1 to right.
+void fillCellRows(JobUnit* unit, SampleGrid* grid, int32_t first, int32_t end) {
   const VRect& r = unit->cursor.unitRect;
   CellContext c;
   cellContext(grid, grid->sampleRate, grid->offsetX, grid->offsetY, grid->store, &c);
@@ -129,7 +131,7 @@ void fillCells(JobUnit* unit, SampleGrid* grid) {
     for (int32_t i = 0; i < count; ++i) storeCell(c, xs[i], ys[i], landX[i], landY[i], walked[i] != 0, cells[i]);
     count = 0;
   };
-  for (int16_t y = low16(r.top - 1); int32_t(y) < r.bottom + 1; y = low16(y + 1)) {
+  for (int16_t y = low16(first); int32_t(y) < end; y = low16(y + 1)) {
     for (int16_t x = low16(r.left - 1); int32_t(x) < r.right + 1; x = low16(x + 1)) {
       SampleCell* cell = cellAt(grid, x, y);
       if (cell == nullptr) continue;
@@ -141,6 +143,19 @@ void fillCells(JobUnit* unit, SampleGrid* grid) {
   }
   walkPoints();
 }
+
+void fillCells(JobUnit* unit, SampleGrid* grid) {
+  const VRect& r = unit->cursor.unitRect;
+  fillCellRows(unit, grid, r.top - 1, r.bottom + 1);
+}
+
+namespace {
+
+// Rows of pixels taken at a time on plain counters: four rows of points are
+// one batch of the walk, and their cells stay in the cache.
+constexpr int32_t kBandRows = 4;
+
+}  // namespace
 
 void renderUnit(JobUnit* unit) {
   if (unit == nullptr || unit->grids == nullptr) return;
@@ -187,6 +202,7 @@ void renderUnit(JobUnit* unit) {
     grid.offsetY = params->tileShiftV;
     grid.scratchBlock = instance->scratch[0];
   }
+  const bool banded = count == 1 && unitOnPlainCounters(unit);
   for (int32_t i = 0; i < count; ++i) {
     SampleGrid& grid = unit->grids[i];
     // Without its cell array the unit ends here: the writer then gives its
@@ -198,7 +214,20 @@ void renderUnit(JobUnit* unit) {
                 &grid.bandMinU, &grid.bandMinV, &s, &t);
     pointToUnit(float(r.right), float(r.bottom), grid.sampleRate, grid.offsetX, grid.offsetY, store, &grid.bandMaxU,
                 &grid.bandMaxV, &s, &t);
-    fillCells(unit, &grid);
+    if (!banded) fillCells(unit, &grid);
   }
-  samplePixels(unit);
+  if (!banded) {
+    samplePixels(unit);
+    return;
+  }
+  // Pixel row y reads the point rows y - 1 and y; the last point row is
+  // filled as the whole-unit road fills it, though no pixel here reads it.
+  SampleGrid* grid = &unit->grids[0];
+  fillCellRows(unit, grid, r.top - 1, r.top);
+  for (int32_t y = r.top; y < r.bottom; y += kBandRows) {
+    const int32_t end = r.bottom - y < kBandRows ? r.bottom : y + kBandRows;
+    fillCellRows(unit, grid, y, end);
+    samplePixelRows(unit, y, end);
+  }
+  fillCellRows(unit, grid, r.bottom, r.bottom + 1);
 }

@@ -75,9 +75,15 @@ void cellPoint(float x, float y, int32_t sampleRate, int32_t offsetX, int32_t of
 // left - 1 to right, with signed 16-bit counters: coordinates of 32768 and
 // above are not handled.
 void fillCells(JobUnit* unit, SampleGrid* grid);
+// The cells of the grid's point rows first..end - 1 alone: fillCells takes
+// them all, a unit on plain counters (unitOnPlainCounters) a few at a time.
+void fillCellRows(JobUnit* unit, SampleGrid* grid, int32_t first, int32_t end);
 
 // The worker's half of the render: fills the cells and samples every pixel,
-// leaving each pixel's colour in its cell. A unit without a grids array does
+// leaving each pixel's colour in its cell. A unit on plain counters takes a
+// few rows at a time, their cells and then their pixels, so that the cells a
+// pixel reads are still in the cache; each cell and each pixel is a function
+// of its own point, so the order gives the same bits. A unit without a grids array does
 // nothing; a grid without cells leaves the unit untouched, and its pixels are
 // written as (0, 0, 0, 0).
 void renderUnit(JobUnit* unit);

@@ -61,31 +61,43 @@ void resetFootprintState(FootprintState* state);
 void footprintSample(const float derivs[4], float u, float v, int32_t missing, const PixelStore* store, float out[4],
                      float sharpness, FootprintState* state);
 
-// The entry of the pixel sampler: derivatives from the lower right corner to
-// the lower left (x pair) and to the upper right (y pair), a coordinate of
-// exactly -1.0 marking a missing corner; then footprintSample at the centre.
-// Inline, with the common case first: a translation-like map (B within 1e-7
-// of zero) at a point in range is one level-0 read of the kernel, exactly
-// what footprintSample comes to through levelSample, without the detours.
-inline void footprintFromCorners(float uLeft, float vLeft, float uUp, float vUp, float uHere, float vHere,
-                                 float uCentre, float vCentre, const PixelStore* store, float out[4],
-                                 float sharpness, FootprintState* state) {
-  float derivs[4] = {uHere - uLeft, vHere - vLeft, uHere - uUp, vHere - vUp};
-  int32_t missing = (uLeft == -1.0f ? kMissingX : 0) + (uUp == -1.0f ? kMissingY : 0);
-  // A missing pair borrows the other one, so that the footprint stays round.
-  if (missing == kMissingX) {
+// Whether footprintFromCorners comes to one level-0 read at the centre: a
+// translation-like map (B within 1e-7 of zero) at a point in range. The
+// derivatives are from the lower right corner to the lower left (x pair) and
+// to the upper right (y pair); a coordinate of exactly -1.0 marks a missing
+// corner, and a missing pair borrows the other one, so that the footprint
+// stays round.
+inline bool footprintIsLevelZeroRead(float uLeft, float vLeft, float uUp, float vUp, float uHere, float vHere,
+                                     float uCentre, float vCentre, float derivs[4], int32_t* missing) {
+  derivs[0] = uHere - uLeft;
+  derivs[1] = vHere - vLeft;
+  derivs[2] = uHere - uUp;
+  derivs[3] = vHere - vUp;
+  *missing = (uLeft == -1.0f ? kMissingX : 0) + (uUp == -1.0f ? kMissingY : 0);
+  if (*missing == kMissingX) {
     derivs[0] = derivs[2];
     derivs[1] = derivs[3];
-  } else if (missing == kMissingY) {
+  } else if (*missing == kMissingY) {
     derivs[2] = derivs[0];
     derivs[3] = derivs[1];
   }
-  if (uCentre == uCentre && vCentre == vCentre) {
-    float b = (derivs[1] * derivs[0] + derivs[3] * derivs[2]) * -2.0f;
-    if (-1e-7f < b && b < 1e-7f && uCentre >= 0.0f && uCentre <= 1.0f && vCentre >= 0.0f && vCentre < 1.0f) {
-      filterUnitPixel(store, 0, 0.0f, uCentre, vCentre, out);
-      return;
-    }
+  if (!(uCentre == uCentre && vCentre == vCentre)) return false;
+  const float b = (derivs[1] * derivs[0] + derivs[3] * derivs[2]) * -2.0f;
+  return -1e-7f < b && b < 1e-7f && uCentre >= 0.0f && uCentre <= 1.0f && vCentre >= 0.0f && vCentre < 1.0f;
+}
+
+// The entry of the pixel sampler: footprintSample at the centre, with the
+// common case first: a translation-like map at a point in range is one
+// level-0 read of the kernel, exactly what footprintSample comes to through
+// levelSample, without the detours.
+inline void footprintFromCorners(float uLeft, float vLeft, float uUp, float vUp, float uHere, float vHere,
+                                 float uCentre, float vCentre, const PixelStore* store, float out[4],
+                                 float sharpness, FootprintState* state) {
+  float derivs[4];
+  int32_t missing;
+  if (footprintIsLevelZeroRead(uLeft, vLeft, uUp, vUp, uHere, vHere, uCentre, vCentre, derivs, &missing)) {
+    filterUnitPixel(store, 0, 0.0f, uCentre, vCentre, out);
+    return;
   }
   footprintSample(derivs, uCentre, vCentre, missing, store, out, sharpness, state);
 }

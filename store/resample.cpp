@@ -29,13 +29,16 @@ const float kScale8 = 0x1p-22f;
 const float kScale16 = 0x1p-15f;
 const float kScale16Wide = 0x1p-30f;
 
-// Base pixel and phase of one axis: p = coord + 0.5 (in double, rounded to
-// float); the base pixel is trunc(p) and the phase the first 7 bits of the
-// fraction. The half pixel matches the box offset built into the table.
+// Base pixel and phase of one axis: p = coord + 0.5 rounded to float; the
+// base pixel is trunc(p) and the phase the first 7 bits of the fraction. The
+// half pixel matches the box offset built into the table. The sum may be
+// taken in double and rounded to float, or in float at once: a double holds
+// more than twice a float's digits plus two, so both round alike. The
+// fraction and its scaling by 128 are exact in either.
 inline int32_t kernelBase(float coord, int32_t* phase) {
-  float p = float(double(coord) + 0.5);
-  int32_t i = truncFloat(p);
-  *phase = truncDouble(double(p - float(i)) * 128.0);
+  const float p = coord + 0.5f;
+  const int32_t i = truncFloat(p);
+  *phase = truncFloat((p - float(i)) * 128.0f);
   return i;
 }
 
@@ -209,12 +212,8 @@ inline void filterBlockU8x4(const uint8_t* block, ptrdiff_t stride, const uint32
       rowU8x4(block, w01, w23, w4, zero), rowU8x4(block + stride, w01, w23, w4, zero),
       rowU8x4(block + 2 * stride, w01, w23, w4, zero), rowU8x4(block + 3 * stride, w01, w23, w4, zero),
       rowU8x4(block + 4 * stride, w01, w23, w4, zero), wy);
-  alignas(16) float lanes[4];
-  _mm_store_ps(lanes, _mm_mul_ps(_mm_cvtepi32_ps(total), _mm_set1_ps(kScale8)));
-  out[0] = lanes[3];
-  out[1] = lanes[2];
-  out[2] = lanes[1];
-  out[3] = lanes[0];
+  const __m128 scaled = _mm_mul_ps(_mm_cvtepi32_ps(total), _mm_set1_ps(kScale8));
+  _mm_storeu_ps(out, _mm_shuffle_ps(scaled, scaled, _MM_SHUFFLE(0, 1, 2, 3)));
 }
 
 // Kind 4. pmaddwd multiplies signed 16-bit lanes, and the values run to 65535:
@@ -651,6 +650,39 @@ void filterUnitPixel(const PixelStore* store, int32_t level, float frac, float u
   out[1] *= scale;
   out[2] *= scale;
   out[3] *= scale;
+}
+
+namespace {
+
+template <int32_t kKind>
+void kernelsAtLevelZero(const PixelStore* store, int32_t count, const float* us, const float* vs, float (*out)[4]) {
+  // As blendAt takes level 0 with frac 0: the level limited, one kernel read.
+  const int32_t l = limitBlendLevel(store, 0);
+  const float scaleX = store->levelScaleX[l];
+  const float scaleY = store->levelScaleY[l];
+  const float unit = store->valueToUnit;
+  for (int32_t k = 0; k < count; ++k) {
+    float* o = out[k];
+    kernelAt<kKind>(store, l, scaleX * us[k] - 0.5f, scaleY * vs[k] - 0.5f, o);
+    o[0] *= unit;
+    o[1] *= unit;
+    o[2] *= unit;
+    o[3] *= unit;
+  }
+}
+
+}  // namespace
+
+void filterUnitPixelsAtLevelZero(const PixelStore* store, int32_t count, const float* us, const float* vs,
+                                 float (*out)[4]) {
+  switch (store->kind) {
+    case kKindRgba8: kernelsAtLevelZero<kKindRgba8>(store, count, us, vs, out); return;
+    case kKindRgba16: kernelsAtLevelZero<kKindRgba16>(store, count, us, vs, out); return;
+    case kKindRgbaFloat: kernelsAtLevelZero<kKindRgbaFloat>(store, count, us, vs, out); return;
+    default:
+      for (int32_t k = 0; k < count; ++k) filterUnitPixel(store, 0, 0.0f, us[k], vs[k], out[k]);
+      return;
+  }
 }
 
 void filterUnitPixelAt(const PixelStore* store, int32_t level, float frac, float x, float y, float out[4]) {

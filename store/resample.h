@@ -96,6 +96,12 @@ void filterBlendDispatch(const PixelStore* store, int32_t level, float frac, flo
 // filterBlendDispatch with the four results times valueToUnit: r, g, b, a in unit range.
 void filterUnitPixel(const PixelStore* store, int32_t level, float frac, float u, float v, float out[4]);
 
+// filterUnitPixel at level 0 with no blend, for `count` points (us[k], vs[k])
+// into out[k]: the same bits as one call per point. The reads do not depend on
+// one another, and a batch lets the processor overlap them.
+void filterUnitPixelsAtLevelZero(const PixelStore* store, int32_t count, const float* us, const float* vs,
+                                 float (*out)[4]);
+
 // filterUnitPixel at pixel (x, y) of `level`: u = (x + 0.5) * invInnerWidth[level],
 // v = (y + 0.5) * invInnerHeight[level].
 void filterUnitPixelAt(const PixelStore* store, int32_t level, float frac, float x, float y, float out[4]);

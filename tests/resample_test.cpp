@@ -386,6 +386,40 @@ TEST(UnitEntries, BilinearNeighbours) {
   EXPECT_EQ(out[0], edge[0]);
 }
 
+TEST(UnitEntries, LevelZeroBatchReadsWhatSingleReadsRead) {
+  // The render's batch of level-0 reads against one filterUnitPixel a point,
+  // bit for bit, in every kind: points across tile borders, on the edges and
+  // a little past them, and batches of odd sizes.
+  const int32_t kinds[] = {kKindRgba8, kKindRgba16, kKindRgbaFloat, kKindGray8, kKindFloat};
+  for (int32_t kind : kinds) {
+    OwnedStore s(700, 530, kind);
+    ASSERT_NE(s.store, nullptr);
+    fillRandom(s.store, 3);
+    std::vector<float> us, vs;
+    uint32_t state = 99;
+    for (int i = 0; i < 3000; ++i) {
+      state = state * 1664525u + 1013904223u;
+      us.push_back(float(int32_t(state >> 8) % 10300) / 10000.0f - 0.015f);
+      state = state * 1664525u + 1013904223u;
+      vs.push_back(float(int32_t(state >> 8) % 10300) / 10000.0f - 0.015f);
+    }
+    for (float edge : {0.0f, 1.0f, 512.0f / 700.0f, 511.5f / 700.0f}) {
+      us.push_back(edge);
+      vs.push_back(edge * 0.9f);
+    }
+    std::vector<float> batch(us.size() * 4);
+    for (size_t at = 0; at < us.size(); at += 37) {
+      const int32_t count = int32_t(us.size() - at < 37 ? us.size() - at : 37);
+      filterUnitPixelsAtLevelZero(s.store, count, &us[at], &vs[at], reinterpret_cast<float(*)[4]>(&batch[at * 4]));
+    }
+    for (size_t i = 0; i < us.size(); ++i) {
+      float one[4];
+      filterUnitPixel(s.store, 0, 0.0f, us[i], vs[i], one);
+      ASSERT_EQ(memcmp(one, &batch[i * 4], sizeof one), 0) << "kind " << kind << ", (" << us[i] << ", " << vs[i] << ")";
+    }
+  }
+}
+
 // ---- small levels ----------------------------------------------------------------------------------------
 
 // Levels of 1 to 4 pixels in either direction let the one-tile road read the

@@ -5,6 +5,7 @@
 // averages, and the row loop against the sampler's whole road.
 #include <gtest/gtest.h>
 
+#include <float.h>
 #include <math.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -245,6 +246,28 @@ TEST(RenderUnit, ColoursDoNotDependOnThePartition) {
     for (int32_t x = 0; x < 21; ++x) EXPECT_EQ(whole.cell(x, y)->colour[3], 1.0f);
 }
 
+TEST(RenderUnit, RowsAtATimeGiveTheCellsOfTheWholeUnitRoad) {
+  // renderUnit takes a few rows of cells and then their pixels; the cells
+  // must come out byte for byte as fillCells then samplePixels leave them,
+  // in units whose height is and is not a multiple of the band.
+  LayerWorld world(40, 30);
+  patterned(world, 255);
+  solidRect(world, 9, 6, 27, 19);
+  for (const VRect& r : {VRect{2, 3, 28, 37}, VRect{0, 0, 4, 40}, VRect{5, 1, 30, 2}, VRect{11, 7, 12, 30}}) {
+    TestUnit banded(r);
+    renderUnit(banded.unit);
+    // The grid as renderUnit prepares it, then the whole-unit road afresh.
+    TestUnit whole(r);
+    renderUnit(whole.unit);
+    const size_t bytes = size_t(banded.unit->cursor.gridRows) * size_t(banded.unit->cursor.gridCols) * sizeof(SampleCell);
+    memset(whole.grid->cells, 0, bytes);
+    resetFootprintState(&whole.grid->state);
+    fillCells(whole.unit, whole.grid);
+    samplePixels(whole.unit);
+    EXPECT_EQ(memcmp(banded.grid->cells, whole.grid->cells, bytes), 0) << r.top << "," << r.left;
+  }
+}
+
 TEST(RenderUnit, BareLayerWithFlatFieldGivesBlackOpaque) {
   // No solid pixel and no gradient: every walk ends at NaN, the footprint
   // gives zero colour, and the window makes it opaque.
@@ -278,6 +301,36 @@ TEST(PixelSampling, AveragesSkipMissingCornersUseDoubleAndWrap) {
   for (const Case& c : cases) {
     const float got = c.v ? averageV(c.a, c.b, c.mode) : averageU(c.a, c.b, c.mode);
     EXPECT_NEAR(got, c.mean, c.mode == 0 ? 0.0 : 1e-6) << (c.v ? "v " : "u ") << c.a << " " << c.b << " " << c.mode;
+  }
+}
+
+TEST(PixelSampling, PlainMeansRoundAsTheDoubleMean) {
+  // The plain mean is taken in float where that gives the double's bits;
+  // the edges of that ground (overflowing sums, means below the normal
+  // range, exact zeros, NaN, far exponents), then random bit patterns.
+  const float big = FLT_MAX;
+  const float tiny = FLT_MIN;
+  const float sub = 1e-45f;
+  std::vector<std::pair<float, float>> pairs = {
+      {big, big},          {-big, -big},       {big, -big},        {big, 1.0f},       {tiny, 0.0f},
+      {tiny, tiny},        {tiny, -tiny * 0.5f}, {sub, sub},         {sub, 0.0f},       {sub * 3.0f, sub},
+      {-sub, sub},         {0.0f, -0.0f},      {-0.0f, -0.0f},     {1.0f, 1e-30f},    {0.75f, 1e-8f},
+      {nanf(""), 0.5f},    {0.5f, -nanf("")},  {INFINITY, 1.0f},   {INFINITY, -INFINITY}, {3e38f, 1e38f},
+      {tiny * 2.0f, -tiny}, {0.1f, 0.7f}};
+  uint32_t state = 12345;
+  for (int i = 0; i < 200000; ++i) {
+    state = state * 1664525u + 1013904223u;
+    const uint32_t x = state;
+    state = state * 1664525u + 1013904223u;
+    // Half the pairs close in size, so that their sums cancel.
+    const uint32_t y = (i & 1) != 0 ? state : (x ^ (state & 0x8000ffffu));
+    pairs.push_back({bitsToFloat(x), bitsToFloat(y)});
+  }
+  for (const auto& p : pairs) {
+    if (p.first == -1.0f || p.second == -1.0f) continue;  // the missing corner's mark
+    const float expected = float((double(p.first) + double(p.second)) * 0.5);
+    for (const float got : {averageU(p.first, p.second, 0), averageV(p.first, p.second, 0), averageV(p.first, p.second, 2)})
+      ASSERT_EQ(floatBits(got), floatBits(expected)) << p.first << " " << p.second;
   }
 }
 
