@@ -24,6 +24,7 @@
 #include "host/plugin_main.h"
 #include "run/job_pool.h"
 #include "store/pixel_store.h"
+#include "store/resample.h"
 
 namespace {
 
@@ -194,6 +195,37 @@ BENCHMARK(BM_WalkCorners)
     ->Arg(kWalkRoadLanes)
     ->Arg(kWalkRoadWideLanes)
     ->Unit(benchmark::kMillisecond);
+
+// The level-0 reads of the render on each kernel road: a unit's worth of
+// points, a pixel centre apiece, nudged off the centre as landing points are,
+// in the batches of the sampler.
+void BM_LevelZeroReads(benchmark::State& state) {
+  const KernelRoad road = KernelRoad(state.range(0));
+  PixelStore* store = &atlas().instance->sourceStore;
+  if (!kernelRoadRuns(road)) {
+    state.SkipWithError("road not built or not taken by this processor");
+    return;
+  }
+  std::vector<float> us, vs;
+  for (int32_t y = 0; y < kRenderTileSide; ++y)
+    for (int32_t x = 0; x < kRenderTileSide; ++x) {
+      us.push_back((float(3 * kCell - 64 + x) + 0.5f + 0.013f * float(y % 7)) / float(kSide));
+      vs.push_back((float(3 * kCell - 64 + y) + 0.5f - 0.011f * float(x % 5)) / float(kSide));
+    }
+  std::vector<float> out(us.size() * 4);
+  const int32_t saved = store->kernelRoad;
+  store->kernelRoad = road;
+  for (auto _ : state) {
+    for (size_t at = 0; at < us.size(); at += 64) {
+      filterUnitPixelsAtLevelZero(store, 64, &us[at], &vs[at], reinterpret_cast<float(*)[4]>(&out[at * 4]));
+    }
+    benchmark::DoNotOptimize(out[0]);
+  }
+  store->kernelRoad = saved;
+  const double reads = double(us.size()) * double(state.iterations());
+  state.counters["ns_per_read"] = benchmark::Counter(reads, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_LevelZeroReads)->ArgName("road")->Arg(kKernelRoadLanes)->Arg(kKernelRoadSse41)->Unit(benchmark::kMicrosecond);
 
 // ---- the host's half ----------------------------------------------------------------------
 

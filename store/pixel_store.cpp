@@ -6,6 +6,7 @@
 
 #include "host/blocks.h"
 #include "store/memory_blocks.h"
+#include "store/resample.h"
 
 namespace {
 
@@ -94,6 +95,7 @@ VRect tileRect(const PixelStore* store, int32_t tileIndex) {
 void pixelStoreInit(PixelStore* store) {
   store->hostBufferProcs = getBufferProcs();
   fillResampleKernelTable(&store->kernelTable);
+  store->kernelRoad = kernelRoadFor();
   store->tileCount = 0;
   store->tiles = nullptr;
   store->tileTableId = 0;

@@ -92,6 +92,7 @@ struct PixelStore {
   int32_t loadGeneration;
   int32_t initMark;
   bool ownsItself;
+  int32_t kernelRoad;  // the KernelRoad of the integer kernels (store/resample.h)
   ResampleKernelTable kernelTable;
 };
 

@@ -4,136 +4,13 @@
 #include <string.h>
 
 #include "store/portable_math.h"
+#include "store/resample_blocks.h"
 
-#if (defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)) && \
-    !defined(MENDARIS_SCALAR_KERNELS)
-#include <emmintrin.h>
-#define MENDARIS_SSE2_KERNELS 1
-#else
-#define MENDARIS_SSE2_KERNELS 0
-#endif
-
-// Every kernel takes the same two roads. When the whole 5 x 5 block lies in
-// the level and in one tile, the tile's address is taken once and the block is
-// read as five rows at the tile's stride. Otherwise the 25 pixels are gathered
-// through clamped (or, under the latent wrap modes, wrapped) coordinates into a
-// small local block, and the same arithmetic runs over that. The arithmetic of
-// each kind is written out flat: five row sums of five products, then one
-// column sum of the five rows.
+// The arithmetic of each kind is written out flat: five row sums of five
+// products, then one column sum of the five rows. Where the block lies and
+// how it is read is shared with the SSE4.1 road (resample_blocks.h).
 
 namespace {
-
-// Scales of the integer totals: weights times 2048 twice (8-bit), times 32768
-// once after the per-row division (16-bit), times 32768 twice (16-bit scalar).
-const float kScale8 = 0x1p-22f;
-const float kScale16 = 0x1p-15f;
-const float kScale16Wide = 0x1p-30f;
-
-// Base pixel and phase of one axis: p = coord + 0.5 rounded to float; the
-// base pixel is trunc(p) and the phase the first 7 bits of the fraction. The
-// half pixel matches the box offset built into the table. The sum may be
-// taken in double and rounded to float, or in float at once: a double holds
-// more than twice a float's digits plus two, so both round alike. The
-// fraction and its scaling by 128 are exact in either.
-inline int32_t kernelBase(float coord, int32_t* phase) {
-  const float p = coord + 0.5f;
-  const int32_t i = truncFloat(p);
-  *phase = truncFloat((p - float(i)) * 128.0f);
-  return i;
-}
-
-// Whether the block with top-left pixel (x0, y0) can be read straight from one
-// tile. The level test is unsigned on purpose: a negative corner fails it, and
-// on a level of 4 pixels or less the bound wraps so that any corner >= 0
-// passes; the block then reads the tile's columns past the level and its
-// spare rows, which are allocated and zero.
-inline bool kernelInOneTile(const PixelStore* store, int32_t level, int32_t x0, int32_t y0) {
-  return uint32_t(x0) <= uint32_t(store->levelMaxX[level]) - 4u &&
-         uint32_t(y0) <= uint32_t(store->levelMaxY[level]) - 4u && (x0 & kTileMask) < kTileWidth - 4 &&
-         (y0 & kTileMask) < kTileWidth - 4;
-}
-
-// One axis of the general road: the five coordinates around base pixel i,
-// wrapped modulo `length` when asked, then clamped to 0..max as the accessors
-// clamp, so that the edge pixels repeat past the border.
-inline void kernelAxis(int32_t i, int32_t max, bool wrap, int32_t out[5]) {
-  if (wrap) {
-    const int32_t length = max + 1;
-    const int32_t centre = i % length;
-    for (int32_t k = 0; k < 5; ++k) {
-      int32_t c = centre - 2 + k;
-      if (c < 0) c += length;
-      else if (c > max) c -= length;
-      out[k] = clampToLevel(c, max);
-    }
-  } else {
-    for (int32_t k = 0; k < 5; ++k) out[k] = clampToLevel(int32_t(uint32_t(i) - 2u + uint32_t(k)), max);
-  }
-}
-
-// The 25 pixels of the general road into `block`, rows 5 * kBytes apart. The
-// tile column and offset of each column and the tile row and offset of each
-// row are found once; a pixel is then one table load and one copy.
-// Kept out of line: the kernels' usual road is the one-tile read, and the
-// gather would only crowd it.
-#if defined(__GNUC__)
-#define MENDARIS_OUT_OF_LINE __attribute__((noinline))
-#else
-#define MENDARIS_OUT_OF_LINE
-#endif
-
-template <int kBytes>
-MENDARIS_OUT_OF_LINE void gatherBlock(const PixelStore* store, int32_t level, int32_t i, int32_t j, uint8_t* block) {
-  const int32_t mode = store->edgeMode;
-  int32_t cols[5];
-  int32_t rows[5];
-  kernelAxis(i, store->levelMaxX[level], mode == 1 || mode == 2, cols);
-  kernelAxis(j, store->levelMaxY[level], mode == 1, rows);
-  int32_t colTile[5];
-  int32_t colOffset[5];
-  for (int c = 0; c < 5; ++c) {
-    colTile[c] = cols[c] >> kTileShift;
-    colOffset[c] = (cols[c] & kTileMask) * kBytes;
-  }
-  const StoreTile* levelTiles = store->tiles + store->firstTile[level];
-  const int32_t across = store->tilesAcross[level];
-  for (int r = 0; r < 5; ++r) {
-    const StoreTile* tileRow = levelTiles + (rows[r] >> kTileShift) * across;
-    const int32_t rowOffset = (rows[r] & kTileMask) * kTileWidth * kBytes;
-    uint8_t* dst = block + r * 5 * kBytes;
-    for (int c = 0; c < 5; ++c) {
-      memcpy(dst + c * kBytes, tileRow[colTile[c]].pixels + rowOffset + colOffset[c], kBytes);
-    }
-  }
-}
-
-// The weights of one axis in column (or row) order: pixel i - 2 takes tap 4,
-// pixel i + 2 tap 0.
-template <class T>
-inline void pixelOrderWeights(const T (*taps)[kKernelPhases], int32_t phase, T w[5]) {
-  w[0] = taps[4][phase];
-  w[1] = taps[3][phase];
-  w[2] = taps[2][phase];
-  w[3] = taps[1][phase];
-  w[4] = taps[0][phase];
-}
-
-// Where the block of (i, j) starts: in its tile, or gathered into `local`.
-// Returns the block's row stride in bytes.
-template <int kBytes>
-inline ptrdiff_t locateBlock(const PixelStore* store, int32_t level, int32_t i, int32_t j, uint8_t* local,
-                             const uint8_t** block) {
-  const int32_t x0 = int32_t(uint32_t(i) - 2u);
-  const int32_t y0 = int32_t(uint32_t(j) - 2u);
-  if (kernelInOneTile(store, level, x0, y0)) {
-    *block = storePixel<const uint8_t>(store, level, x0, y0, kBytes);
-    return ptrdiff_t(kTileWidth) * kBytes;
-  }
-  gatherBlock<kBytes>(store, level, i, j, local);
-  *block = local;
-  return 5 * kBytes;
-}
-
 // ---- block arithmetic of the four-channel kinds ----------------------------------------------
 //
 // Each takes the 5 x 5 block (rows `stride` bytes apart), the weights in
@@ -164,11 +41,6 @@ inline uint32_t load16(const uint8_t* p) {
 }
 
 #if MENDARIS_SSE2_KERNELS
-
-// Two 16-bit weights (a, b) in every 32-bit lane, for pmaddwd against pixel
-// pairs. Every integer weight fits 16 bits signed: the taps are below 1 in
-// magnitude, so below 32768 even at the 16-bit scale.
-inline __m128i weightPair(uint32_t a, uint32_t b) { return _mm_set1_epi32(int((b << 16) | (a & 0xffffu))); }
 
 // Low 32 bits of lane * w for the four lanes: wrapping multiplication, as the plain form's.
 inline __m128i mulLow32(__m128i v, uint32_t w) {
@@ -216,28 +88,7 @@ inline void filterBlockU8x4(const uint8_t* block, ptrdiff_t stride, const uint32
   _mm_storeu_ps(out, _mm_shuffle_ps(scaled, scaled, _MM_SHUFFLE(0, 1, 2, 3)));
 }
 
-// Kind 4. pmaddwd multiplies signed 16-bit lanes, and the values run to 65535:
-// each value goes in as v - 32768 (its top bit flipped), and the row gets back
-// 32768 times the sum of its weights, which is 32768 for every phase. Modulo
-// 2^32 the row sum is then exactly the plain one.
-inline __m128i pairU16(const uint8_t* a, const uint8_t* b, __m128i flip) {
-  const __m128i pa = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(a));
-  const __m128i pb = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(b));
-  return _mm_xor_si128(_mm_unpacklo_epi16(pa, pb), flip);
-}
-
-inline __m128i rowU16x4(const uint8_t* row, __m128i w01, __m128i w23, __m128i w4, __m128i flip) {
-  __m128i s = _mm_madd_epi16(pairU16(row, row + 8, flip), w01);
-  s = _mm_add_epi32(s, _mm_madd_epi16(pairU16(row + 16, row + 24, flip), w23));
-  const __m128i last = _mm_xor_si128(
-      _mm_unpacklo_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(row + 32)), _mm_setzero_si128()), flip);
-  s = _mm_add_epi32(s, _mm_madd_epi16(last, w4));
-  s = _mm_add_epi32(s, _mm_set1_epi32(1 << 30));
-  // Signed division by 32768 with truncation toward zero.
-  const __m128i bias = _mm_and_si128(_mm_srai_epi32(s, 31), _mm_set1_epi32(32767));
-  return _mm_srai_epi32(_mm_add_epi32(s, bias), 15);
-}
-
+// Kind 4: the rows of resample_blocks.h, then the column sum.
 inline void filterBlockU16x4(const uint8_t* block, ptrdiff_t stride, const uint32_t wx[5], const uint32_t wy[5],
                              float out[4]) {
   const __m128i flip = _mm_set1_epi16(short(0x8000));
@@ -358,13 +209,6 @@ inline void filterBlockFloatx4(const uint8_t* block, ptrdiff_t stride, const flo
 
 #endif
 
-// The integer weight rows as unsigned words: the products wrap like the signed ones would.
-inline void unsignedWeights(const int32_t (*taps)[kKernelPhases], int32_t phase, uint32_t w[5]) {
-  int32_t s[5];
-  pixelOrderWeights(taps, phase, s);
-  for (int k = 0; k < 5; ++k) w[k] = uint32_t(s[k]);
-}
-
 // ---- one-value kinds --------------------------------------------------------------------------------
 
 inline uint32_t rowScalar8(const uint8_t* row, const uint32_t w[5]) {
@@ -384,12 +228,6 @@ inline float rowScalarFloat(const uint8_t* row, const float w[5]) {
   s = s + loadFloat(row + 12) * w[3];
   s = s + loadFloat(row + 16) * w[4];
   return s;
-}
-
-inline int32_t limitBlendLevel(const PixelStore* store, int32_t level) {
-  int32_t l = level < 0 ? 0 : level;
-  if (l > store->topLevel - 1) l = store->topLevel - 1;
-  return l;
 }
 
 }  // namespace
@@ -455,22 +293,10 @@ inline void kernelAt<kKindRgbaFloat>(const PixelStore* store, int32_t level, flo
   filterBlockFloatx4(block, stride, wx, wy, out);
 }
 
-// filterPixelBlend with its results in out[0..3].
 template <int32_t kKind>
 inline void blendAt(const PixelStore* store, int32_t level, float frac, float u, float v, float out[4]) {
-  const int32_t l = limitBlendLevel(store, level);
-  const float x = store->levelScaleX[l] * u - 0.5f;
-  const float y = store->levelScaleY[l] * v - 0.5f;
-  kernelAt<kKind>(store, l, x, y, out);
-  if (frac == 0.0f) return;
-  float b[4];
-  const float x1 = store->levelScaleX[l + 1] * u - 0.5f;
-  const float y1 = store->levelScaleY[l + 1] * v - 0.5f;
-  kernelAt<kKind>(store, l + 1, x1, y1, b);
-  out[0] = out[0] + (b[0] - out[0]) * frac;
-  out[1] = out[1] + (b[1] - out[1]) * frac;
-  out[2] = out[2] + (b[2] - out[2]) * frac;
-  out[3] = out[3] + (b[3] - out[3]) * frac;
+  blendLevels(store, level, frac, u, v, out,
+              [](const PixelStore* s, int32_t l, float x, float y, float o[4]) { kernelAt<kKind>(s, l, x, y, o); });
 }
 
 }  // namespace
@@ -633,7 +459,35 @@ void filterBlendDispatch(const PixelStore* store, int32_t level, float frac, flo
   }
 }
 
+bool kernelRoadRuns(KernelRoad road) {
+  switch (road) {
+    case kKernelRoadLanes:
+      return true;
+    case kKernelRoadSse41:
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+      return kernelSse41Built() && __builtin_cpu_supports("sse4.1");
+#else
+      return false;
+#endif
+  }
+  return false;
+}
+
+KernelRoad kernelRoadFor() { return kernelRoadRuns(kKernelRoadSse41) ? kKernelRoadSse41 : kKernelRoadLanes; }
+
+namespace {
+
+inline bool takesSse41(const PixelStore* store) {
+  return store->kernelRoad == kKernelRoadSse41 && (store->kind == kKindRgba8 || store->kind == kKindRgba16);
+}
+
+}  // namespace
+
 void filterUnitPixel(const PixelStore* store, int32_t level, float frac, float u, float v, float out[4]) {
+  if (takesSse41(store)) {
+    filterUnitPixelSse41(store, level, frac, u, v, out);
+    return;
+  }
   // The four-channel kinds in the dispatch's order, their kernels inline.
   const int32_t kind = store->kind;
   if (kind == kKindRgba8) {
@@ -656,25 +510,18 @@ namespace {
 
 template <int32_t kKind>
 void kernelsAtLevelZero(const PixelStore* store, int32_t count, const float* us, const float* vs, float (*out)[4]) {
-  // As blendAt takes level 0 with frac 0: the level limited, one kernel read.
-  const int32_t l = limitBlendLevel(store, 0);
-  const float scaleX = store->levelScaleX[l];
-  const float scaleY = store->levelScaleY[l];
-  const float unit = store->valueToUnit;
-  for (int32_t k = 0; k < count; ++k) {
-    float* o = out[k];
-    kernelAt<kKind>(store, l, scaleX * us[k] - 0.5f, scaleY * vs[k] - 0.5f, o);
-    o[0] *= unit;
-    o[1] *= unit;
-    o[2] *= unit;
-    o[3] *= unit;
-  }
+  levelZeroReads(store, count, us, vs, out,
+                 [](const PixelStore* s, int32_t l, float x, float y, float o[4]) { kernelAt<kKind>(s, l, x, y, o); });
 }
 
 }  // namespace
 
 void filterUnitPixelsAtLevelZero(const PixelStore* store, int32_t count, const float* us, const float* vs,
                                  float (*out)[4]) {
+  if (takesSse41(store)) {
+    filterUnitPixelsAtLevelZeroSse41(store, count, us, vs, out);
+    return;
+  }
   switch (store->kind) {
     case kKindRgba8: kernelsAtLevelZero<kKindRgba8>(store, count, us, vs, out); return;
     case kKindRgba16: kernelsAtLevelZero<kKindRgba16>(store, count, us, vs, out); return;

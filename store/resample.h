@@ -93,7 +93,9 @@ float filterBlendScalar(const PixelStore* store, int32_t level, float frac, floa
 void filterBlendDispatch(const PixelStore* store, int32_t level, float frac, float u, float v, float* outR,
                          float* outG, float* outB, float* outA);
 
-// filterBlendDispatch with the four results times valueToUnit: r, g, b, a in unit range.
+// filterBlendDispatch with the four results times valueToUnit: r, g, b, a in
+// unit range. Points from 0 up: left of or above 0 a point has no phase in
+// the kernel table (the sampler folds its points into range first).
 void filterUnitPixel(const PixelStore* store, int32_t level, float frac, float u, float v, float out[4]);
 
 // filterUnitPixel at level 0 with no blend, for `count` points (us[k], vs[k])
@@ -101,6 +103,27 @@ void filterUnitPixel(const PixelStore* store, int32_t level, float frac, float u
 // one another, and a batch lets the processor overlap them.
 void filterUnitPixelsAtLevelZero(const PixelStore* store, int32_t count, const float* us, const float* vs,
                                  float (*out)[4]);
+
+// The integer kernels' roads, which give the same bits: the lanes of the
+// build (SSE2, or the plain forms) and SSE4.1's (resample_sse41.cpp), whose
+// 32-bit multiply saves SSE2's long way round. A store takes its road when it
+// is made (pixelStoreInit), from kernelRoadFor(), the one place where the
+// road is chosen; filterUnitPixel and the level-0 batch follow the store's
+// road for kinds 3 and 4. Other kinds have the one road.
+enum KernelRoad : int32_t {
+  kKernelRoadLanes = 0,
+  kKernelRoadSse41 = 1,
+};
+
+// Whether this build has the SSE4.1 road, and whether this build and processor can take `road`.
+bool kernelSse41Built();
+bool kernelRoadRuns(KernelRoad road);
+KernelRoad kernelRoadFor();
+
+// filterUnitPixel and the level-0 batch on the SSE4.1 road, for kinds 3 and 4 alone.
+void filterUnitPixelSse41(const PixelStore* store, int32_t level, float frac, float u, float v, float out[4]);
+void filterUnitPixelsAtLevelZeroSse41(const PixelStore* store, int32_t count, const float* us, const float* vs,
+                                      float (*out)[4]);
 
 // filterUnitPixel at pixel (x, y) of `level`: u = (x + 0.5) * invInnerWidth[level],
 // v = (y + 0.5) * invInnerHeight[level].

@@ -1,0 +1,158 @@
+// The SSE4.1 road of the integer kernels (kinds 3 and 4): SSE2's road with
+// the 32-bit products in one instruction (pmulld) where SSE2 takes two
+// widening multiplies and their shuffles. It gives the bits of the SSE2 road:
+// - kind 3 sums Σ pixel * wx * wy over the block in 32-bit integers. The
+//   SSE2 road adds five row sums; this road adds five column sums, each from
+//   pmaddwd on pairs of rows. Integer sums taken modulo 2^32 do not depend
+//   on their order, and every product is exact, so the total is the same
+//   word.
+// - kind 4 divides each row sum by 32768 before the column sum, so it keeps
+//   the SSE2 road's rows (resample_blocks.h) and takes only the column sum
+//   here.
+// Built where the compiler can be asked for SSE4.1 in one file (as the
+// walk's wide lanes are); taken only on a processor that has it.
+#include "store/resample.h"
+
+#if defined(MENDARIS_KERNEL_SSE41) && defined(__SSE4_1__) && !defined(MENDARIS_SCALAR_KERNELS)
+#include <smmintrin.h>
+
+#include "store/resample_blocks.h"
+
+bool kernelSse41Built() { return true; }
+
+namespace {
+
+inline __m128i weightWord(uint32_t w) { return _mm_set1_epi32(int(w)); }
+
+// Pixels 0 to 3 of two rows, weighed in pairs: for each pixel, (upper, lower)
+// per channel times (w upper, w lower), lane 0 holding channel 3.
+inline void pairedRowsU8(const uint8_t* upper, const uint8_t* lower, __m128i weights, __m128i zero, __m128i c[4]) {
+  const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(upper));
+  const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(lower));
+  const __m128i first = _mm_unpacklo_epi8(a, b);
+  const __m128i second = _mm_unpackhi_epi8(a, b);
+  c[0] = _mm_madd_epi16(_mm_unpacklo_epi8(first, zero), weights);
+  c[1] = _mm_madd_epi16(_mm_unpackhi_epi8(first, zero), weights);
+  c[2] = _mm_madd_epi16(_mm_unpacklo_epi8(second, zero), weights);
+  c[3] = _mm_madd_epi16(_mm_unpackhi_epi8(second, zero), weights);
+}
+
+// Pixel 4 of two rows, weighed as a pair.
+inline __m128i pairedLastU8(const uint8_t* upper, const uint8_t* lower, __m128i weights, __m128i zero) {
+  const __m128i bytes = _mm_unpacklo_epi8(_mm_cvtsi32_si128(int(loadWord(upper + 16))),
+                                          _mm_cvtsi32_si128(int(loadWord(lower + 16))));
+  return _mm_madd_epi16(_mm_unpacklo_epi8(bytes, zero), weights);
+}
+
+inline __m128i pixelU8(const uint8_t* p) { return _mm_cvtepu8_epi32(_mm_cvtsi32_si128(int(loadWord(p)))); }
+
+inline void filterBlockU8x4Sse41(const uint8_t* block, ptrdiff_t stride, const uint32_t wx[5], const uint32_t wy[5],
+                                 float out[4]) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i wy01 = weightPair(wy[0], wy[1]);
+  const __m128i wy23 = weightPair(wy[2], wy[3]);
+  const uint8_t* r4 = block + 4 * stride;
+  // The columns of rows 0 to 3.
+  __m128i c[4];
+  __m128i d[4];
+  pairedRowsU8(block, block + stride, wy01, zero, c);
+  pairedRowsU8(block + 2 * stride, block + 3 * stride, wy23, zero, d);
+  const __m128i c4 = _mm_add_epi32(pairedLastU8(block, block + stride, wy01, zero),
+                                   pairedLastU8(block + 2 * stride, block + 3 * stride, wy23, zero));
+  __m128i sum = _mm_mullo_epi32(_mm_add_epi32(c[0], d[0]), weightWord(wx[0]));
+  sum = _mm_add_epi32(sum, _mm_mullo_epi32(_mm_add_epi32(c[1], d[1]), weightWord(wx[1])));
+  sum = _mm_add_epi32(sum, _mm_mullo_epi32(_mm_add_epi32(c[2], d[2]), weightWord(wx[2])));
+  sum = _mm_add_epi32(sum, _mm_mullo_epi32(_mm_add_epi32(c[3], d[3]), weightWord(wx[3])));
+  sum = _mm_add_epi32(sum, _mm_mullo_epi32(c4, weightWord(wx[4])));
+  // Row 4, summed along the row and weighed once.
+  __m128i row4 = _mm_mullo_epi32(pixelU8(r4), weightWord(wx[0]));
+  row4 = _mm_add_epi32(row4, _mm_mullo_epi32(pixelU8(r4 + 4), weightWord(wx[1])));
+  row4 = _mm_add_epi32(row4, _mm_mullo_epi32(pixelU8(r4 + 8), weightWord(wx[2])));
+  row4 = _mm_add_epi32(row4, _mm_mullo_epi32(pixelU8(r4 + 12), weightWord(wx[3])));
+  row4 = _mm_add_epi32(row4, _mm_mullo_epi32(pixelU8(r4 + 16), weightWord(wx[4])));
+  const __m128i total = _mm_add_epi32(sum, _mm_mullo_epi32(row4, weightWord(wy[4])));
+  const __m128 scaled = _mm_mul_ps(_mm_cvtepi32_ps(total), _mm_set1_ps(kScale8));
+  _mm_storeu_ps(out, _mm_shuffle_ps(scaled, scaled, _MM_SHUFFLE(0, 1, 2, 3)));
+}
+
+inline void filterBlockU16x4Sse41(const uint8_t* block, ptrdiff_t stride, const uint32_t wx[5],
+                                  const uint32_t wy[5], float out[4]) {
+  const __m128i flip = _mm_set1_epi16(short(0x8000));
+  const __m128i w01 = weightPair(wx[0], wx[1]);
+  const __m128i w23 = weightPair(wx[2], wx[3]);
+  const __m128i w4 = weightPair(wx[4], 0);
+  __m128i total = _mm_mullo_epi32(rowU16x4(block, w01, w23, w4, flip), weightWord(wy[0]));
+  for (int r = 1; r < 5; ++r) {
+    total = _mm_add_epi32(total, _mm_mullo_epi32(rowU16x4(block + r * stride, w01, w23, w4, flip), weightWord(wy[r])));
+  }
+  _mm_storeu_ps(out, _mm_mul_ps(_mm_cvtepi32_ps(total), _mm_set1_ps(kScale16)));
+}
+
+template <int32_t kKind>
+inline void kernelAtSse41(const PixelStore* store, int32_t level, float x, float y, float out[4]) {
+  constexpr int kBytes = kKind == kKindRgba8 ? 4 : 8;
+  int32_t phaseX;
+  int32_t phaseY;
+  const int32_t i = kernelBase(x, &phaseX);
+  const int32_t j = kernelBase(y, &phaseY);
+  const int32_t(*taps)[kKernelPhases] =
+      kKind == kKindRgba8 ? store->kernelTable.weights2048 : store->kernelTable.weights32768;
+  uint32_t wx[5];
+  uint32_t wy[5];
+  unsignedWeights(taps, phaseX, wx);
+  unsignedWeights(taps, phaseY, wy);
+  alignas(16) uint8_t local[25 * kBytes];
+  const uint8_t* block;
+  const ptrdiff_t stride = locateBlock<kBytes>(store, level, i, j, local, &block);
+  if (kKind == kKindRgba8) {
+    filterBlockU8x4Sse41(block, stride, wx, wy, out);
+  } else {
+    filterBlockU16x4Sse41(block, stride, wx, wy, out);
+  }
+}
+
+template <int32_t kKind>
+struct KernelSse41 {
+  void operator()(const PixelStore* s, int32_t l, float x, float y, float o[4]) const {
+    kernelAtSse41<kKind>(s, l, x, y, o);
+  }
+};
+
+}  // namespace
+
+void filterUnitPixelSse41(const PixelStore* store, int32_t level, float frac, float u, float v, float out[4]) {
+  if (store->kind == kKindRgba8) {
+    blendLevels(store, level, frac, u, v, out, KernelSse41<kKindRgba8>());
+  } else {
+    blendLevels(store, level, frac, u, v, out, KernelSse41<kKindRgba16>());
+  }
+  const float scale = store->valueToUnit;
+  out[0] *= scale;
+  out[1] *= scale;
+  out[2] *= scale;
+  out[3] *= scale;
+}
+
+void filterUnitPixelsAtLevelZeroSse41(const PixelStore* store, int32_t count, const float* us, const float* vs,
+                                      float (*out)[4]) {
+  if (store->kind == kKindRgba8) {
+    levelZeroReads(store, count, us, vs, out, KernelSse41<kKindRgba8>());
+  } else {
+    levelZeroReads(store, count, us, vs, out, KernelSse41<kKindRgba16>());
+  }
+}
+
+#else
+
+bool kernelSse41Built() { return false; }
+
+// Never taken: kernelRoadRuns says no.
+void filterUnitPixelSse41(const PixelStore*, int32_t, float, float, float, float out[4]) {
+  out[0] = out[1] = out[2] = out[3] = 0.0f;
+}
+
+void filterUnitPixelsAtLevelZeroSse41(const PixelStore*, int32_t count, const float*, const float*, float (*out)[4]) {
+  for (int32_t k = 0; k < count; ++k) out[k][0] = out[k][1] = out[k][2] = out[k][3] = 0.0f;
+}
+
+#endif
