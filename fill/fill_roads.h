@@ -9,8 +9,9 @@
 //   neighbourhood, a covered run), touches only the channels that do change,
 //   and on the way down sums the level above once for many holes (columns
 //   first for 8 bits, rows first for 16 bits and floats).
-// - The lane road is the row road with its 8-bit loops and kind 9's sums in
-//   SSE2 lanes (fill_schedule_sse2.cpp); it exists where SSE2 is built in.
+// - The lane road is the row road with its 8-bit loops and the row sums of
+//   kinds 4 and 9 in SSE2 lanes (fill_schedule_sse2.cpp); it exists where
+//   SSE2 is built in.
 //
 // Every changed value comes from the same single-precision operations on
 // every road, so all of them leave the same bits: tests hold each against
@@ -66,8 +67,10 @@ int32_t halfPassBlocksLanesU8(uint8_t* row, const uint8_t* up, const uint8_t* do
 // weighted mean of its 2 x 2 block.
 void reduceRowLanesU8(const RowRef& row0, const RowRef& row1, const RowRef& out, int32_t width, int32_t maxX,
                       float toUnit, float toValue, uint32_t floorValue, uint32_t full);
-// The way down for kind 9 by row sums (as the row road takes it), the four
-// channels of each sum in the lanes.
+// The way down for kinds 4 and 9 by row sums (as the row road takes it), the
+// four channels of each sum in the lanes.
+void expandIntoByRowSumsLanesU16(PixelStore* store, int32_t level, int32_t readLevel, float limit, int32_t firstRun,
+                                 int32_t endRun);
 void expandIntoByRowSumsLanesFloat(PixelStore* store, int32_t level, int32_t readLevel, float limit, int32_t firstRun,
                                    int32_t endRun);
 // The five-row column sums of `count` columns (four lanes a column).

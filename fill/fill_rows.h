@@ -12,6 +12,7 @@
 #include "store/pixel_store.h"
 #include "store/portable_math.h"
 #include "store/resample.h"
+#include "store/resample_blocks.h"
 
 // Adds one neighbour's colour, weighted by its alpha, to the sums.
 inline void addWeighted(const float q[4], float* r, float* g, float* b, float* a) {
@@ -192,16 +193,6 @@ inline void visitPixel(uint8_t* p, const uint8_t* up, const uint8_t* left, const
   fillHole<kKind>(p, up, left, right, down, toUnit, toValue);
 }
 
-// Base pixel and phase of one axis of the five-tap kernel, as the kernel
-// finds them: p = coord + 0.5 in double, rounded to float; the base pixel is
-// trunc(p) and the phase the first 7 bits of the fraction.
-inline int32_t kernelBase(float coord, int32_t* phase) {
-  const float p = float(double(coord) + 0.5);
-  const int32_t i = truncToInt32(p);
-  *phase = truncToInt32(double(p - float(i)) * 128.0);
-  return i;
-}
-
 // Where pixel x of a level reads the level above, in pixels of that level:
 // x / 2 to unit coordinates through the inverse size of level + 1, and on
 // through the scale of the level read, exactly as filterUnitPixelAt goes.
@@ -240,22 +231,9 @@ inline void storeBroughtDown(uint8_t* p, float red, float green, float blue, flo
   storeUnitPixel<kKind>(p, c, toValue);
 }
 
-// The 8-bit kernel's total scale, weights times 2048 twice.
-const float kScale8 = 0x1p-22f;
-
 // Column sums can need a few columns either side of the half-width a tile
 // column of the level reads; a run whose reach is wider takes the kernel call.
 constexpr int32_t kColumnSumSpan = kTileWidth / 2 + 16;
-
-// The weights of one axis in pixel order: pixel i - 2 takes tap 4, pixel
-// i + 2 tap 0.
-inline void pixelOrderWeights(const int32_t (*taps)[kKernelPhases], int32_t phase, int32_t w[5]) {
-  w[0] = taps[4][phase];
-  w[1] = taps[3][phase];
-  w[2] = taps[2][phase];
-  w[3] = taps[1][phase];
-  w[4] = taps[0][phase];
-}
 
 
 // The 2 x 2 block of `level` under pixel ox of level + 1, from its two rows:

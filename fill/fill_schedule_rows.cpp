@@ -457,7 +457,9 @@ void expandShare(const StepShare& s) {
       }
       return;
     case kKindRgba16:
-      if (sums) {
+      if (sums && s.lanes) {
+        expandIntoByRowSumsLanesU16(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
+      } else if (sums) {
         expandIntoByRowSums<kKindRgba16>(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);
       } else {
         expandIntoByKernelCall<kKindRgba16>(s.store, s.level, s.readLevel, s.limit, s.begin, s.end);

@@ -42,23 +42,6 @@ inline uint32_t load16(const uint8_t* p) {
 
 #if MENDARIS_SSE2_KERNELS
 
-// Low 32 bits of lane * w for the four lanes: wrapping multiplication, as the plain form's.
-inline __m128i mulLow32(__m128i v, uint32_t w) {
-  const __m128i wv = _mm_set1_epi32(int(w));
-  const __m128i even = _mm_mul_epu32(v, wv);
-  const __m128i odd = _mm_mul_epu32(_mm_srli_epi64(v, 32), wv);
-  return _mm_unpacklo_epi32(_mm_shuffle_epi32(even, _MM_SHUFFLE(0, 0, 2, 0)),
-                            _mm_shuffle_epi32(odd, _MM_SHUFFLE(0, 0, 2, 0)));
-}
-
-inline __m128i columnSumLanes(__m128i r0, __m128i r1, __m128i r2, __m128i r3, __m128i r4, const uint32_t w[5]) {
-  __m128i s = mulLow32(r0, w[0]);
-  s = _mm_add_epi32(s, mulLow32(r1, w[1]));
-  s = _mm_add_epi32(s, mulLow32(r2, w[2]));
-  s = _mm_add_epi32(s, mulLow32(r3, w[3]));
-  return _mm_add_epi32(s, mulLow32(r4, w[4]));
-}
-
 // Kind 3. The bytes of two words interleaved and widened give, per channel,
 // the pair (value of a, value of b) as 16-bit lanes; lane 0 holds channel 3,
 // the word's low byte.

@@ -154,6 +154,23 @@ inline int32_t limitBlendLevel(const PixelStore* store, int32_t level) {
 
 #if MENDARIS_SSE2_KERNELS
 
+// Low 32 bits of lane * w for the four lanes: wrapping multiplication, as the plain form's.
+inline __m128i mulLow32(__m128i v, uint32_t w) {
+  const __m128i wv = _mm_set1_epi32(int(w));
+  const __m128i even = _mm_mul_epu32(v, wv);
+  const __m128i odd = _mm_mul_epu32(_mm_srli_epi64(v, 32), wv);
+  return _mm_unpacklo_epi32(_mm_shuffle_epi32(even, _MM_SHUFFLE(0, 0, 2, 0)),
+                            _mm_shuffle_epi32(odd, _MM_SHUFFLE(0, 0, 2, 0)));
+}
+
+inline __m128i columnSumLanes(__m128i r0, __m128i r1, __m128i r2, __m128i r3, __m128i r4, const uint32_t w[5]) {
+  __m128i s = mulLow32(r0, w[0]);
+  s = _mm_add_epi32(s, mulLow32(r1, w[1]));
+  s = _mm_add_epi32(s, mulLow32(r2, w[2]));
+  s = _mm_add_epi32(s, mulLow32(r3, w[3]));
+  return _mm_add_epi32(s, mulLow32(r4, w[4]));
+}
+
 // Two 16-bit weights (a, b) in every 32-bit lane, for pmaddwd against pixel
 // pairs. Every integer weight fits 16 bits signed: the taps are below 1 in
 // magnitude, so below 32768 even at the 16-bit scale.
@@ -163,6 +180,14 @@ inline __m128i weightPair(uint32_t a, uint32_t b) { return _mm_set1_epi32(int((b
 // each value goes in as v - 32768 (its top bit flipped), and the row gets back
 // 32768 times the sum of its weights, which is 32768 for every phase. Modulo
 // 2^32 the row sum is then exactly the plain one.
+// A row's flipped sum back to the plain sum (the weights' 32768 times 32768
+// added), divided by 32768 with truncation toward zero.
+inline __m128i rowQuotientU16(__m128i s) {
+  s = _mm_add_epi32(s, _mm_set1_epi32(1 << 30));
+  const __m128i bias = _mm_and_si128(_mm_srai_epi32(s, 31), _mm_set1_epi32(32767));
+  return _mm_srai_epi32(_mm_add_epi32(s, bias), 15);
+}
+
 inline __m128i pairU16(const uint8_t* a, const uint8_t* b, __m128i flip) {
   const __m128i pa = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(a));
   const __m128i pb = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(b));
@@ -175,10 +200,7 @@ inline __m128i rowU16x4(const uint8_t* row, __m128i w01, __m128i w23, __m128i w4
   const __m128i last = _mm_xor_si128(
       _mm_unpacklo_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(row + 32)), _mm_setzero_si128()), flip);
   s = _mm_add_epi32(s, _mm_madd_epi16(last, w4));
-  s = _mm_add_epi32(s, _mm_set1_epi32(1 << 30));
-  // Signed division by 32768 with truncation toward zero.
-  const __m128i bias = _mm_and_si128(_mm_srai_epi32(s, 31), _mm_set1_epi32(32767));
-  return _mm_srai_epi32(_mm_add_epi32(s, bias), 15);
+  return rowQuotientU16(s);
 }
 
 #endif
