@@ -308,9 +308,19 @@ constexpr int32_t kRowSumSlots = 6;
 constexpr int32_t kRowSumRun = kTileWidth / 2;
 
 // One row's sums for a run of columns: five pixels weighed for each, as
-// the kernel of the kind weighs them; four channels each.
+// the kernel of the kind weighs them; four channels each. A kernel's
+// bringDown totals a hole's five rows and stores the colour.
 template <int32_t kKind>
 struct RowSumOf;
+
+// bringDown through the kernel's total and storeBroughtDown.
+template <int32_t kKind, class Kernel>
+inline void bringDownTotal(uint8_t* p, const typename Kernel::Type* const rows[5], const typename Kernel::Type w[5],
+                           float toUnit, float toValue, float limit) {
+  float value[4];
+  Kernel::total(rows, w, value);
+  storeBroughtDown<kKind>(p, value[0], value[1], value[2], toUnit, toValue, limit);
+}
 template <>
 struct RowSumOf<kKindRgba16> {
   typedef uint32_t Type;
@@ -330,6 +340,9 @@ struct RowSumOf<kKindRgba16> {
                          rows[4][c] * w[4];
       out[c] = float(int32_t(t)) * 0x1p-15f;
     }
+  }  static void bringDown(uint8_t* p, const uint32_t* const rows[5], const uint32_t w[5], float toUnit, float toValue,
+                        float limit) {
+    bringDownTotal<kKindRgba16, RowSumOf>(p, rows, w, toUnit, toValue, limit);
   }
 };
 template <>
@@ -349,6 +362,9 @@ struct RowSumOf<kKindRgbaFloat> {
       for (int32_t m = 1; m < 5; ++m) s = s + rows[m][c] * w[m];
       out[c] = s;
     }
+  }  static void bringDown(uint8_t* p, const float* const rows[5], const float w[5], float toUnit, float toValue,
+                        float limit) {
+    bringDownTotal<kKindRgbaFloat, RowSumOf>(p, rows, w, toUnit, toValue, limit);
   }
 };
 
@@ -433,9 +449,7 @@ void expandIntoByRowSums(PixelStore* store, int32_t level, int32_t readLevel, fl
         }
         const Sum* rows[5];
         for (int32_t r = 0; r < 5; ++r) rows[r] = sums[slots[r]][k];
-        float value[4];
-        Kernel::total(rows, weightsY, value);
-        storeBroughtDown<kKind>(p, value[0], value[1], value[2], toUnit, toValue, limit);
+        Kernel::bringDown(p, rows, weightsY, toUnit, toValue, limit);
       }
     }
   }

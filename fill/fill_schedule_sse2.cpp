@@ -123,6 +123,10 @@ struct RowSumLanesFloat {
     for (int32_t m = 1; m < 5; ++m) s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(rows[m]), _mm_set1_ps(w[m])));
     _mm_storeu_ps(out, s);
   }
+  static void bringDown(uint8_t* p, const float* const rows[5], const float w[5], float toUnit, float toValue,
+                        float limit) {
+    bringDownTotal<kKindRgbaFloat, RowSumLanesFloat>(p, rows, w, toUnit, toValue, limit);
+  }
 };
 
 // Kind 4's row sums, the four channels in the lanes, by the 16-bit kernel's
@@ -140,10 +144,27 @@ struct RowSumLanesU16 {
     s = _mm_add_epi32(s, _mm_madd_epi16(last, weightPair(w[4], 0)));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out), rowQuotientU16(s));
   }
-  static void total(const uint32_t* const rows[5], const uint32_t w[5], float out[4]) {
+  static __m128 totalLanes(const uint32_t* const rows[5], const uint32_t w[5]) {
     auto row = [&](int32_t m) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(rows[m])); };
     const __m128i t = columnSumLanes(row(0), row(1), row(2), row(3), row(4), w);
-    _mm_storeu_ps(out, _mm_mul_ps(_mm_cvtepi32_ps(t), _mm_set1_ps(0x1p-15f)));
+    return _mm_mul_ps(_mm_cvtepi32_ps(t), _mm_set1_ps(0x1p-15f));
+  }
+  static void total(const uint32_t* const rows[5], const uint32_t w[5], float out[4]) {
+    _mm_storeu_ps(out, totalLanes(rows, w));
+  }
+  // storeBroughtDown in the lanes: to unit range, clamped (a total is never
+  // NaN, and 0 stands for any negative as the plain clamp has it), alpha 1.0,
+  // to stored values by truncation; values 0..32768 keep their low 16 bits
+  // through a signed pack once 32768 is taken off and its bit put back.
+  static void bringDown(uint8_t* p, const uint32_t* const rows[5], const uint32_t w[5], float toUnit, float toValue,
+                        float limit) {
+    __m128 c = _mm_mul_ps(totalLanes(rows, w), _mm_set1_ps(toUnit));
+    c = _mm_min_ps(_mm_max_ps(c, _mm_setzero_ps()), _mm_set1_ps(limit));
+    const __m128 alpha = _mm_castsi128_ps(_mm_setr_epi32(0, 0, 0, -1));
+    c = _mm_or_ps(_mm_andnot_ps(alpha, c), _mm_and_ps(alpha, _mm_set1_ps(1.0f)));
+    const __m128i values = _mm_sub_epi32(_mm_cvttps_epi32(_mm_mul_ps(c, _mm_set1_ps(toValue))), _mm_set1_epi32(32768));
+    const __m128i words = _mm_xor_si128(_mm_packs_epi32(values, values), _mm_set1_epi16(short(0x8000)));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), words);
   }
 };
 
