@@ -9,9 +9,9 @@
 //   neighbourhood, a covered run), touches only the channels that do change,
 //   and on the way down sums the level above once for many holes (columns
 //   first for 8 bits, rows first for 16 bits and floats).
-// - The lane road is the row road with its 8-bit loops and the row sums of
-//   kinds 4 and 9 in SSE2 lanes (fill_schedule_sse2.cpp); it exists where
-//   SSE2 is built in.
+// - The lane road is the row road with its 8-bit loops, the 16-bit
+//   half-passes and the row sums of kinds 4 and 9 in SSE2 lanes
+//   (fill_schedule_sse2.cpp); it exists where SSE2 is built in.
 //
 // Every changed value comes from the same single-precision operations on
 // every road, so all of them leave the same bits: tests hold each against
@@ -63,6 +63,8 @@ int32_t binariseRunLanesU8(uint8_t* run, int32_t count, uint32_t full);
 // plain loop.
 int32_t halfPassBlocksLanesU8(uint8_t* row, const uint8_t* up, const uint8_t* down, int32_t phase, int32_t count,
                               float toUnit, float toValue);
+int32_t halfPassBlocksLanesU16(uint8_t* row, const uint8_t* up, const uint8_t* down, int32_t phase, int32_t count,
+                               float toUnit, float toValue);
 // One row of level + 1 from rows row0 and row1 of level: every pixel the
 // weighted mean of its 2 x 2 block.
 void reduceRowLanesU8(const RowRef& row0, const RowRef& row1, const RowRef& out, int32_t width, int32_t maxX,

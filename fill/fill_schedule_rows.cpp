@@ -60,7 +60,7 @@ inline void halfPassRun(uint8_t* row, const uint8_t* up, const uint8_t* down, co
                         const uint8_t* afterRun, int32_t first, int32_t count, float toUnit, float toValue) {
   constexpr int32_t kBytes = KindBytes<kKind>::kValue;
   int32_t k = first;
-  if (kKind == kKindRgba8 && kLanes) {
+  if ((kKind == kKindRgba8 || kKind == kKindRgba16) && kLanes) {
     // The first four pixels one by one, for the pixel before the run; then
     // blocks of eight in the lanes.
     for (; k < count && k < 4; k += 2) {
@@ -68,7 +68,8 @@ inline void halfPassRun(uint8_t* row, const uint8_t* up, const uint8_t* down, co
       visitPixel<kKind>(p, up + k * kBytes, k > 0 ? p - kBytes : beforeRun, k + 1 < count ? p + kBytes : afterRun,
                         down + k * kBytes, toUnit, toValue);
     }
-    k = halfPassBlocksLanesU8(row, up, down, first & 1, count, toUnit, toValue);
+    k = kKind == kKindRgba8 ? halfPassBlocksLanesU8(row, up, down, first & 1, count, toUnit, toValue)
+                            : halfPassBlocksLanesU16(row, up, down, first & 1, count, toUnit, toValue);
   }
   for (; k < count; k += 2) {
     uint8_t* p = row + k * kBytes;
@@ -530,7 +531,13 @@ void diffuseLevelByRows(PixelStore* store, int32_t level, int32_t passes, bool l
         diffuseLevelByRow<kKindRgba8, false>(store, level, passes);
       }
       return;
-    case kKindRgba16: diffuseLevelByRow<kKindRgba16, false>(store, level, passes); return;
+    case kKindRgba16:
+      if (lanes) {
+        diffuseLevelByRow<kKindRgba16, true>(store, level, passes);
+      } else {
+        diffuseLevelByRow<kKindRgba16, false>(store, level, passes);
+      }
+      return;
     default: diffuseLevelByRow<kKindRgbaFloat, false>(store, level, passes); return;
   }
 }

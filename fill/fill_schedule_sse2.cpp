@@ -207,6 +207,55 @@ int32_t binariseRunLanesU8(uint8_t* run, int32_t count, uint32_t full) {
   return k;
 }
 
+namespace {
+
+// Kind 4: of the two pixels from p on, the ones that are holes with some
+// alpha around them, as two bits. p must have a pixel of its row before it
+// and two after it.
+inline int32_t openHolesU16(const uint8_t* p, const uint8_t* up, const uint8_t* down) {
+  const __m128i alphaMask = _mm_setr_epi16(0, 0, 0, -1, 0, 0, 0, -1);
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i own = _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), alphaMask);
+  __m128i around = _mm_or_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(up)),
+                                _mm_loadu_si128(reinterpret_cast<const __m128i*>(down)));
+  around = _mm_or_si128(around, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p - 8)));
+  around = _mm_or_si128(around, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8)));
+  // Per pixel, all ones in its 64 bits when the test holds for its alpha word.
+  const __m128i bare = _mm_cmpeq_epi32(_mm_and_si128(around, alphaMask), zero);
+  const __m128i hole = _mm_cmpeq_epi32(own, zero);
+  const int32_t bits = _mm_movemask_pd(_mm_castsi128_pd(_mm_andnot_si128(bare, hole)));
+  return bits;
+}
+
+}  // namespace
+
+int32_t halfPassBlocksLanesU16(uint8_t* row, const uint8_t* up, const uint8_t* down, int32_t phase, int32_t count,
+                               float toUnit, float toValue) {
+  constexpr int32_t kBytes = 8;
+  // As the 8-bit blocks: the holes of the half-pass's colour that a
+  // neighbour's alpha could fill, eight pixels at a time.
+  const int32_t colour = phase == 0 ? 0x55 : 0xaa;
+  int32_t block = 4;
+  for (; block + 8 < count; block += 8) {
+    uint8_t* b = row + block * kBytes;
+    const uint8_t* blockUp = up + block * kBytes;
+    const uint8_t* blockDown = down + block * kBytes;
+    int32_t open = 0;
+    for (int32_t pair = 0; pair < 4; ++pair) {
+      const int32_t at = pair * 2 * kBytes;
+      open |= openHolesU16(b + at, blockUp + at, blockDown + at) << (2 * pair);
+    }
+    open &= colour;
+    if (open == 0) continue;
+    for (int32_t i = phase; i < 8; i += 2) {
+      if ((open & (1 << i)) == 0) continue;
+      uint8_t* p = b + i * kBytes;
+      fillHole<kKindRgba16>(p, blockUp + i * kBytes, p - kBytes, p + kBytes, blockDown + i * kBytes, toUnit, toValue);
+    }
+  }
+  return block + phase;
+}
+
 int32_t halfPassBlocksLanesU8(uint8_t* row, const uint8_t* up, const uint8_t* down, int32_t phase, int32_t count,
                               float toUnit, float toValue) {
   constexpr int32_t kBytes = 4;
@@ -316,6 +365,9 @@ bool fillLanesBuilt() { return false; }
 int32_t floorRunLanesU8(uint8_t*, int32_t, uint32_t) { return 0; }
 int32_t binariseRunLanesU8(uint8_t*, int32_t, uint32_t) { return 0; }
 int32_t halfPassBlocksLanesU8(uint8_t*, const uint8_t*, const uint8_t*, int32_t phase, int32_t, float, float) {
+  return 4 + phase;
+}
+int32_t halfPassBlocksLanesU16(uint8_t*, const uint8_t*, const uint8_t*, int32_t phase, int32_t, float, float) {
   return 4 + phase;
 }
 void reduceRowLanesU8(const RowRef&, const RowRef&, const RowRef&, int32_t, int32_t, float, float, uint32_t,
