@@ -225,7 +225,11 @@ void BM_LevelZeroReads(benchmark::State& state) {
   const double reads = double(us.size()) * double(state.iterations());
   state.counters["ns_per_read"] = benchmark::Counter(reads, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
-BENCHMARK(BM_LevelZeroReads)->ArgName("road")->Arg(kKernelRoadLanes)->Arg(kKernelRoadSse41)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LevelZeroReads)
+    ->ArgName("road")
+    ->Arg(kKernelRoadLanes)
+    ->Arg(kKernelRoadSse41)
+    ->Unit(benchmark::kMicrosecond);
 
 // ---- the host's half ----------------------------------------------------------------------
 

@@ -223,61 +223,56 @@ inline int32_t openHolesU16(const uint8_t* p, const uint8_t* up, const uint8_t* 
   // Per pixel, all ones in its 64 bits when the test holds for its alpha word.
   const __m128i bare = _mm_cmpeq_epi32(_mm_and_si128(around, alphaMask), zero);
   const __m128i hole = _mm_cmpeq_epi32(own, zero);
-  const int32_t bits = _mm_movemask_pd(_mm_castsi128_pd(_mm_andnot_si128(bare, hole)));
-  return bits;
+  return _mm_movemask_pd(_mm_castsi128_pd(_mm_andnot_si128(bare, hole)));
+}
+
+// The open holes of the eight pixels from b on, as eight bits.
+inline int32_t openHolesOfEight(const uint8_t* b, const uint8_t* up, const uint8_t* down, KindBytes<kKindRgba8>) {
+  return openHolesU8(b, up, down) | (openHolesU8(b + 16, up + 16, down + 16) << 4);
+}
+
+inline int32_t openHolesOfEight(const uint8_t* b, const uint8_t* up, const uint8_t* down, KindBytes<kKindRgba16>) {
+  int32_t open = 0;
+  for (int32_t pair = 0; pair < 4; ++pair) {
+    open |= openHolesU16(b + 16 * pair, up + 16 * pair, down + 16 * pair) << (2 * pair);
+  }
+  return open;
+}
+
+// The holes that a neighbour's alpha could fill, of the half-pass's colour,
+// are found eight pixels at a time; the others are passed over. Filling one
+// changes no neighbour of another of its colour.
+template <int32_t kKind>
+int32_t halfPassBlocksLanes(uint8_t* row, const uint8_t* up, const uint8_t* down, int32_t phase, int32_t count,
+                            float toUnit, float toValue) {
+  constexpr int32_t kBytes = KindBytes<kKind>::kValue;
+  const int32_t colour = phase == 0 ? 0x55 : 0xaa;
+  int32_t block = 4;
+  for (; block + 8 < count; block += 8) {
+    uint8_t* b = row + block * kBytes;
+    const uint8_t* blockUp = up + block * kBytes;
+    const uint8_t* blockDown = down + block * kBytes;
+    const int32_t open = openHolesOfEight(b, blockUp, blockDown, KindBytes<kKind>()) & colour;
+    if (open == 0) continue;
+    for (int32_t i = phase; i < 8; i += 2) {
+      if ((open & (1 << i)) == 0) continue;
+      uint8_t* p = b + i * kBytes;
+      fillHole<kKind>(p, blockUp + i * kBytes, p - kBytes, p + kBytes, blockDown + i * kBytes, toUnit, toValue);
+    }
+  }
+  return block + phase;
 }
 
 }  // namespace
 
-int32_t halfPassBlocksLanesU16(uint8_t* row, const uint8_t* up, const uint8_t* down, int32_t phase, int32_t count,
-                               float toUnit, float toValue) {
-  constexpr int32_t kBytes = 8;
-  // As the 8-bit blocks: the holes of the half-pass's colour that a
-  // neighbour's alpha could fill, eight pixels at a time.
-  const int32_t colour = phase == 0 ? 0x55 : 0xaa;
-  int32_t block = 4;
-  for (; block + 8 < count; block += 8) {
-    uint8_t* b = row + block * kBytes;
-    const uint8_t* blockUp = up + block * kBytes;
-    const uint8_t* blockDown = down + block * kBytes;
-    int32_t open = 0;
-    for (int32_t pair = 0; pair < 4; ++pair) {
-      const int32_t at = pair * 2 * kBytes;
-      open |= openHolesU16(b + at, blockUp + at, blockDown + at) << (2 * pair);
-    }
-    open &= colour;
-    if (open == 0) continue;
-    for (int32_t i = phase; i < 8; i += 2) {
-      if ((open & (1 << i)) == 0) continue;
-      uint8_t* p = b + i * kBytes;
-      fillHole<kKindRgba16>(p, blockUp + i * kBytes, p - kBytes, p + kBytes, blockDown + i * kBytes, toUnit, toValue);
-    }
-  }
-  return block + phase;
-}
-
 int32_t halfPassBlocksLanesU8(uint8_t* row, const uint8_t* up, const uint8_t* down, int32_t phase, int32_t count,
                               float toUnit, float toValue) {
-  constexpr int32_t kBytes = 4;
-  // The holes that a neighbour's alpha could fill, of the half-pass's colour,
-  // are found together; the others are passed over. Filling one changes no
-  // neighbour of another of its colour.
-  const int32_t colour = phase == 0 ? 0x55 : 0xaa;
-  int32_t block = 4;
-  for (; block + 8 < count; block += 8) {
-    uint8_t* b = row + block * kBytes;
-    const uint8_t* blockUp = up + block * kBytes;
-    const uint8_t* blockDown = down + block * kBytes;
-    const int32_t open =
-        (openHolesU8(b, blockUp, blockDown) | (openHolesU8(b + 16, blockUp + 16, blockDown + 16) << 4)) & colour;
-    if (open == 0) continue;
-    for (int32_t i = phase; i < 8; i += 2) {
-      if ((open & (1 << i)) == 0) continue;
-      uint8_t* p = b + i * kBytes;
-      fillHole<kKindRgba8>(p, blockUp + i * kBytes, p - kBytes, p + kBytes, blockDown + i * kBytes, toUnit, toValue);
-    }
-  }
-  return block + phase;
+  return halfPassBlocksLanes<kKindRgba8>(row, up, down, phase, count, toUnit, toValue);
+}
+
+int32_t halfPassBlocksLanesU16(uint8_t* row, const uint8_t* up, const uint8_t* down, int32_t phase, int32_t count,
+                               float toUnit, float toValue) {
+  return halfPassBlocksLanes<kKindRgba16>(row, up, down, phase, count, toUnit, toValue);
 }
 
 void reduceRowLanesU8(const RowRef& row0, const RowRef& row1, const RowRef& out, int32_t width, int32_t maxX,

@@ -259,7 +259,8 @@ TEST(RenderUnit, RowsAtATimeGiveTheCellsOfTheWholeUnitRoad) {
     // The grid as renderUnit prepares it, then the whole-unit road afresh.
     TestUnit whole(r);
     renderUnit(whole.unit);
-    const size_t bytes = size_t(banded.unit->cursor.gridRows) * size_t(banded.unit->cursor.gridCols) * sizeof(SampleCell);
+    const size_t bytes =
+        size_t(banded.unit->cursor.gridRows) * size_t(banded.unit->cursor.gridCols) * sizeof(SampleCell);
     memset(whole.grid->cells, 0, bytes);
     resetFootprintState(&whole.grid->state);
     fillCells(whole.unit, whole.grid);
@@ -329,8 +330,10 @@ TEST(PixelSampling, PlainMeansRoundAsTheDoubleMean) {
   for (const auto& p : pairs) {
     if (p.first == -1.0f || p.second == -1.0f) continue;  // the missing corner's mark
     const float expected = float((double(p.first) + double(p.second)) * 0.5);
-    for (const float got : {averageU(p.first, p.second, 0), averageV(p.first, p.second, 0), averageV(p.first, p.second, 2)})
+    for (const float got :
+         {averageU(p.first, p.second, 0), averageV(p.first, p.second, 0), averageV(p.first, p.second, 2)}) {
       ASSERT_EQ(floatBits(got), floatBits(expected)) << p.first << " " << p.second;
+    }
   }
 }
 
