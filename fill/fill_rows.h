@@ -338,7 +338,7 @@ struct RowSumOf<kKindRgba16> {
     for (int32_t c = 0; c < 4; ++c) {
       const uint32_t t = rows[0][c] * w[0] + rows[1][c] * w[1] + rows[2][c] * w[2] + rows[3][c] * w[3] +
                          rows[4][c] * w[4];
-      out[c] = float(int32_t(t)) * 0x1p-15f;
+      out[c] = float(int32_t(t)) * kScale16;
     }
   }  static void bringDown(uint8_t* p, const uint32_t* const rows[5], const uint32_t w[5], float toUnit, float toValue,
                         float limit) {

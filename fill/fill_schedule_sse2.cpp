@@ -1,6 +1,6 @@
-// The lane road of the fill: the row road's loops of kind 3, and the row sums
-// of kinds 4 and 9 on the way down, in SSE2 lanes, each lane doing the plain
-// loop's operations for its channel or pixel.
+// The lane road of the fill: the row road's loops of kind 3, the half-passes
+// of kind 4, and the row sums of kinds 4 and 9 on the way down, in SSE2
+// lanes, each lane doing the plain loop's operations for its channel or pixel.
 #include "fill/fill_roads.h"
 #include "fill/fill_rows.h"
 
@@ -136,18 +136,14 @@ struct RowSumLanesFloat {
 struct RowSumLanesU16 {
   typedef uint32_t Type;
   static void weigh(const uint8_t* const pixels[5], const uint32_t w[5], uint32_t out[4]) {
-    const __m128i flip = _mm_set1_epi16(short(0x8000));
-    __m128i s = _mm_madd_epi16(pairU16(pixels[0], pixels[1], flip), weightPair(w[0], w[1]));
-    s = _mm_add_epi32(s, _mm_madd_epi16(pairU16(pixels[2], pixels[3], flip), weightPair(w[2], w[3])));
-    const __m128i last = _mm_xor_si128(
-        _mm_unpacklo_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(pixels[4])), _mm_setzero_si128()), flip);
-    s = _mm_add_epi32(s, _mm_madd_epi16(last, weightPair(w[4], 0)));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), rowQuotientU16(s));
+    const __m128i sums = fivePixelsU16x4(pixels, weightPair(w[0], w[1]), weightPair(w[2], w[3]),
+                                         weightPair(w[4], 0), _mm_set1_epi16(short(0x8000)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), sums);
   }
   static __m128 totalLanes(const uint32_t* const rows[5], const uint32_t w[5]) {
     auto row = [&](int32_t m) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(rows[m])); };
     const __m128i t = columnSumLanes(row(0), row(1), row(2), row(3), row(4), w);
-    return _mm_mul_ps(_mm_cvtepi32_ps(t), _mm_set1_ps(0x1p-15f));
+    return _mm_mul_ps(_mm_cvtepi32_ps(t), _mm_set1_ps(kScale16));
   }
   static void total(const uint32_t* const rows[5], const uint32_t w[5], float out[4]) {
     _mm_storeu_ps(out, totalLanes(rows, w));

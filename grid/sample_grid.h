@@ -83,7 +83,7 @@ void fillCellRows(JobUnit* unit, SampleGrid* grid, int32_t first, int32_t end);
 // leaving each pixel's colour in its cell. A unit on plain counters takes a
 // few rows at a time, their cells and then their pixels, so that the cells a
 // pixel reads are still in the cache; each cell and each pixel is a function
-// of its own point, so the order gives the same bits. A unit without a grids array does
-// nothing; a grid without cells leaves the unit untouched, and its pixels are
-// written as (0, 0, 0, 0).
+// of its own point, so the order gives the same bits. A unit without a grids
+// array does nothing; a grid without cells leaves the unit untouched, and its
+// pixels are written as (0, 0, 0, 0).
 void renderUnit(JobUnit* unit);

@@ -194,13 +194,20 @@ inline __m128i pairU16(const uint8_t* a, const uint8_t* b, __m128i flip) {
   return _mm_xor_si128(_mm_unpacklo_epi16(pa, pb), flip);
 }
 
-inline __m128i rowU16x4(const uint8_t* row, __m128i w01, __m128i w23, __m128i w4, __m128i flip) {
-  __m128i s = _mm_madd_epi16(pairU16(row, row + 8, flip), w01);
-  s = _mm_add_epi32(s, _mm_madd_epi16(pairU16(row + 16, row + 24, flip), w23));
+// The row of five pixels p[0..4] weighed with (w0, w1), (w2, w3) and (w4, 0)
+// pairs and divided: four channels of one row sum.
+inline __m128i fivePixelsU16x4(const uint8_t* const p[5], __m128i w01, __m128i w23, __m128i w4, __m128i flip) {
+  __m128i s = _mm_madd_epi16(pairU16(p[0], p[1], flip), w01);
+  s = _mm_add_epi32(s, _mm_madd_epi16(pairU16(p[2], p[3], flip), w23));
   const __m128i last = _mm_xor_si128(
-      _mm_unpacklo_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(row + 32)), _mm_setzero_si128()), flip);
+      _mm_unpacklo_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p[4])), _mm_setzero_si128()), flip);
   s = _mm_add_epi32(s, _mm_madd_epi16(last, w4));
   return rowQuotientU16(s);
+}
+
+inline __m128i rowU16x4(const uint8_t* row, __m128i w01, __m128i w23, __m128i w4, __m128i flip) {
+  const uint8_t* const pixels[5] = {row, row + 8, row + 16, row + 24, row + 32};
+  return fivePixelsU16x4(pixels, w01, w23, w4, flip);
 }
 
 #endif
