@@ -88,13 +88,11 @@ inline void filterBlockU16x4Sse41(const uint8_t* block, ptrdiff_t stride, const 
   _mm_storeu_ps(out, _mm_mul_ps(_mm_cvtepi32_ps(total), _mm_set1_ps(kScale16)));
 }
 
+// The kernel at base pixels (i, j) and their phases.
 template <int32_t kKind>
-inline void kernelAtSse41(const PixelStore* store, int32_t level, float x, float y, float out[4]) {
+inline void kernelOfBaseSse41(const PixelStore* store, int32_t level, int32_t i, int32_t phaseX, int32_t j,
+                              int32_t phaseY, float out[4]) {
   constexpr int kBytes = kKind == kKindRgba8 ? 4 : 8;
-  int32_t phaseX;
-  int32_t phaseY;
-  const int32_t i = kernelBase(x, &phaseX);
-  const int32_t j = kernelBase(y, &phaseY);
   const int32_t(*taps)[kKernelPhases] =
       kKind == kKindRgba8 ? store->kernelTable.weights2048 : store->kernelTable.weights32768;
   uint32_t wx[5];
@@ -108,6 +106,161 @@ inline void kernelAtSse41(const PixelStore* store, int32_t level, float x, float
     filterBlockU8x4Sse41(block, stride, wx, wy, out);
   } else {
     filterBlockU16x4Sse41(block, stride, wx, wy, out);
+  }
+}
+
+template <int32_t kKind>
+inline void kernelAtSse41(const PixelStore* store, int32_t level, float x, float y, float out[4]) {
+  int32_t phaseX;
+  int32_t phaseY;
+  const int32_t i = kernelBase(x, &phaseX);
+  const int32_t j = kernelBase(y, &phaseY);
+  kernelOfBaseSse41<kKind>(store, level, i, phaseX, j, phaseY, out);
+}
+
+// ---- runs of kind 3 at level 0 ----
+// A row of pixel centres lands its reads on one phase pair, one row of base
+// pixels and base pixels one apart: the blocks of such a run overlap, four of
+// every five columns shared with the next. The run's columns are weighed
+// once, down the five rows, and each read takes five of them across. The
+// total is the same word as the block's: every product is exact, and sums
+// modulo 2^32 do not depend on their order.
+
+// Columns 0 to 3 from `at` of the five rows, each down its rows: four
+// channel words a pixel, lane 0 holding channel 3.
+inline void columnsU8x4(const uint8_t* at, ptrdiff_t stride, __m128i wy01, __m128i wy23, __m128i wy4, __m128i zero,
+                        __m128i* out) {
+  __m128i c[4];
+  __m128i d[4];
+  __m128i e[4];
+  pairedRowsU8(at, at + stride, wy01, zero, c);
+  pairedRowsU8(at + 2 * stride, at + 3 * stride, wy23, zero, d);
+  // Row 4 pairs with a row of zeros: its weight pair is (wy4, 0).
+  const __m128i r4 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + 4 * stride));
+  const __m128i first = _mm_unpacklo_epi8(r4, zero);
+  const __m128i second = _mm_unpackhi_epi8(r4, zero);
+  e[0] = _mm_madd_epi16(_mm_unpacklo_epi8(first, zero), wy4);
+  e[1] = _mm_madd_epi16(_mm_unpackhi_epi8(first, zero), wy4);
+  e[2] = _mm_madd_epi16(_mm_unpacklo_epi8(second, zero), wy4);
+  e[3] = _mm_madd_epi16(_mm_unpackhi_epi8(second, zero), wy4);
+  for (int k = 0; k < 4; ++k) out[k] = _mm_add_epi32(_mm_add_epi32(c[k], d[k]), e[k]);
+}
+
+// The reads of a run of `count` (at most kRunMost) blocks whose first block
+// starts at `block`, each block one pixel right of the one before.
+constexpr int32_t kRunMost = 64;
+
+void runU8x4(const uint8_t* block, ptrdiff_t stride, int32_t count, const uint32_t wx[5], const uint32_t wy[5],
+             float unit, float (*out)[4]) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i wy01 = weightPair(wy[0], wy[1]);
+  const __m128i wy23 = weightPair(wy[2], wy[3]);
+  const __m128i wy4 = weightPair(wy[4], 0);
+  // The columns, four at a time; the last group may run up to three columns
+  // past the run's last block, which stay within the tile's row of pixels
+  // (the block lies at least four short of the tile's right edge) but are
+  // not used.
+  __m128i columns[kRunMost + 8];
+  const int32_t columnCount = count + 4;
+  for (int32_t at = 0; at < columnCount; at += 4) {
+    if (at + 4 <= columnCount) {
+      columnsU8x4(block + at * 4, stride, wy01, wy23, wy4, zero, columns + at);
+    } else {
+      // The last few columns one pixel at a time, so that no read passes the
+      // last block's right edge.
+      for (int32_t c = at; c < columnCount; ++c) {
+        const uint8_t* p = block + c * 4;
+        __m128i sum = _mm_mullo_epi32(pixelU8(p), weightWord(wy[0]));
+        for (int r = 1; r < 5; ++r) sum = _mm_add_epi32(sum, _mm_mullo_epi32(pixelU8(p + r * stride), weightWord(wy[r])));
+        columns[c] = sum;
+      }
+    }
+  }
+  const __m128i w0 = weightWord(wx[0]);
+  const __m128i w1 = weightWord(wx[1]);
+  const __m128i w2 = weightWord(wx[2]);
+  const __m128i w3 = weightWord(wx[3]);
+  const __m128i w4 = weightWord(wx[4]);
+  const __m128 scale = _mm_set1_ps(kScale8);
+  for (int32_t k = 0; k < count; ++k) {
+    const __m128i* c = columns + k;
+    __m128i total = _mm_mullo_epi32(c[0], w0);
+    total = _mm_add_epi32(total, _mm_mullo_epi32(c[1], w1));
+    total = _mm_add_epi32(total, _mm_mullo_epi32(c[2], w2));
+    total = _mm_add_epi32(total, _mm_mullo_epi32(c[3], w3));
+    total = _mm_add_epi32(total, _mm_mullo_epi32(c[4], w4));
+    const __m128 scaled = _mm_mul_ps(_mm_cvtepi32_ps(total), scale);
+    // Channel order, then unit range, as levelZeroReads takes it.
+    _mm_storeu_ps(out[k], _mm_mul_ps(_mm_shuffle_ps(scaled, scaled, _MM_SHUFFLE(0, 1, 2, 3)), _mm_set1_ps(unit)));
+  }
+}
+
+// kernelBase of scale * u - 0.5 for four points.
+inline void basesX4(__m128 u, float scale, int32_t* bases, int32_t* phases) {
+  const __m128 p = _mm_add_ps(_mm_sub_ps(_mm_mul_ps(_mm_set1_ps(scale), u), _mm_set1_ps(0.5f)), _mm_set1_ps(0.5f));
+  const __m128i i = _mm_cvttps_epi32(p);
+  const __m128i phase = _mm_cvttps_epi32(_mm_mul_ps(_mm_sub_ps(p, _mm_cvtepi32_ps(i)), _mm_set1_ps(128.0f)));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(bases), i);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(phases), phase);
+}
+
+// levelZeroReads on this road: the base pixels and phases of a batch found
+// four at a time, then each read; at kind 3 the runs are read together. A
+// run needs the same phases, the same base row and base pixels one apart,
+// and its first and last blocks each in one tile, the same one: the blocks
+// between lie in it too.
+template <int32_t kKind>
+void levelZeroReadsSse41(const PixelStore* store, int32_t count, const float* us, const float* vs,
+                         float (*out)[4]) {
+  const int32_t l = limitBlendLevel(store, 0);
+  const float scaleX = store->levelScaleX[l];
+  const float scaleY = store->levelScaleY[l];
+  const float unit = store->valueToUnit;
+  for (int32_t start = 0; start < count; start += kRunMost) {
+    const int32_t n = count - start < kRunMost ? count - start : kRunMost;
+    int32_t is[kRunMost];
+    int32_t js[kRunMost];
+    int32_t phaseXs[kRunMost];
+    int32_t phaseYs[kRunMost];
+    int32_t k = 0;
+    for (; k + 4 <= n; k += 4) {
+      basesX4(_mm_loadu_ps(us + start + k), scaleX, is + k, phaseXs + k);
+      basesX4(_mm_loadu_ps(vs + start + k), scaleY, js + k, phaseYs + k);
+    }
+    for (; k < n; ++k) {
+      is[k] = kernelBase(scaleX * us[start + k] - 0.5f, &phaseXs[k]);
+      js[k] = kernelBase(scaleY * vs[start + k] - 0.5f, &phaseYs[k]);
+    }
+    for (k = 0; k < n;) {
+      if (kKind == kKindRgba8) {
+        int32_t last = k;
+        while (last + 1 < n && is[last + 1] == is[last] + 1 && js[last + 1] == js[k] &&
+               phaseXs[last + 1] == phaseXs[k] && phaseYs[last + 1] == phaseYs[k]) {
+          ++last;
+        }
+        const int32_t x0 = int32_t(uint32_t(is[k]) - 2u);
+        const int32_t y0 = int32_t(uint32_t(js[k]) - 2u);
+        const int32_t xLast = int32_t(uint32_t(is[last]) - 2u);
+        if (last > k && kernelInOneTile(store, l, x0, y0) && kernelInOneTile(store, l, xLast, y0) &&
+            (x0 >> kTileShift) == (xLast >> kTileShift)) {
+          uint32_t wx[5];
+          uint32_t wy[5];
+          unsignedWeights(store->kernelTable.weights2048, phaseXs[k], wx);
+          unsignedWeights(store->kernelTable.weights2048, phaseYs[k], wy);
+          runU8x4(storePixel<const uint8_t>(store, l, x0, y0, 4), ptrdiff_t(kTileWidth) * 4, last - k + 1, wx, wy,
+                  unit, out + start + k);
+          k = last + 1;
+          continue;
+        }
+      }
+      float* o = out[start + k];
+      kernelOfBaseSse41<kKind>(store, l, is[k], phaseXs[k], js[k], phaseYs[k], o);
+      o[0] *= unit;
+      o[1] *= unit;
+      o[2] *= unit;
+      o[3] *= unit;
+      ++k;
+    }
   }
 }
 
@@ -136,9 +289,9 @@ void filterUnitPixelSse41(const PixelStore* store, int32_t level, float frac, fl
 void filterUnitPixelsAtLevelZeroSse41(const PixelStore* store, int32_t count, const float* us, const float* vs,
                                       float (*out)[4]) {
   if (store->kind == kKindRgba8) {
-    levelZeroReads(store, count, us, vs, out, KernelSse41<kKindRgba8>());
+    levelZeroReadsSse41<kKindRgba8>(store, count, us, vs, out);
   } else {
-    levelZeroReads(store, count, us, vs, out, KernelSse41<kKindRgba16>());
+    levelZeroReadsSse41<kKindRgba16>(store, count, us, vs, out);
   }
 }
 

@@ -391,8 +391,8 @@ TEST(UnitEntries, EveryRoadAndTheLevelZeroBatchReadTheLaneRoadsBits) {
   // Each kernel road this build and processor can take, one point at a time
   // at blended levels and in the render's batches of level-0 reads, against
   // the lane road one point at a time, bit for bit, in every kind: points
-  // across tile borders, on the edges and a little past them, and batches of
-  // odd sizes. Points run from 0 up, as the sampler's do: left of 0 a point
+  // across tile borders, on the edges and a little past them, rows of pixel
+  // centres, and batches of odd sizes. Points run from 0 up, as the sampler's do: left of 0 a point
   // has no phase in the table.
   const int32_t kinds[] = {kKindRgba8, kKindRgba16, kKindRgbaFloat, kKindGray8, kKindFloat};
   for (int32_t kind : kinds) {
@@ -410,6 +410,14 @@ TEST(UnitEntries, EveryRoadAndTheLevelZeroBatchReadTheLaneRoadsBits) {
     for (float edge : {0.0f, 1.0f, 512.0f / 700.0f, 511.5f / 700.0f}) {
       us.push_back(edge);
       vs.push_back(edge * 0.9f);
+    }
+    // Rows of pixel centres, nudged as landing points are: runs of reads on
+    // one phase pair, across the tile border at 512 and up to the right edge.
+    for (int y : {0, 250, 527}) {
+      for (int x = 470; x < 700; ++x) {
+        us.push_back((float(x) + 0.513f) / 700.0f);
+        vs.push_back((float(y) + 0.489f) / 530.0f);
+      }
     }
     const size_t n = us.size();
     s->kernelRoad = kKernelRoadLanes;
