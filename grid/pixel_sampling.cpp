@@ -165,15 +165,9 @@ void samplePixel(float sharpness, const PixelStore* store, int32_t x, int32_t y,
 
 namespace {
 
-// Means of a column of two corners, the upper and the lower one: the c1 of
-// the pixel left of that column and the c2 of the pixel right of it. The
-// mean is symmetric in its two arguments (a NaN aside, whose pixel gets zero
-// colour whichever NaN it is), so one computation serves both pixels.
-struct ColumnMeans {
-  float u;
-  float v;
-};
-
+// The mean is symmetric in its two arguments (a NaN aside, whose pixel gets
+// zero colour whichever NaN it is), so one column's means serve the pixels on
+// both sides of it.
 inline ColumnMeans columnMeans(const SampleCell* upper, const SampleCell* lower) {
   return ColumnMeans{averageU(upper->landU, lower->landU, 0), averageV(upper->landV, lower->landV, 0)};
 }
@@ -263,8 +257,19 @@ inline void sampleCorners(SampleGrid* grid, const PixelStore* store, int32_t x, 
   if (reads.count > 0) readRowBatch(store, &reads);
 }
 
+// Whether every cell of the two rows of corners, count cells each, holds the
+// keys of the first, and that first one has something under it: then every
+// pixel between the rows has agreeing corners, none of them missed.
+bool rowsAgree(const SampleCell* lower, const SampleCell* upper, int32_t count) {
+  if (cellMissed(*lower)) return false;
+  for (int32_t k = 0; k < count; ++k) {
+    if (!sameKeys(lower + k, lower) || !sameKeys(upper + k, lower)) return false;
+  }
+  return true;
+}
+
 // The pixels of row y, for a rectangle inside the range of the 16-bit counters.
-void samplePixelRow(JobUnit* unit, int32_t y) {
+void samplePixelRow(SampleRoad road, JobUnit* unit, int32_t y) {
   SampleGrid* grid = &unit->grids[0];
   const VRect& r = unit->cursor.unitRect;
   const PixelStore* store = grid->store;
@@ -289,7 +294,7 @@ void samplePixelRow(JobUnit* unit, int32_t y) {
   ColumnMeans leftColumn = {0.0f, 0.0f};
   RowReads reads;
   reads.count = 0;
-  for (int32_t k = 0; k < width; ++k) {
+  auto pixelAt = [&](int32_t k) {
     SampleCell* here = lower + k + 1;
     const SampleCell* left = lower + k;
     const SampleCell* up = upper + k + 1;
@@ -297,14 +302,46 @@ void samplePixelRow(JobUnit* unit, int32_t y) {
     if (!cornersAgree(here, left, up, upLeft)) {
       sampleGeneral(grid, store, r.left + k, y, here, unit);
       haveLeftColumn = false;
-      continue;
+      return;
     }
     const ColumnMeans right = columnMeans(up, here);
     if (!haveLeftColumn) leftColumn = columnMeans(upLeft, left);
     sampleAgreeing(grid, store, here, left, up, right, leftColumn, &reads);
     leftColumn = right;
     haveLeftColumn = true;
+  };
+  int32_t k = 0;
+  if (road == kSampleRoadLanes && sampleLanesBuilt() && rowsAgree(lower, upper, width + 1)) {
+    for (; k + 4 <= width; k += 4) {
+      ColumnMeans means[5];
+      float us[4];
+      float vs[4];
+      const int32_t levelZero = agreeingQuadLanes(lower + k, upper + k, means, us, vs);
+      if (levelZero < 0) {
+        for (int32_t q = 0; q < 4; ++q) pixelAt(k + q);
+        continue;
+      }
+      for (int32_t q = 0; q < 4; ++q) {
+        SampleCell* here = lower + k + q + 1;
+        if ((levelZero & (1 << q)) == 0) {
+          sampleAgreeing(grid, store, here, lower + k + q, upper + k + q + 1, means[q + 1], means[q], &reads);
+          continue;
+        }
+        // sampleAgreeing's road for a level-0 read.
+        grid->spanA = here->spanA;
+        grid->spanB = here->spanB;
+        grid->state.fixedLod = false;
+        grid->reuseFlag = 0;
+        reads.u[reads.count] = us[q];
+        reads.v[reads.count] = vs[q];
+        reads.cell[reads.count] = here;
+        if (++reads.count == kRowReadBatch) readRowBatch(store, &reads);
+      }
+      leftColumn = means[4];
+      haveLeftColumn = true;
+    }
   }
+  for (; k < width; ++k) pixelAt(k);
   if (reads.count > 0) readRowBatch(store, &reads);
 }
 
@@ -316,9 +353,13 @@ bool unitOnPlainCounters(const JobUnit* unit) {
          r.right <= 32767;
 }
 
-void samplePixelRows(JobUnit* unit, int32_t first, int32_t end) {
-  for (int32_t y = first; y < end; ++y) samplePixelRow(unit, y);
+SampleRoad sampleRoadFor() { return sampleLanesBuilt() ? kSampleRoadLanes : kSampleRoadPixels; }
+
+void samplePixelRowsOn(SampleRoad road, JobUnit* unit, int32_t first, int32_t end) {
+  for (int32_t y = first; y < end; ++y) samplePixelRow(road, unit, y);
 }
+
+void samplePixelRows(JobUnit* unit, int32_t first, int32_t end) { samplePixelRowsOn(sampleRoadFor(), unit, first, end); }
 
 void samplePixels(JobUnit* unit) {
   const VRect& r = unit->cursor.unitRect;

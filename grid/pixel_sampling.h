@@ -56,6 +56,42 @@ void samplePixels(JobUnit* unit);
 // when it does.
 bool unitOnPlainCounters(const JobUnit* unit);
 void samplePixelRows(JobUnit* unit, int32_t first, int32_t end);
+// ---- the roads of a row's pixels ---------------------------------------------------------
+// - The pixel road takes one pixel after another: the road the other
+//   reproduces.
+// - The lane road (pixel_sampling_sse2.cpp) takes four pixels at a time
+//   where their corners agree in their keys and none is missing: the means
+//   of their five corner columns, their centres and the test for a level-0
+//   read in SSE2 lanes, with the pixel road's operations in its order. A
+//   group with a missing corner, a mean that is not finite or one that
+//   comes out as the missing mark takes the pixel road.
+enum SampleRoad : int32_t {
+  kSampleRoadPixels = 0,
+  kSampleRoadLanes = 1,
+};
+
+// Whether the lane road is built into this module.
+bool sampleLanesBuilt();
+// The fastest road built: the one place the road is chosen.
+SampleRoad sampleRoadFor();
+// samplePixelRows on `road`.
+void samplePixelRowsOn(SampleRoad road, JobUnit* unit, int32_t first, int32_t end);
+
+// Means of a column of two corners, the upper and the lower one: the c1 of
+// the pixel left of that column and the c2 of the pixel right of it.
+struct ColumnMeans {
+  float u;
+  float v;
+};
+
+// The lane road's four pixels whose lower corners are lower[0..4] and upper
+// corners upper[0..4] (pixel q's own corner is lower[q + 1]): -1 when the
+// group must take the pixel road; else the mask of the pixels that are one
+// level-0 read, with the five column means in means[0..4] and each pixel's
+// centre in us[q], vs[q].
+int32_t agreeingQuadLanes(const SampleCell* lower, const SampleCell* upper, ColumnMeans means[5], float us[4],
+                          float vs[4]);
+
 // One pixel; mode 3 and count 1 are the values of this filter.
 void samplePixel(float sharpness, const PixelStore* store, int32_t x, int32_t y, SampleGrid* grid, int32_t mode,
                  int32_t count, PixelSample& sample, JobUnit* unit);

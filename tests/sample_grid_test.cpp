@@ -2,7 +2,8 @@
 // and index arithmetic, the cells after the fill (keys, starts, landing
 // points), the identity map where the layer is solid, independence from the
 // partition into units, NaN points, the missing cell array, the corner
-// averages, and the row loop against the sampler's whole road.
+// averages, the row loop against the sampler's whole road, and the lane road
+// against the pixel road.
 #include <gtest/gtest.h>
 
 #include <float.h>
@@ -266,6 +267,77 @@ TEST(RenderUnit, RowsAtATimeGiveTheCellsOfTheWholeUnitRoad) {
     fillCells(whole.unit, whole.grid);
     samplePixels(whole.unit);
     EXPECT_EQ(memcmp(banded.grid->cells, whole.grid->cells, bytes), 0) << r.top << "," << r.left;
+  }
+}
+
+TEST(RenderUnit, LaneRoadGivesThePixelRoadsCells) {
+  // The lane road against the pixel road on the same cells, byte for byte,
+  // with one cell changed in each case to send a group of four, or a whole
+  // row, back to the pixel road: a missing corner, a column mean that comes
+  // out as the missing mark, a sum past the float range, a NaN, keys that
+  // disagree, a missed point, and a stretched footprint that is no level-0
+  // read. Widths that do and do not divide by four.
+  if (!sampleLanesBuilt()) GTEST_SKIP() << "the lane road is not built here";
+  LayerWorld world(40, 30);
+  patterned(world, 255);
+  solidRect(world, 9, 6, 27, 19);
+  // Each change is made at two places: in the fourth column of corners and
+  // in the ninth, the last of the second group of four pixels.
+  struct Change {
+    const char* what;
+    void (*apply)(SampleCell* at, SampleCell* below);
+  };
+  const Change changes[] = {
+      {"none", [](SampleCell*, SampleCell*) {}},
+      {"missing corner", [](SampleCell* at, SampleCell*) { at->landU = -1.0f; }},
+      {"mean is the mark",
+       [](SampleCell* at, SampleCell* below) {
+         at->landV = -0.5f;
+         below->landV = -1.5f;
+       }},
+      {"sum past the range",
+       [](SampleCell* at, SampleCell* below) {
+         at->landU = 3e38f;
+         below->landU = 3e38f;
+       }},
+      {"NaN", [](SampleCell* at, SampleCell*) { at->landV = NAN; }},
+      {"keys disagree", [](SampleCell* at, SampleCell*) { at->keyC = 1; }},
+      {"missed", [](SampleCell* at, SampleCell*) { at->keyA = -5; }},
+      {"stretched", [](SampleCell* at, SampleCell*) { at->landU += 0.05f; }},
+  };
+  for (const VRect& r : {VRect{2, 3, 28, 37}, VRect{5, 1, 11, 6}}) {
+    TestUnit t(r);
+    renderUnit(t.unit);
+    const size_t count = size_t(t.unit->cursor.gridRows) * size_t(t.unit->cursor.gridCols);
+    const std::vector<SampleCell> rendered(t.grid->cells, t.grid->cells + count);
+    // A last case jitters every landing point by a few millionths, so that
+    // the footprint's test falls on both sides of its bound.
+    for (size_t c = 0; c <= sizeof changes / sizeof changes[0]; ++c) {
+      const bool jitter = c == sizeof changes / sizeof changes[0];
+      std::vector<SampleCell> byRoad[2];
+      for (SampleRoad road : {kSampleRoadPixels, kSampleRoadLanes}) {
+        memcpy(t.grid->cells, rendered.data(), count * sizeof(SampleCell));
+        if (jitter) {
+          uint32_t state = 7;
+          for (size_t i = 0; i < count; ++i) {
+            state = state * 1664525u + 1013904223u;
+            t.grid->cells[i].landU += float(int32_t(state >> 24) - 128) * 3e-8f;
+            t.grid->cells[i].landV += float(int32_t((state >> 16) & 255) - 128) * 3e-8f;
+          }
+        } else {
+          changes[c].apply(t.cell(r.left + 2, r.top + 1), t.cell(r.left + 2, r.top + 2));
+          if (r.right - r.left > 8) changes[c].apply(t.cell(r.left + 7, r.top + 3), t.cell(r.left + 7, r.top + 4));
+        }
+        resetFootprintState(&t.grid->state);
+        samplePixelRowsOn(road, t.unit, r.top, r.bottom);
+        byRoad[road].assign(t.grid->cells, t.grid->cells + count);
+      }
+      const char* what = jitter ? "jitter" : changes[c].what;
+      EXPECT_EQ(memcmp(byRoad[0].data(), byRoad[1].data(), count * sizeof(SampleCell)), 0) << what;
+      if (c == 0) {
+        EXPECT_EQ(memcmp(byRoad[1].data(), rendered.data(), count * sizeof(SampleCell)), 0);
+      }
+    }
   }
 }
 
