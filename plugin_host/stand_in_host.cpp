@@ -428,7 +428,12 @@ bool Host::deliver(Buffer& buffer, const Rect& asked, int32_t lo, int32_t hi, bo
   // shows; a strict host gives the output rows a step of their own.
   int32_t rowPadding = options_.rowPadding + (options_.strict && output ? 40 : 0);
   buffer.rowBytes = (tight + rowPadding + 3) & ~3;
-  buffer.bytes.assign(size_t(buffer.rowBytes) * size_t(rect.height()) + 16, 0xEE);
+  // Every byte the host does not write reads as 0xEE: the rows' padding, the
+  // buffer's tail, and pixels past the document that a module asked to get
+  // without padding. Rows that are written whole get their padding alone.
+  const size_t bufferBytes = size_t(buffer.rowBytes) * size_t(rect.height()) + 16;
+  buffer.bytes.resize(bufferBytes);
+  memset(buffer.bytes.data() + bufferBytes - 16, 0xEE, 16);
   const size_t pixelBytes = size_t(planes * sampleBytes);
   // Where whole pixels of a row at rate 1 lie inside the document, that part
   // of the row is one copy; the rest (the padding, other rates, some planes)
@@ -439,6 +444,8 @@ bool Host::deliver(Buffer& buffer, const Rect& asked, int32_t lo, int32_t hi, bo
   for (int32_t y = rect.top; y < rect.bottom; ++y) {
     int32_t sy = std::min(std::max(y, 0), height - 1) * rate;
     uint8_t* row = buffer.bytes.data() + size_t(y - rect.top) * size_t(buffer.rowBytes);
+    const bool rowInside = y >= 0 && y < height && rect.left >= 0 && rect.right <= width;
+    memset(rowInside ? row + tight : row, 0xEE, size_t(buffer.rowBytes) - (rowInside ? size_t(tight) : 0));
     auto onePixel = [&](int32_t x) {
       int32_t sx = std::min(std::max(x, 0), width - 1) * rate;
       uint8_t* target = row + size_t(x - rect.left) * pixelBytes;
