@@ -119,12 +119,14 @@ inline void kernelAtSse41(const PixelStore* store, int32_t level, float x, float
 }
 
 // ---- runs of kind 3 at level 0 ----
-// A row of pixel centres lands its reads on one phase pair, one row of base
-// pixels and base pixels one apart: the blocks of such a run overlap, four of
-// every five columns shared with the next. The run's columns are weighed
-// once, down the five rows, and each read takes five of them across. The
-// total is the same word as the block's: every product is exact, and sums
-// modulo 2^32 do not depend on their order.
+// Reads of one base row and one vertical phase share their columns: a
+// column's sum down the five rows depends on nothing else. Along a row of
+// pixel centres, and along most rows of landing points, the reads go one base
+// pixel at a time either way, or stay. A run of such reads has the columns of
+// its span weighed once, down the rows, and each read takes its five of them
+// across, with its own horizontal phase. The total is the same word as the
+// block's: every product is exact, and sums modulo 2^32 do not depend on
+// their order.
 
 // Columns 0 to 3 from `at` of the five rows, each down its rows: four
 // channel words a pixel, lane 0 holding channel 3.
@@ -146,49 +148,46 @@ inline void columnsU8x4(const uint8_t* at, ptrdiff_t stride, __m128i wy01, __m12
   for (int k = 0; k < 4; ++k) out[k] = _mm_add_epi32(_mm_add_epi32(c[k], d[k]), e[k]);
 }
 
-// The reads of a run of `count` (at most kRunMost) blocks whose first block
-// starts at `block`, each block one pixel right of the one before.
+// Reads in a run, and columns in its span, at most.
 constexpr int32_t kRunMost = 64;
 
-void runU8x4(const uint8_t* block, ptrdiff_t stride, int32_t count, const uint32_t wx[5], const uint32_t wy[5],
+// The run's reads: `first` is the span's first block (base pixel minBase),
+// columnCount the span's width plus 4, and read k's block starts at column
+// bases[k] - minBase of the span.
+void runU8x4(const uint8_t* first, ptrdiff_t stride, int32_t columnCount, int32_t count, const int32_t* bases,
+             int32_t minBase, const int32_t* phaseXs, const int32_t (*taps)[kKernelPhases], const uint32_t wy[5],
              float unit, float (*out)[4]) {
   const __m128i zero = _mm_setzero_si128();
   const __m128i wy01 = weightPair(wy[0], wy[1]);
   const __m128i wy23 = weightPair(wy[2], wy[3]);
   const __m128i wy4 = weightPair(wy[4], 0);
-  // The columns, four at a time; the last group may run up to three columns
-  // past the run's last block, which stay within the tile's row of pixels
-  // (the block lies at least four short of the tile's right edge) but are
-  // not used.
+  // The columns, four at a time; the last few one at a time, so that no read
+  // passes the span's right edge.
   __m128i columns[kRunMost + 8];
-  const int32_t columnCount = count + 4;
-  for (int32_t at = 0; at < columnCount; at += 4) {
-    if (at + 4 <= columnCount) {
-      columnsU8x4(block + at * 4, stride, wy01, wy23, wy4, zero, columns + at);
-    } else {
-      // The last few columns one pixel at a time, so that no read passes the
-      // last block's right edge.
-      for (int32_t c = at; c < columnCount; ++c) {
-        const uint8_t* p = block + c * 4;
-        __m128i sum = _mm_mullo_epi32(pixelU8(p), weightWord(wy[0]));
-        for (int r = 1; r < 5; ++r) sum = _mm_add_epi32(sum, _mm_mullo_epi32(pixelU8(p + r * stride), weightWord(wy[r])));
-        columns[c] = sum;
-      }
-    }
+  int32_t at = 0;
+  for (; at + 4 <= columnCount; at += 4) columnsU8x4(first + at * 4, stride, wy01, wy23, wy4, zero, columns + at);
+  for (; at < columnCount; ++at) {
+    const uint8_t* p = first + at * 4;
+    __m128i sum = _mm_mullo_epi32(pixelU8(p), weightWord(wy[0]));
+    for (int r = 1; r < 5; ++r) sum = _mm_add_epi32(sum, _mm_mullo_epi32(pixelU8(p + r * stride), weightWord(wy[r])));
+    columns[at] = sum;
   }
-  const __m128i w0 = weightWord(wx[0]);
-  const __m128i w1 = weightWord(wx[1]);
-  const __m128i w2 = weightWord(wx[2]);
-  const __m128i w3 = weightWord(wx[3]);
-  const __m128i w4 = weightWord(wx[4]);
   const __m128 scale = _mm_set1_ps(kScale8);
+  __m128i w[5] = {zero, zero, zero, zero, zero};
+  int32_t phase = -1;
   for (int32_t k = 0; k < count; ++k) {
-    const __m128i* c = columns + k;
-    __m128i total = _mm_mullo_epi32(c[0], w0);
-    total = _mm_add_epi32(total, _mm_mullo_epi32(c[1], w1));
-    total = _mm_add_epi32(total, _mm_mullo_epi32(c[2], w2));
-    total = _mm_add_epi32(total, _mm_mullo_epi32(c[3], w3));
-    total = _mm_add_epi32(total, _mm_mullo_epi32(c[4], w4));
+    if (phaseXs[k] != phase) {
+      phase = phaseXs[k];
+      uint32_t wx[5];
+      unsignedWeights(taps, phase, wx);
+      for (int t = 0; t < 5; ++t) w[t] = weightWord(wx[t]);
+    }
+    const __m128i* c = columns + (bases[k] - minBase);
+    __m128i total = _mm_mullo_epi32(c[0], w[0]);
+    total = _mm_add_epi32(total, _mm_mullo_epi32(c[1], w[1]));
+    total = _mm_add_epi32(total, _mm_mullo_epi32(c[2], w[2]));
+    total = _mm_add_epi32(total, _mm_mullo_epi32(c[3], w[3]));
+    total = _mm_add_epi32(total, _mm_mullo_epi32(c[4], w[4]));
     const __m128 scaled = _mm_mul_ps(_mm_cvtepi32_ps(total), scale);
     // Channel order, then unit range, as levelZeroReads takes it.
     _mm_storeu_ps(out[k], _mm_mul_ps(_mm_shuffle_ps(scaled, scaled, _MM_SHUFFLE(0, 1, 2, 3)), _mm_set1_ps(unit)));
@@ -205,10 +204,7 @@ inline void basesX4(__m128 u, float scale, int32_t* bases, int32_t* phases) {
 }
 
 // levelZeroReads on this road: the base pixels and phases of a batch found
-// four at a time, then each read; at kind 3 the runs are read together. A
-// run needs the same phases, the same base row and base pixels one apart,
-// and its first and last blocks each in one tile, the same one: the blocks
-// between lie in it too.
+// four at a time, then each read; at kind 3 the runs are read together.
 template <int32_t kKind>
 void levelZeroReadsSse41(const PixelStore* store, int32_t count, const float* us, const float* vs,
                          float (*out)[4]) {
@@ -233,22 +229,30 @@ void levelZeroReadsSse41(const PixelStore* store, int32_t count, const float* us
     }
     for (k = 0; k < n;) {
       if (kKind == kKindRgba8) {
+        // The run from k: one base row and vertical phase, each base pixel
+        // within one of the last. Of at most kRunMost reads, its span is
+        // under kRunMost columns.
         int32_t last = k;
-        while (last + 1 < n && is[last + 1] == is[last] + 1 && js[last + 1] == js[k] &&
-               phaseXs[last + 1] == phaseXs[k] && phaseYs[last + 1] == phaseYs[k]) {
+        int32_t minBase = is[k];
+        int32_t maxBase = is[k];
+        while (last + 1 < n && js[last + 1] == js[k] && phaseYs[last + 1] == phaseYs[k] &&
+               uint32_t(is[last + 1] - is[last] + 1) <= 2u) {
           ++last;
+          minBase = is[last] < minBase ? is[last] : minBase;
+          maxBase = is[last] > maxBase ? is[last] : maxBase;
         }
-        const int32_t x0 = int32_t(uint32_t(is[k]) - 2u);
+        // Its span's first and last blocks each in one tile, the same one:
+        // the blocks between lie in it too.
+        const int32_t x0 = int32_t(uint32_t(minBase) - 2u);
         const int32_t y0 = int32_t(uint32_t(js[k]) - 2u);
-        const int32_t xLast = int32_t(uint32_t(is[last]) - 2u);
+        const int32_t xLast = int32_t(uint32_t(maxBase) - 2u);
         if (last > k && kernelInOneTile(store, l, x0, y0) && kernelInOneTile(store, l, xLast, y0) &&
             (x0 >> kTileShift) == (xLast >> kTileShift)) {
-          uint32_t wx[5];
           uint32_t wy[5];
-          unsignedWeights(store->kernelTable.weights2048, phaseXs[k], wx);
           unsignedWeights(store->kernelTable.weights2048, phaseYs[k], wy);
-          runU8x4(storePixel<const uint8_t>(store, l, x0, y0, 4), ptrdiff_t(kTileWidth) * 4, last - k + 1, wx, wy,
-                  unit, out + start + k);
+          runU8x4(storePixel<const uint8_t>(store, l, x0, y0, 4), ptrdiff_t(kTileWidth) * 4, maxBase - minBase + 5,
+                  last - k + 1, is + k, minBase, phaseXs + k, store->kernelTable.weights2048, wy, unit,
+                  out + start + k);
           k = last + 1;
           continue;
         }

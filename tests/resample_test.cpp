@@ -419,6 +419,16 @@ TEST(UnitEntries, EveryRoadAndTheLevelZeroBatchReadTheLaneRoadsBits) {
         vs.push_back((float(y) + 0.489f) / 530.0f);
       }
     }
+    // Rows of landing points as a mirror gives them: going left, six tenths
+    // of a pixel a step, so that base pixels stay or step back and the
+    // horizontal phase changes on one row; on the second row the vertical
+    // phase drifts too.
+    for (int y : {3, 300}) {
+      for (int k = 0; k < 300; ++k) {
+        us.push_back((690.0f - 0.6f * float(k)) / 700.0f);
+        vs.push_back((float(y) + 0.3f + (y == 3 ? 0.0f : 0.003f * float(k % 200))) / 530.0f);
+      }
+    }
     const size_t n = us.size();
     s->kernelRoad = kKernelRoadLanes;
     std::vector<float> level0(n * 4), blended(n * 4);
