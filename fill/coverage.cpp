@@ -117,20 +117,25 @@ inline __m128 relaxLanes(__m128 v, __m128 left, __m128 right, __m128 up, __m128 
   // harm (53 bits are more than twice 24 plus one), so the float sum gives
   // the same bits, for every float (checked over all of them).
   const __m128 step = _mm_add_ps(_mm_min_ps(b, a), _mm_set1_ps(1.0f));
-  // (sqrt(2 - d * d) + (b + a)) * 0.5, the products and sums of floats in single.
-  const __m128 squared = _mm_mul_ps(d, d);
-  const __m128 sum = _mm_add_ps(b, a);
-  const __m128d two = _mm_set1_pd(2.0);
-  const __m128d half = _mm_set1_pd(0.5);
-  const __m128d rootLow = _mm_sqrt_pd(_mm_sub_pd(two, _mm_cvtps_pd(squared)));
-  const __m128d rootHigh = _mm_sqrt_pd(_mm_sub_pd(two, _mm_cvtps_pd(_mm_movehl_ps(squared, squared))));
-  const __m128 meet = _mm_movelh_ps(
-      _mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(rootLow, _mm_cvtps_pd(sum)), half)),
-      _mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(rootHigh, _mm_cvtps_pd(_mm_movehl_ps(sum, sum))), half)));
-  const __m128 n = _mm_or_ps(_mm_and_ps(oneAxis, step), _mm_andnot_ps(oneAxis, meet));
+  const __m128 frozen = _mm_cmplt_ps(v, _mm_set1_ps(1.0f));
+  __m128 n = step;
+  // Where the fronts meet in an open cell: (sqrt(2 - d * d) + (b + a)) * 0.5,
+  // the products and sums of floats in single. A step whose open cells all
+  // take the nearer front alone needs no root.
+  if (_mm_movemask_ps(_mm_or_ps(oneAxis, frozen)) != 0xf) {
+    const __m128 squared = _mm_mul_ps(d, d);
+    const __m128 sum = _mm_add_ps(b, a);
+    const __m128d two = _mm_set1_pd(2.0);
+    const __m128d half = _mm_set1_pd(0.5);
+    const __m128d rootLow = _mm_sqrt_pd(_mm_sub_pd(two, _mm_cvtps_pd(squared)));
+    const __m128d rootHigh = _mm_sqrt_pd(_mm_sub_pd(two, _mm_cvtps_pd(_mm_movehl_ps(squared, squared))));
+    const __m128 meet = _mm_movelh_ps(
+        _mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(rootLow, _mm_cvtps_pd(sum)), half)),
+        _mm_cvtpd_ps(_mm_mul_pd(_mm_add_pd(rootHigh, _mm_cvtps_pd(_mm_movehl_ps(sum, sum))), half)));
+    n = _mm_or_ps(_mm_and_ps(oneAxis, step), _mm_andnot_ps(oneAxis, meet));
+  }
   // v > n ? n : v; cells below 1 keep v.
   const __m128 lowered = _mm_min_ps(n, v);
-  const __m128 frozen = _mm_cmplt_ps(v, _mm_set1_ps(1.0f));
   return _mm_or_ps(_mm_and_ps(frozen, v), _mm_andnot_ps(frozen, lowered));
 }
 
