@@ -2,6 +2,9 @@
 
 #include <math.h>
 #include <stddef.h>
+#include <string.h>
+
+#include <vector>
 
 #include "host/blocks.h"
 #include "host/plugin_main.h"
@@ -428,6 +431,15 @@ void markSolidRows(const PixelStore* source, PixelStore* store) {
   }
 }
 
+// The first float whose double is not below `limit`: a float alpha a is
+// below the limit in double exactly when a is below this (NaN neither).
+float firstFloatNotBelow(double limit) {
+  float f = float(limit);
+  while (double(f) < limit) f = nextafterf(f, 2.0f * f + 1.0f);
+  while (double(nextafterf(f, -1.0f)) >= limit) f = nextafterf(f, -1.0f);
+  return f;
+}
+
 template <int32_t kKind>
 void seedRows(const PixelStore* source, PixelStore* field, int32_t level) {
   constexpr int32_t kBytes = KindBytes<kKind>::kValue;
@@ -436,27 +448,60 @@ void seedRows(const PixelStore* source, PixelStore* field, int32_t level) {
   const int32_t width = field->levelWidth[level];
   const int32_t height = field->levelHeight[level];
   const int32_t across = field->tilesAcross[level];
+  const int32_t sourceAcross = source->tilesAcross[level];
   const float scale = source->valueToUnit;
+  // A pixel below the solid line seeds its own alpha, so that a soft edge
+  // puts the zero crossing between pixels; a solid one seeds far. The test
+  // kSolidAlpha > double(alpha) is taken on the stored value (the first
+  // solid one) or on the float (the first solid float), with the same answer.
+  const uint32_t solidValue = kKind == kKindRgbaFloat
+                                  ? 0u
+                                  : firstValueNotBelow(kSolidAlpha, scale, kKind == kKindRgba8 ? 255u : 65535u);
+  const float solidFloat = firstFloatNotBelow(kSolidAlpha);
+  // The seeds of one source row, then placed in the field's row with the
+  // margin, whose cells repeat the row's end pixels.
+  std::vector<float> seeds(size_t(lastX) + 1);
+  int32_t seededRow = -1;
   for (int32_t y = 0; y < height; ++y) {
     int32_t sy = y - kDistanceMargin;
     sy = sy < 0 ? 0 : (sy > lastY ? lastY : sy);
-    const RowRef from = rowRef(source, level, sy, kBytes);
+    if (sy != seededRow) {
+      const RowRef from = rowRef(source, level, sy, kBytes);
+      for (int32_t t = 0; t < sourceAcross; ++t) {
+        const int32_t x0 = t * kTileWidth;
+        const int32_t count = lastX + 1 - x0 < kTileWidth ? lastX + 1 - x0 : kTileWidth;
+        if (count <= 0) break;
+        const uint8_t* in = from.tiles[t].pixels + from.offset;
+        float* out = seeds.data() + x0;
+        for (int32_t k = 0; k < count; ++k) {
+          const uint8_t* p = in + k * kBytes;
+          if (kKind == kKindRgbaFloat) {
+            const float alpha = loadFloat(p + 12);
+            out[k] = alpha < solidFloat ? alpha : kFarDistance;
+          } else {
+            const uint32_t v = storedAlpha<kKind>(p);
+            out[k] = v < solidValue ? float(int32_t(v)) * scale : kFarDistance;
+          }
+        }
+      }
+      seededRow = sy;
+    }
     const RowRef to = rowRef(field, level, y, 4);
     for (int32_t t = 0; t < across; ++t) {
       const int32_t x0 = t * kTileWidth;
       const int32_t count = width - x0 < kTileWidth ? width - x0 : kTileWidth;
       if (count <= 0) break;
-      uint8_t* out = to.tiles[t].pixels + to.offset;
-      for (int32_t k = 0; k < count; ++k) {
-        int32_t sx = x0 + k - kDistanceMargin;
-        sx = sx < 0 ? 0 : (sx > lastX ? lastX : sx);
-        const uint8_t* p = from.tiles[sx >> kTileShift].pixels + from.offset + size_t(sx & kTileMask) * kBytes;
-        const float alpha =
-            kKind == kKindRgbaFloat ? loadFloat(p + 12) : float(int32_t(storedAlpha<kKind>(p))) * scale;
-        // The alpha itself seeds a pixel that is not solid, so that a soft
-        // edge puts the zero crossing between pixels.
-        storeFloat(out + 4 * k, kSolidAlpha > double(alpha) ? alpha : kFarDistance);
+      float* out = reinterpret_cast<float*>(to.tiles[t].pixels + to.offset);
+      // Cells x0 + k read source pixel x0 + k - kDistanceMargin, clamped:
+      // those between the margins in one copy.
+      int32_t k = 0;
+      for (; k < count && x0 + k < kDistanceMargin; ++k) out[k] = seeds[0];
+      const int32_t inside = lastX + kDistanceMargin + 1 - x0 < count ? lastX + kDistanceMargin + 1 - x0 : count;
+      if (inside > k) {
+        memcpy(out + k, seeds.data() + (x0 + k - kDistanceMargin), size_t(inside - k) * sizeof(float));
+        k = inside;
       }
+      for (; k < count; ++k) out[k] = seeds[size_t(lastX)];
     }
   }
 }
