@@ -8,6 +8,7 @@
 #include "run/job_pool.h"
 #include "store/footprint.h"
 #include "store/portable_math.h"
+#include "store/resample.h"
 
 namespace {
 
@@ -204,8 +205,17 @@ void readRowBatch(const PixelStore* store, RowReads* reads) {
   filterUnitPixelsAtLevelZero(store, reads->count, reads->u, reads->v, colours);
   for (int32_t k = 0; k < reads->count; ++k) {
     float* colour = reads->cell[k]->colour;
+#if MENDARIS_SSE2_TRUNC
+    // windowMean in the lanes: each colour times alpha 1.0 and divided by
+    // it, the alpha 1.0 / 1.
+    const __m128 one = _mm_set1_ps(1.0f);
+    const __m128 mean = _mm_div_ps(_mm_mul_ps(_mm_loadu_ps(colours[k]), one), one);
+    const __m128 alphaLane = _mm_castsi128_ps(_mm_set_epi32(-1, 0, 0, 0));
+    _mm_storeu_ps(colour, _mm_or_ps(_mm_andnot_ps(alphaLane, mean), _mm_and_ps(alphaLane, one)));
+#else
     memcpy(colour, colours[k], sizeof colours[k]);
     windowMean(colour);
+#endif
   }
   reads->count = 0;
 }
@@ -313,29 +323,43 @@ void samplePixelRow(SampleRoad road, JobUnit* unit, int32_t y) {
   int32_t k = 0;
   if (road == kSampleRoadLanes && sampleLanesBuilt() && rowsAgree(lower, upper, width + 1)) {
     for (; k + 4 <= width; k += 4) {
+      // The group's centres go straight into the batch, with room for four.
+      if (reads.count > kRowReadBatch - 4) readRowBatch(store, &reads);
+      const int32_t at = reads.count;
       ColumnMeans means[5];
-      float us[4];
-      float vs[4];
-      const int32_t levelZero = agreeingQuadLanes(lower + k, upper + k, means, us, vs);
+      const int32_t levelZero = agreeingQuadLanes(lower + k, upper + k, means, reads.u + at, reads.v + at);
       if (levelZero < 0) {
         for (int32_t q = 0; q < 4; ++q) pixelAt(k + q);
         continue;
       }
-      for (int32_t q = 0; q < 4; ++q) {
-        SampleCell* here = lower + k + q + 1;
-        if ((levelZero & (1 << q)) == 0) {
-          sampleAgreeing(grid, store, here, lower + k + q, upper + k + q + 1, means[q + 1], means[q], &reads);
-          continue;
-        }
-        // sampleAgreeing's road for a level-0 read.
-        grid->spanA = here->spanA;
-        grid->spanB = here->spanB;
+      if (levelZero == 0xf) {
+        // Four level-0 reads: sampleAgreeing's road for each leaves the
+        // grid's words as the last one sets them.
+        for (int32_t q = 0; q < 4; ++q) reads.cell[at + q] = lower + k + q + 1;
+        reads.count = at + 4;
+        const SampleCell* last = lower + k + 4;
+        grid->spanA = last->spanA;
+        grid->spanB = last->spanB;
         grid->state.fixedLod = false;
         grid->reuseFlag = 0;
-        reads.u[reads.count] = us[q];
-        reads.v[reads.count] = vs[q];
-        reads.cell[reads.count] = here;
-        if (++reads.count == kRowReadBatch) readRowBatch(store, &reads);
+      } else {
+        // Pixel by pixel, the level-0 reads moved down over the places of
+        // the others.
+        for (int32_t q = 0; q < 4; ++q) {
+          SampleCell* here = lower + k + q + 1;
+          if ((levelZero & (1 << q)) == 0) {
+            sampleAgreeing(grid, store, here, lower + k + q, upper + k + q + 1, means[q + 1], means[q], &reads);
+            continue;
+          }
+          grid->spanA = here->spanA;
+          grid->spanB = here->spanB;
+          grid->state.fixedLod = false;
+          grid->reuseFlag = 0;
+          reads.u[reads.count] = reads.u[at + q];
+          reads.v[reads.count] = reads.v[at + q];
+          reads.cell[reads.count] = here;
+          if (++reads.count == kRowReadBatch) readRowBatch(store, &reads);
+        }
       }
       leftColumn = means[4];
       haveLeftColumn = true;
