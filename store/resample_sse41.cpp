@@ -24,11 +24,10 @@ namespace {
 
 inline __m128i weightWord(uint32_t w) { return _mm_set1_epi32(int(w)); }
 
-// Pixels 0 to 3 of two rows, weighed in pairs: for each pixel, (upper, lower)
-// per channel times (w upper, w lower), lane 0 holding channel 3.
-inline void pairedRowsU8(const uint8_t* upper, const uint8_t* lower, __m128i weights, __m128i zero, __m128i c[4]) {
-  const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(upper));
-  const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(lower));
+// Pixels 0 to 3 of two rows (a the upper, b the lower), weighed in pairs: for
+// each pixel, (upper, lower) per channel times (w upper, w lower), lane 0
+// holding channel 3.
+inline void pairedRowsU8(__m128i a, __m128i b, __m128i weights, __m128i zero, __m128i c[4]) {
   const __m128i first = _mm_unpacklo_epi8(a, b);
   const __m128i second = _mm_unpackhi_epi8(a, b);
   c[0] = _mm_madd_epi16(_mm_unpacklo_epi8(first, zero), weights);
@@ -36,6 +35,9 @@ inline void pairedRowsU8(const uint8_t* upper, const uint8_t* lower, __m128i wei
   c[2] = _mm_madd_epi16(_mm_unpacklo_epi8(second, zero), weights);
   c[3] = _mm_madd_epi16(_mm_unpackhi_epi8(second, zero), weights);
 }
+
+// The four pixels of a row from `row` on.
+inline __m128i rowBytes(const uint8_t* row) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(row)); }
 
 // Pixel 4 of two rows, weighed as a pair.
 inline __m128i pairedLastU8(const uint8_t* upper, const uint8_t* lower, __m128i weights, __m128i zero) {
@@ -55,8 +57,8 @@ inline void filterBlockU8x4Sse41(const uint8_t* block, ptrdiff_t stride, const u
   // The columns of rows 0 to 3.
   __m128i c[4];
   __m128i d[4];
-  pairedRowsU8(block, block + stride, wy01, zero, c);
-  pairedRowsU8(block + 2 * stride, block + 3 * stride, wy23, zero, d);
+  pairedRowsU8(rowBytes(block), rowBytes(block + stride), wy01, zero, c);
+  pairedRowsU8(rowBytes(block + 2 * stride), rowBytes(block + 3 * stride), wy23, zero, d);
   const __m128i c4 = _mm_add_epi32(pairedLastU8(block, block + stride, wy01, zero),
                                    pairedLastU8(block + 2 * stride, block + 3 * stride, wy23, zero));
   __m128i sum = _mm_mullo_epi32(_mm_add_epi32(c[0], d[0]), weightWord(wx[0]));
@@ -135,16 +137,10 @@ inline void columnsU8x4(const uint8_t* at, ptrdiff_t stride, __m128i wy01, __m12
   __m128i c[4];
   __m128i d[4];
   __m128i e[4];
-  pairedRowsU8(at, at + stride, wy01, zero, c);
-  pairedRowsU8(at + 2 * stride, at + 3 * stride, wy23, zero, d);
+  pairedRowsU8(rowBytes(at), rowBytes(at + stride), wy01, zero, c);
+  pairedRowsU8(rowBytes(at + 2 * stride), rowBytes(at + 3 * stride), wy23, zero, d);
   // Row 4 pairs with a row of zeros: its weight pair is (wy4, 0).
-  const __m128i r4 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + 4 * stride));
-  const __m128i first = _mm_unpacklo_epi8(r4, zero);
-  const __m128i second = _mm_unpackhi_epi8(r4, zero);
-  e[0] = _mm_madd_epi16(_mm_unpacklo_epi8(first, zero), wy4);
-  e[1] = _mm_madd_epi16(_mm_unpackhi_epi8(first, zero), wy4);
-  e[2] = _mm_madd_epi16(_mm_unpacklo_epi8(second, zero), wy4);
-  e[3] = _mm_madd_epi16(_mm_unpackhi_epi8(second, zero), wy4);
+  pairedRowsU8(rowBytes(at + 4 * stride), zero, wy4, zero, e);
   for (int k = 0; k < 4; ++k) out[k] = _mm_add_epi32(_mm_add_epi32(c[k], d[k]), e[k]);
 }
 
