@@ -232,7 +232,7 @@ void levelZeroReadsSse41(const PixelStore* store, int32_t count, const float* us
         int32_t minBase = is[k];
         int32_t maxBase = is[k];
         while (last + 1 < n && js[last + 1] == js[k] && phaseYs[last + 1] == phaseYs[k] &&
-               uint32_t(is[last + 1] - is[last] + 1) <= 2u) {
+               uint32_t(is[last + 1]) - uint32_t(is[last]) + 1u <= 2u) {
           ++last;
           minBase = is[last] < minBase ? is[last] : minBase;
           maxBase = is[last] > maxBase ? is[last] : maxBase;
