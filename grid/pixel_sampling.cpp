@@ -225,12 +225,25 @@ void readRowBatch(const PixelStore* store, RowReads* reads) {
 // window over the corners. This is samplePixel's road for such a pixel, step
 // by step; `right` and `leftColumn` are the means of the pixel's right and
 // left corner columns. A level-0 read joins the row's batch.
-inline void sampleAgreeing(SampleGrid* grid, const PixelStore* store, SampleCell* here, const SampleCell* left,
-                           const SampleCell* up, ColumnMeans right, ColumnMeans leftColumn, RowReads* reads) {
+// What the sampler keeps of the pixel it takes, before anything else.
+inline void enterAgreeingPixel(SampleGrid* grid, const SampleCell* here) {
   grid->spanA = here->spanA;
   grid->spanB = here->spanB;
   grid->state.fixedLod = false;
   grid->reuseFlag = 0;
+}
+
+// A level-0 read at (u, v) for `here` joins the row's batch.
+inline void joinBatch(const PixelStore* store, SampleCell* here, float u, float v, RowReads* reads) {
+  reads->u[reads->count] = u;
+  reads->v[reads->count] = v;
+  reads->cell[reads->count] = here;
+  if (++reads->count == kRowReadBatch) readRowBatch(store, reads);
+}
+
+inline void sampleAgreeing(SampleGrid* grid, const PixelStore* store, SampleCell* here, const SampleCell* left,
+                           const SampleCell* up, ColumnMeans right, ColumnMeans leftColumn, RowReads* reads) {
+  enterAgreeingPixel(grid, here);
   float colour[4];
   if (cellMissed(*here)) {
     memcpy(colour, kNoHitColour, sizeof colour);
@@ -241,10 +254,7 @@ inline void sampleAgreeing(SampleGrid* grid, const PixelStore* store, SampleCell
     int32_t missing;
     if (footprintIsLevelZeroRead(left->landU, left->landV, up->landU, up->landV, here->landU, here->landV, u, v,
                                  derivs, &missing)) {
-      reads->u[reads->count] = u;
-      reads->v[reads->count] = v;
-      reads->cell[reads->count] = here;
-      if (++reads->count == kRowReadBatch) readRowBatch(store, reads);
+      joinBatch(store, here, u, v, reads);
       return;
     }
     footprintSample(derivs, u, v, missing, store, colour, kDefaultSharpness, &grid->state);
@@ -337,11 +347,7 @@ void samplePixelRow(SampleRoad road, JobUnit* unit, int32_t y) {
         // grid's words as the last one sets them.
         for (int32_t q = 0; q < 4; ++q) reads.cell[at + q] = lower + k + q + 1;
         reads.count = at + 4;
-        const SampleCell* last = lower + k + 4;
-        grid->spanA = last->spanA;
-        grid->spanB = last->spanB;
-        grid->state.fixedLod = false;
-        grid->reuseFlag = 0;
+        enterAgreeingPixel(grid, lower + k + 4);
       } else {
         // Pixel by pixel, the level-0 reads moved down over the places of
         // the others.
@@ -351,14 +357,8 @@ void samplePixelRow(SampleRoad road, JobUnit* unit, int32_t y) {
             sampleAgreeing(grid, store, here, lower + k + q, upper + k + q + 1, means[q + 1], means[q], &reads);
             continue;
           }
-          grid->spanA = here->spanA;
-          grid->spanB = here->spanB;
-          grid->state.fixedLod = false;
-          grid->reuseFlag = 0;
-          reads.u[reads.count] = reads.u[at + q];
-          reads.v[reads.count] = reads.v[at + q];
-          reads.cell[reads.count] = here;
-          if (++reads.count == kRowReadBatch) readRowBatch(store, &reads);
+          enterAgreeingPixel(grid, here);
+          joinBatch(store, here, reads.u[at + q], reads.v[at + q], &reads);
         }
       }
       leftColumn = means[4];
