@@ -255,3 +255,26 @@ void nearestOpaqueManyOn(WalkRoad road, const WalkView& w, int32_t count, const 
   }
   for (int32_t i = 0; i < count; ++i) walked[i] = nearestOpaqueIn(w, xs[i], ys[i], &outX[i], &outY[i]) ? 1 : 0;
 }
+
+void nearestOpaqueGridOn(WalkRoad road, const WalkView& w, int32_t left, int32_t top, int32_t columns, int32_t rows,
+                         float* outX, float* outY, uint8_t* walked) {
+  if (road == kWalkRoadWideLanes && walkRoadRuns(kWalkRoadWideLanes)) {
+    nearestOpaqueGridWide(w, left, top, columns, rows, outX, outY, walked);
+    return;
+  }
+  // The other roads take the points a stretch of a row at a time.
+  constexpr int32_t kStretch = 256;
+  float xs[kStretch];
+  float ys[kStretch];
+  for (int32_t row = 0; row < rows; ++row) {
+    for (int32_t first = 0; first < columns; first += kStretch) {
+      const int32_t count = columns - first < kStretch ? columns - first : kStretch;
+      for (int32_t i = 0; i < count; ++i) {
+        xs[i] = float(left + first + i);
+        ys[i] = float(top + row);
+      }
+      const size_t at = size_t(row) * size_t(columns) + size_t(first);
+      nearestOpaqueManyOn(road, w, count, xs, ys, outX + at, outY + at, walked + at);
+    }
+  }
+}

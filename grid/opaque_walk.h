@@ -139,6 +139,15 @@ WalkRoad walkRoadFor();
 // outX, outY, its answer in walked (1 or 0).
 void nearestOpaqueManyOn(WalkRoad road, const WalkView& view, int32_t count, const float* xs, const float* ys,
                          float* outX, float* outY, uint8_t* walked);
+// The same for the integer points (left + i, top + j), i below columns and j
+// below rows, their answers in that order, row after row: on the wide lane
+// road a row's points go eight side by side through the first step (the
+// step that almost every walk ends with), and only the walks that go on take
+// the lanes one by one.
+void nearestOpaqueGridOn(WalkRoad road, const WalkView& view, int32_t left, int32_t top, int32_t columns,
+                         int32_t rows, float* outX, float* outY, uint8_t* walked);
+void nearestOpaqueGridWide(const WalkView& view, int32_t left, int32_t top, int32_t columns, int32_t rows,
+                           float* outX, float* outY, uint8_t* walked);
 void nearestOpaqueLanes(const WalkView& view, int32_t count, const float* xs, const float* ys, float* outX,
                         float* outY, uint8_t* walked);
 void nearestOpaqueWideLanes(const WalkView& view, int32_t count, const float* xs, const float* ys, float* outX,

@@ -115,7 +115,6 @@ constexpr int32_t kGroups = 1;
 // road (an unusual read).
 struct GroupStep {
   __m256 x, y;  // the points after their reflections
-  __m256d xLow, xHigh, yLow, yHigh;
   TapLanes tm, t0, tp, sm, s0, sp;
   int32_t landed;  // lanes whose reflected point is solid: the step ends there
   int32_t left;
@@ -161,10 +160,6 @@ void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy
   }
   g->x = x;
   g->y = y;
-  g->xLow = _mm256_cvtps_pd(_mm256_castps256_ps128(x));
-  g->xHigh = _mm256_cvtps_pd(_mm256_extractf128_ps(x, 1));
-  g->yLow = _mm256_cvtps_pd(_mm256_castps256_ps128(y));
-  g->yHigh = _mm256_cvtps_pd(_mm256_extractf128_ps(y, 1));
   // The read coordinates, float(double(x) + offset) for offsets 7.5, 8.5
   // and 9.5, come straight from a single-precision sum: both operands are
   // floats, and a sum rounded first to double and then to float gives the
@@ -200,6 +195,28 @@ void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy
   }
 }
 
+// The step from points (x, y) given the gradient (gx, gy) and the distance d:
+// four lanes at a time in double, the normalised gradient and the step of
+// twice the distance against it.
+inline void stepLanes(__m256 gx, __m256 gy, __m256 d, __m256 x, __m256 y, __m256* nextX, __m256* nextY) {
+  auto half = [](__m128 gx4, __m128 gy4, __m128 d4, __m128 x4, __m128 y4, __m128* nx4, __m128* ny4) {
+    const __m256d gxd = _mm256_cvtps_pd(gx4);
+    const __m256d gyd = _mm256_cvtps_pd(gy4);
+    const __m256d n = _mm256_div_pd(_mm256_set1_pd(1.0), _mm256_sqrt_pd(_mm256_add_pd(_mm256_mul_pd(gxd, gxd),
+                                                                                       _mm256_mul_pd(gyd, gyd))));
+    const __m256d step = _mm256_mul_pd(_mm256_set1_pd(2.0), _mm256_cvtps_pd(d4));
+    *nx4 = _mm256_cvtpd_ps(_mm256_sub_pd(_mm256_cvtps_pd(x4), _mm256_mul_pd(step, _mm256_mul_pd(gxd, n))));
+    *ny4 = _mm256_cvtpd_ps(_mm256_sub_pd(_mm256_cvtps_pd(y4), _mm256_mul_pd(step, _mm256_mul_pd(gyd, n))));
+  };
+  __m128 nxLow, nyLow, nxHigh, nyHigh;
+  half(_mm256_castps256_ps128(gx), _mm256_castps256_ps128(gy), _mm256_castps256_ps128(d), _mm256_castps256_ps128(x),
+       _mm256_castps256_ps128(y), &nxLow, &nyLow);
+  half(_mm256_extractf128_ps(gx, 1), _mm256_extractf128_ps(gy, 1), _mm256_extractf128_ps(d, 1),
+       _mm256_extractf128_ps(x, 1), _mm256_extractf128_ps(y, 1), &nxHigh, &nyHigh);
+  *nextX = joinHalves(nxLow, nxHigh);
+  *nextY = joinHalves(nyLow, nyHigh);
+}
+
 // The rest of a group's step: the reads, the gradient, the next point, and
 // the mask of the busy lanes not left over whose point stands on a solid pixel.
 int32_t endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* nextX, float* nextY) {
@@ -232,22 +249,9 @@ int32_t endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* next
   const __m256 gx = _mm256_sub_ps(right, leftRead);
   const __m256 gy = _mm256_sub_ps(down, up);
 
-  // Four lanes at a time in double: the normalised gradient, and the step of
-  // twice the distance against it.
-  auto half = [](__m256d gxd, __m256d gyd, __m256d dd, __m256d xd, __m256d yd, __m128* nx4, __m128* ny4) {
-    const __m256d n = _mm256_div_pd(_mm256_set1_pd(1.0), _mm256_sqrt_pd(_mm256_add_pd(_mm256_mul_pd(gxd, gxd),
-                                                                                       _mm256_mul_pd(gyd, gyd))));
-    const __m256d step = _mm256_mul_pd(_mm256_set1_pd(2.0), dd);
-    *nx4 = _mm256_cvtpd_ps(_mm256_sub_pd(xd, _mm256_mul_pd(step, _mm256_mul_pd(gxd, n))));
-    *ny4 = _mm256_cvtpd_ps(_mm256_sub_pd(yd, _mm256_mul_pd(step, _mm256_mul_pd(gyd, n))));
-  };
-  __m128 nxLow, nyLow, nxHigh, nyHigh;
-  half(_mm256_cvtps_pd(_mm256_castps256_ps128(gx)), _mm256_cvtps_pd(_mm256_castps256_ps128(gy)),
-       _mm256_cvtps_pd(_mm256_castps256_ps128(here)), g.xLow, g.yLow, &nxLow, &nyLow);
-  half(_mm256_cvtps_pd(_mm256_extractf128_ps(gx, 1)), _mm256_cvtps_pd(_mm256_extractf128_ps(gy, 1)),
-       _mm256_cvtps_pd(_mm256_extractf128_ps(here, 1)), g.xHigh, g.yHigh, &nxHigh, &nyHigh);
-  __m256 nx = joinHalves(nxLow, nxHigh);
-  __m256 ny = joinHalves(nyLow, nyHigh);
+  __m256 nx;
+  __m256 ny;
+  stepLanes(gx, gy, here, g.x, g.y, &nx, &ny);
   if (g.landed != 0) {
     const __m256 landed = laneVector(g.landed);
     nx = _mm256_blendv_ps(nx, g.x, landed);
@@ -258,7 +262,135 @@ int32_t endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* next
   return g.landed | solidLanes(w, _mm256_cvttps_epi32(nx), _mm256_cvttps_epi32(ny), busy & ~g.landed & ~g.left);
 }
 
+// The grid's road: eight points side by side on one row of integer points.
+// Such a point is never reflected, and each of its first step's reads lies
+// half-way between field pixels in both directions, so the eight lanes' 4 x 4
+// blocks are the same rows and columns shifted by one: a row of the block is
+// one load of eight floats, with no turning. The lanes compute endStep's
+// operations with every fraction 0.5.
+
+// Where a row of points y is the usual case for every group: inside the
+// source, its four field rows inside the field and in one tile, and both
+// maps read from their tiles.
+inline bool gridRowUsual(const WalkView& w, int32_t y) {
+  return w.opaqueBytes && w.opaqueTiles != nullptr && w.fieldTiles != nullptr && y >= 0 && y < w.height &&
+         y + kFieldMargin < w.fieldMaxY && ((y + kFieldMargin - 2) >> kTileShift) == ((y + kFieldMargin + 1) >> kTileShift);
+}
+
+// Where points x0 .. x0 + 7 of a usual row are the usual case together: inside
+// the source, and their field columns x0 + 7 .. x0 + 17 inside the field and in
+// one tile.
+inline bool gridGroupUsual(const WalkView& w, int32_t x0) {
+  return x0 >= 0 && x0 + kLanes <= w.width && x0 + kLanes - 1 + kFieldMargin < w.fieldMaxX &&
+         ((x0 + kFieldMargin - 2) >> kTileShift) == ((x0 + kLanes - 1 + kFieldMargin + 1) >> kTileShift);
+}
+
+// The group (x0 .. x0 + 7, y) of a usual row, usual itself: its landing points
+// where a point lands where it stands or on its first step; the mask of the
+// lanes that walk on.
+int32_t gridGroup(const WalkView& w, int32_t x0, int32_t y, float* outX, float* outY) {
+  const __m256i xi = _mm256_add_epi32(_mm256_set1_epi32(x0), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+  const __m256i yi = _mm256_set1_epi32(y);
+  const __m256 x = _mm256_cvtepi32_ps(xi);
+  const __m256 yv = _mm256_set1_ps(float(y));
+  const int32_t solid = solidLanes(w, xi, yi, 0xff);
+  if (solid == 0xff) {
+    _mm256_storeu_ps(outX, x);
+    _mm256_storeu_ps(outY, yv);
+    return 0;
+  }
+  const int32_t top = y + kFieldMargin - 2;
+  const int32_t left = x0 + kFieldMargin - 2;
+  const float* block = reinterpret_cast<const float*>(
+      w.fieldTiles[(top >> kTileShift) * w.fieldAcross + (left >> kTileShift)].pixels +
+      size_t((top & kTileMask) * kTileWidth + (left & kTileMask)) * 4u);
+  __m256 b[4][4];
+  for (int32_t r = 0; r < 4; ++r)
+    for (int32_t c = 0; c < 4; ++c) b[r][c] = _mm256_loadu_ps(block + size_t(r) * kTileWidth + size_t(c));
+  const __m256 h = _mm256_set1_ps(0.5f);
+  const __m256 right = lerpLanes(b[1][2], b[1][3], b[2][2], b[2][3], h, h);
+  const __m256 leftRead = lerpLanes(b[1][0], b[1][1], b[2][0], b[2][1], h, h);
+  const __m256 down = lerpLanes(b[2][1], b[2][2], b[3][1], b[3][2], h, h);
+  const __m256 up = lerpLanes(b[0][1], b[0][2], b[1][1], b[1][2], h, h);
+  const __m256 here = lerpLanes(b[1][1], b[1][2], b[2][1], b[2][2], h, h);
+  __m256 nx;
+  __m256 ny;
+  stepLanes(_mm256_sub_ps(right, leftRead), _mm256_sub_ps(down, up), here, x, yv, &nx, &ny);
+  const int32_t bare = ~solid & 0xff;
+  const int32_t arrived = solidLanes(w, _mm256_cvttps_epi32(nx), _mm256_cvttps_epi32(ny), bare);
+  const __m256 stays = laneVector(solid);
+  _mm256_storeu_ps(outX, _mm256_blendv_ps(nx, x, stays));
+  _mm256_storeu_ps(outY, _mm256_blendv_ps(ny, yv, stays));
+  return bare & ~arrived;
+}
+
 }  // namespace
+
+void nearestOpaqueGridWide(const WalkView& w, int32_t left, int32_t top, int32_t columns, int32_t rows,
+                           float* outX, float* outY, uint8_t* walked) {
+  // The points that walk on, and those outside the usual case, walk from
+  // their start on the wide lanes, collected from whole stretches of rows.
+  constexpr int32_t kStretch = 256;
+  constexpr int32_t kRest = 2 * kStretch;
+  float restX[kRest];
+  float restY[kRest];
+  float landX[kRest];
+  float landY[kRest];
+  uint8_t restWalked[kRest];
+  int32_t restAt[kRest];
+  int32_t rest = 0;
+  const auto walkRest = [&]() {
+    if (rest == 0) return;
+    nearestOpaqueWideLanes(w, rest, restX, restY, landX, landY, restWalked);
+    for (int32_t i = 0; i < rest; ++i) {
+      outX[restAt[i]] = landX[i];
+      outY[restAt[i]] = landY[i];
+      walked[restAt[i]] = restWalked[i];
+    }
+    rest = 0;
+  };
+  const auto toRest = [&](int32_t x, int32_t y, int32_t at) {
+    restX[rest] = float(x);
+    restY[rest] = float(y);
+    restAt[rest] = at;
+    ++rest;
+  };
+  for (int32_t row = 0; row < rows; ++row) {
+    const int32_t y = top + row;
+    const bool usualRow = gridRowUsual(w, y);
+    for (int32_t first = 0; first < columns; first += kStretch) {
+      const int32_t end = columns - first < kStretch ? columns : first + kStretch;
+      if (rest > kRest - kStretch) walkRest();
+      const int32_t base = row * columns;
+      // Groups of eight from the stretch's start; the last group ends at the
+      // stretch's end and may overlap the one before, whose lanes it leaves.
+      int32_t done = first;
+      while (done < end) {
+        const int32_t at = end - done < kLanes ? end - kLanes : done;
+        if (at < first || !usualRow || !gridGroupUsual(w, left + at)) {
+          for (int32_t i = done; i < end && i < at + kLanes; ++i) toRest(left + i, y, base + i);
+          done = at < first ? end : at + kLanes;
+          continue;
+        }
+        float groupX[kLanes];
+        float groupY[kLanes];
+        const int32_t walksOn = gridGroup(w, left + at, y, groupX, groupY);
+        for (int32_t i = done; i < at + kLanes; ++i) {
+          const int32_t lane = i - at;
+          if ((walksOn & (1 << lane)) != 0) {
+            toRest(left + i, y, base + i);
+            continue;
+          }
+          outX[base + i] = groupX[lane];
+          outY[base + i] = groupY[lane];
+          walked[base + i] = 1;
+        }
+        done = at + kLanes;
+      }
+    }
+  }
+  walkRest();
+}
 
 void nearestOpaqueWideLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX,
                             float* outY, uint8_t* walked) {
@@ -277,6 +409,11 @@ bool walkWideLanesBuilt() { return false; }
 void nearestOpaqueWideLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX,
                             float* outY, uint8_t* walked) {
   nearestOpaqueManyOn(kWalkRoadPoints, w, count, xs, ys, outX, outY, walked);
+}
+
+void nearestOpaqueGridWide(const WalkView& w, int32_t left, int32_t top, int32_t columns, int32_t rows,
+                           float* outX, float* outY, uint8_t* walked) {
+  nearestOpaqueGridOn(kWalkRoadPoints, w, left, top, columns, rows, outX, outY, walked);
 }
 
 #endif

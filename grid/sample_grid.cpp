@@ -131,6 +131,24 @@ void fillCellRows(JobUnit* unit, SampleGrid* grid, int32_t first, int32_t end) {
     for (int32_t i = 0; i < count; ++i) storeCell(c, xs[i], ys[i], landX[i], landY[i], walked[i] != 0, cells[i]);
     count = 0;
   };
+  // A unit on plain counters has every cell of its point rows, one row after
+  // another: its points go to the walk as a grid, a few rows at a time.
+  const int32_t columns = r.right - r.left + 2;
+  if (unitOnPlainCounters(unit) && columns <= kRenderTileSide + 2) {
+    for (int32_t y = first; y < end; y += kRowPoints / columns) {
+      const int32_t rows = end - y < kRowPoints / columns ? end - y : kRowPoints / columns;
+      SampleCell* const firstCell = cellAt(grid, r.left - 1, y);
+      SampleCell* const lastCell = cellAt(grid, r.right, y + rows - 1);
+      if (firstCell == nullptr || lastCell == nullptr || lastCell - firstCell != ptrdiff_t(rows) * columns - 1) break;
+      nearestOpaqueGridOn(road, c.walk, r.left - 1, y, columns, rows, landX, landY, walked);
+      for (int32_t j = 0, i = 0; j < rows; ++j) {
+        for (int32_t x = r.left - 1; x <= r.right; ++x, ++i) {
+          storeCell(c, float(x), float(y + j), landX[i], landY[i], walked[i] != 0, firstCell + i);
+        }
+      }
+      first = y + rows;
+    }
+  }
   for (int16_t y = low16(first); int32_t(y) < end; y = low16(y + 1)) {
     for (int16_t x = low16(r.left - 1); int32_t(x) < r.right + 1; x = low16(x + 1)) {
       SampleCell* cell = cellAt(grid, x, y);

@@ -166,7 +166,7 @@ TEST(FastRoads, WalkLanesLandWhereThePointRoadLands) {
   // NaN gradient) and far values.
   struct Disc {
     float x, y, r;
-  } const discs[] = {{40, 30, 12}, {300, 90, 40}, {520, 260, 25}, {100, 400, 60}, {590, 520, 8}, {3, 500, 5}};
+  } const discs[] = {{40, 30, 12}, {300, 90, 40}, {520, 260, 25}, {100, 400, 60}, {590, 520, 8}, {3, 500, 5}, {600, 200, 15}, {300, 530, 10}, {605, 450, 10}};
   const int32_t width = 600;
   const int32_t height = 530;
   PixelStore* opaque = pixelStoreCreate(width, height, kKindGray8, 0, false);
@@ -187,6 +187,10 @@ TEST(FastRoads, WalkLanesLandWhereThePointRoadLands) {
       float v = 0.8f * distance(sx, sy) - 1.5f;
       if (sx > 200 && sx < 230 && sy > 200 && sy < 230) v = 7.0f;
       if (sx > 420 && sy < 40) v = 9000000.0f;
+      // Beside the solid right and bottom edges, a field whose first step from
+      // a corner outside the image arrives: such a corner still stays put.
+      if (sx > 590 && sy > 440 && sy < 460) v = 0.5f * (sx - 598.0f);
+      if (sy > 520 && sx > 290 && sx < 310) v = 0.5f * (sy - 528.0f);
       writeFloat(x, y, field, 0, v);
     }
   }
@@ -255,6 +259,33 @@ TEST(FastRoads, WalkLanesLandWhereThePointRoadLands) {
                   laneWalked[i] == pointWalked[i])
           << "road " << road << ", point (" << xs[i] << ", " << ys[i] << "): lanes (" << laneX[i] << ", "
           << laneY[i] << "), points (" << pointX[i] << ", " << pointY[i] << ")";
+    }
+  }
+  // The frame's corners as grids of integer points: whole rows (longer than
+  // a stretch), a unit's width from the image's edge and across the tile
+  // edge at 512, and blocks narrower than eight lanes, in bands of three rows.
+  struct Block {
+    int32_t left, columns;
+  } const blocks[] = {{-1, width + 2}, {-1, 130}, {447, 130}, {505, 7}, {596, 5}};
+  for (WalkRoad road : {kWalkRoadPoints, kWalkRoadLanes, kWalkRoadWideLanes}) {
+    if (!walkRoadRuns(road)) continue;
+    for (const Block& b : blocks) {
+      for (int32_t top = -1; top <= height; top += 3) {
+        const int32_t rows = height + 1 - top < 3 ? height + 1 - top : 3;
+        const size_t count = size_t(rows) * size_t(b.columns);
+        std::vector<float> gridX(count), gridY(count);
+        std::vector<uint8_t> gridWalked(count);
+        nearestOpaqueGridOn(road, view, b.left, top, b.columns, rows, gridX.data(), gridY.data(), gridWalked.data());
+        for (size_t i = 0; i < count; ++i) {
+          const int32_t x = b.left + int32_t(i % size_t(b.columns));
+          const int32_t y = top + int32_t(i / size_t(b.columns));
+          const size_t at = size_t(y + 1) * size_t(width + 2) + size_t(x + 1);
+          ASSERT_TRUE(memcmp(&gridX[i], &pointX[at], 4) == 0 && memcmp(&gridY[i], &pointY[at], 4) == 0 &&
+                      gridWalked[i] == pointWalked[at])
+              << "grid, road " << road << ", point (" << x << ", " << y << "): (" << gridX[i] << ", " << gridY[i]
+              << "), points (" << pointX[at] << ", " << pointY[at] << ")";
+        }
+      }
     }
   }
   pixelStoreDestroy(&opaque);
