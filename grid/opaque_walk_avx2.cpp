@@ -285,15 +285,28 @@ inline bool gridGroupUsual(const WalkView& w, int32_t x0) {
          ((x0 + kFieldMargin - 2) >> kTileShift) == ((x0 + kLanes - 1 + kFieldMargin + 1) >> kTileShift);
 }
 
+// solidLanes of pixels x0 .. x0 + 7 of row y, all in the source: where the
+// eight bytes lie in one tile of the map, their top bits in one load.
+inline int32_t solidRowLanes(const WalkView& w, int32_t x0, int32_t y) {
+  const int32_t last = clampToLevel(x0 + kLanes - 1, w.opaqueMaxX);
+  const int32_t row = clampToLevel(y, w.opaqueMaxY);
+  if (last != x0 + kLanes - 1 || (x0 >> kTileShift) != (last >> kTileShift)) {
+    const __m256i xi = _mm256_add_epi32(_mm256_set1_epi32(x0), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+    return solidLanes(w, xi, _mm256_set1_epi32(y), 0xff);
+  }
+  const uint8_t* bytes = w.opaqueTiles[(row >> kTileShift) * w.opaqueAcross + (x0 >> kTileShift)].pixels +
+                         size_t((row & kTileMask) * kTileWidth + (x0 & kTileMask));
+  return _mm_movemask_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes))) & 0xff;
+}
+
 // The group (x0 .. x0 + 7, y) of a usual row, usual itself: its landing points
 // where a point lands where it stands or on its first step; the mask of the
 // lanes that walk on.
 int32_t gridGroup(const WalkView& w, int32_t x0, int32_t y, float* outX, float* outY) {
   const __m256i xi = _mm256_add_epi32(_mm256_set1_epi32(x0), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
-  const __m256i yi = _mm256_set1_epi32(y);
   const __m256 x = _mm256_cvtepi32_ps(xi);
   const __m256 yv = _mm256_set1_ps(float(y));
-  const int32_t solid = solidLanes(w, xi, yi, 0xff);
+  const int32_t solid = solidRowLanes(w, x0, y);
   if (solid == 0xff) {
     _mm256_storeu_ps(outX, x);
     _mm256_storeu_ps(outY, yv);
