@@ -11,6 +11,7 @@ namespace {
 // Rows of the group kept for the window: a power of two above its length.
 constexpr int32_t kRingRows = 64;
 constexpr int32_t kVectors = kColumnGroup / 4;
+constexpr int64_t kFetchAhead = 8;
 
 inline int64_t clampCell(int64_t i, int64_t last) { return i < 0 ? 0 : (i < last ? i : last); }
 
@@ -37,6 +38,9 @@ bool smoothColumnGroupFloat(PixelStore* store, int32_t level, int32_t line, int3
   const auto takeUpTo = [&](int64_t i) {
     const int64_t stop = i < last ? i : last;
     for (; taken <= stop; ++taken) {
+      // Rows lie a tile's width apart, past what the processor fetches ahead
+      // by itself: the line a few rows down is asked for now.
+      if (taken + kFetchAhead <= last) _mm_prefetch(reinterpret_cast<const char*>(rowAt(taken + kFetchAhead)), _MM_HINT_T0);
       const float* p = rowAt(taken);
       for (int32_t v = 0; v < kVectors; ++v) ring[taken & (kRingRows - 1)][v] = _mm_loadu_ps(p + 4 * v);
     }
@@ -109,16 +113,37 @@ bool smoothRowGroupFloat(PixelStore* store, int32_t level, int32_t line, int32_t
     _mm_store_ss(cellOf(2, i), _mm_shuffle_ps(v, v, _MM_SHUFFLE(2, 2, 2, 2)));
     _mm_store_ss(cellOf(3, i), _mm_shuffle_ps(v, v, _MM_SHUFFLE(3, 3, 3, 3)));
   };
+  // Means go back four cells at a time, turned into four cells of each row,
+  // once all four were taken; a four that crosses a tile's edge goes cell by
+  // cell.
+  __m128 means[4];
+  const auto putFour = [&](int64_t i) {
+    if ((uint32_t(first + int32_t(i)) & kTileMask) <= kTileWidth - 4) {
+      __m128 a = means[0];
+      __m128 b = means[1];
+      __m128 c = means[2];
+      __m128 d = means[3];
+      _MM_TRANSPOSE4_PS(a, b, c, d);
+      _mm_storeu_ps(cellOf(0, i), a);
+      _mm_storeu_ps(cellOf(1, i), b);
+      _mm_storeu_ps(cellOf(2, i), c);
+      _mm_storeu_ps(cellOf(3, i), d);
+      return;
+    }
+    for (int32_t k = 0; k < 4; ++k) put(i + k, means[k]);
+  };
   const __m128 norm = _mm_set1_ps(float(1.0 / double(int64_t(forward) + 1 + int64_t(back))));
   takeUpTo(forward);
   __m128 sum = _mm_setzero_ps();
   for (int64_t i = -int64_t(back); i <= int64_t(forward); ++i) sum = _mm_add_ps(sum, cell(i));
-  put(0, _mm_mul_ps(sum, norm));
+  means[0] = _mm_mul_ps(sum, norm);
   for (int64_t i = 1; i < n; ++i) {
     takeUpTo(i + forward);
     sum = _mm_add_ps(_mm_sub_ps(sum, cell(i - 1 - back)), cell(i + forward));
-    put(i, _mm_mul_ps(sum, norm));
+    means[i & 3] = _mm_mul_ps(sum, norm);
+    if ((i & 3) == 3) putFour(i - 3);
   }
+  for (int64_t i = n & ~int64_t(3); i < n; ++i) put(i, means[i & 3]);
   return true;
 }
 
