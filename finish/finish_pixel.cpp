@@ -406,6 +406,8 @@ inline void writeQuad(float* p, __m128 v, __m128 scales) { _mm_storeu_ps(p, _mm_
 // The lanes compute the very operations of finishOne, in its order. A pixel
 // with a colour above 1.0 at the integer depths needs the spill, which works
 // across channels: it takes finishOne itself.
+constexpr ptrdiff_t kColourFetchAhead = 48;
+
 template <class D>
 void finishQuadRow(const RowSetup<D>& r, int32_t right) {
   const float inf = bitsToFloat(0x7f800000u);
@@ -423,6 +425,12 @@ void finishQuadRow(const RowSetup<D>& r, int32_t right) {
 
   for (int32_t x = r.left; x < right; ++x) {
     const int32_t dx = x - r.unitLeft;
+    // The cells were written on the worker's processor: their lines are
+    // asked for a stretch ahead.
+    if (r.colours != nullptr) {
+      _mm_prefetch(reinterpret_cast<const char*>(r.colours + ptrdiff_t(x - r.left + kColourFetchAhead) * r.strideBytes),
+                   _MM_HINT_T0);
+    }
     __m128 s = r.colours != nullptr ? _mm_loadu_ps(reinterpret_cast<const float*>(
                                           r.colours + ptrdiff_t(x - r.left) * r.strideBytes))
                                     : zero;
