@@ -196,6 +196,38 @@ BENCHMARK(BM_WalkCorners)
     ->Arg(kWalkRoadWideLanes)
     ->Unit(benchmark::kMillisecond);
 
+// The same corners as the grid gives them to the walk: four rows of a unit
+// at a time as integer points.
+void BM_WalkGrid(benchmark::State& state) {
+  const WalkRoad road = WalkRoad(state.range(0));
+  atlas(true);
+  if (!walkRoadRuns(road)) {
+    state.SkipWithError("road not built or not taken by this processor");
+    return;
+  }
+  WalkView view;
+  walkViewFromBlocks(&view);
+  const int32_t side = kRenderTileSide + 2;
+  std::vector<float> landX(size_t(4 * side)), landY(size_t(4 * side));
+  std::vector<uint8_t> walked(size_t(4 * side));
+  int64_t points = 0;
+  for (auto _ : state) {
+    for (int32_t top = 0; top < kSide; top += kRenderTileSide)
+      for (int32_t left = 0; left < kSide; left += kRenderTileSide) {
+        nearestOpaqueGridOn(road, view, left - 1, top + kRenderTileSide / 2, side, 4, landX.data(), landY.data(),
+                            walked.data());
+        benchmark::DoNotOptimize(landX[0]);
+        points += 4 * side;
+      }
+  }
+  state.SetItemsProcessed(points);
+}
+BENCHMARK(BM_WalkGrid)
+    ->ArgName("road")
+    ->Arg(kWalkRoadPoints)
+    ->Arg(kWalkRoadWideLanes)
+    ->Unit(benchmark::kMillisecond);
+
 // The level-0 reads of the render on each kernel road: a unit's worth of
 // points, a pixel centre apiece, nudged off the centre as landing points are,
 // in the batches of the sampler.
