@@ -337,43 +337,70 @@ int32_t gridGroup(const WalkView& w, int32_t x0, int32_t y, float* outX, float* 
   return bare & ~arrived;
 }
 
+// Walks collected to take the wide lanes together: from their start, or
+// (with `from`) on from their first step.
+struct LaneBatch {
+  static constexpr int32_t kMost = 512;
+  float x[kMost];
+  float y[kMost];
+  float fromX[kMost];
+  float fromY[kMost];
+  int32_t at[kMost];
+  int32_t count;
+};
+
+void walkBatch(const WalkView& w, LaneBatch* b, bool from, float* outX, float* outY, uint8_t* walked) {
+  if (b->count == 0) return;
+  float landX[LaneBatch::kMost];
+  float landY[LaneBatch::kMost];
+  uint8_t landed[LaneBatch::kMost];
+  walkInLanes<kLanes, kGroups, GroupStep>(
+      w, b->count, b->x, b->y, landX, landY, landed, [](const auto&... a) { beginStep(a...); },
+      [](const auto&... a) { return endStep(a...); }, from ? b->fromX : nullptr, from ? b->fromY : nullptr);
+  for (int32_t i = 0; i < b->count; ++i) {
+    outX[b->at[i]] = landX[i];
+    outY[b->at[i]] = landY[i];
+    walked[b->at[i]] = landed[i];
+  }
+  b->count = 0;
+}
+
 }  // namespace
 
 void nearestOpaqueGridWide(const WalkView& w, int32_t left, int32_t top, int32_t columns, int32_t rows,
                            float* outX, float* outY, uint8_t* walked) {
-  // The points that walk on, and those outside the usual case, walk from
-  // their start on the wide lanes, collected from whole stretches of rows.
-  constexpr int32_t kStretch = 256;
-  constexpr int32_t kRest = 2 * kStretch;
-  float restX[kRest];
-  float restY[kRest];
-  float landX[kRest];
-  float landY[kRest];
-  uint8_t restWalked[kRest];
-  int32_t restAt[kRest];
-  int32_t rest = 0;
+  // The points outside the usual case walk from their start on the wide
+  // lanes; those that walk on after their first step go on from there.
+  // Both are collected from whole stretches of rows.
+  constexpr int32_t kStretch = LaneBatch::kMost / 2;
+  LaneBatch fresh;
+  LaneBatch onward;
+  fresh.count = 0;
+  onward.count = 0;
   const auto walkRest = [&]() {
-    if (rest == 0) return;
-    nearestOpaqueWideLanes(w, rest, restX, restY, landX, landY, restWalked);
-    for (int32_t i = 0; i < rest; ++i) {
-      outX[restAt[i]] = landX[i];
-      outY[restAt[i]] = landY[i];
-      walked[restAt[i]] = restWalked[i];
-    }
-    rest = 0;
+    walkBatch(w, &fresh, false, outX, outY, walked);
+    walkBatch(w, &onward, true, outX, outY, walked);
   };
   const auto toRest = [&](int32_t x, int32_t y, int32_t at) {
-    restX[rest] = float(x);
-    restY[rest] = float(y);
-    restAt[rest] = at;
-    ++rest;
+    fresh.x[fresh.count] = float(x);
+    fresh.y[fresh.count] = float(y);
+    fresh.at[fresh.count] = at;
+    ++fresh.count;
+  };
+  const auto goOn = [&](int32_t x, int32_t y, float stepX, float stepY, int32_t at) {
+    onward.x[onward.count] = stepX;
+    onward.y[onward.count] = stepY;
+    onward.fromX[onward.count] = float(x);
+    onward.fromY[onward.count] = float(y);
+    onward.at[onward.count] = at;
+    ++onward.count;
   };
   for (int32_t row = 0; row < rows; ++row) {
     const int32_t y = top + row;
     const bool usualRow = gridRowUsual(w, y);
     for (int32_t first = 0; first < columns; first += kStretch) {
       const int32_t end = columns - first < kStretch ? columns : first + kStretch;
-      if (rest > kRest - kStretch) walkRest();
+      if (fresh.count > LaneBatch::kMost - kStretch || onward.count > LaneBatch::kMost - kStretch) walkRest();
       const int32_t base = row * columns;
       // Groups of eight from the stretch's start; the last group ends at the
       // stretch's end and may overlap the one before, whose lanes it leaves.
@@ -391,7 +418,7 @@ void nearestOpaqueGridWide(const WalkView& w, int32_t left, int32_t top, int32_t
         for (int32_t i = done; i < at + kLanes; ++i) {
           const int32_t lane = i - at;
           if ((walksOn & (1 << lane)) != 0) {
-            toRest(left + i, y, base + i);
+            goOn(left + i, y, groupX[lane], groupY[lane], base + i);
             continue;
           }
           outX[base + i] = groupX[lane];

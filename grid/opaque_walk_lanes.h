@@ -108,10 +108,12 @@ int32_t stepGroups(const WalkView& w, const WalkLanes<kLanes * kGroups>& l, int3
 }
 
 // nearestOpaqueIn of every point, kLanes * kGroups walks in step, each step
-// taken by stepGroups.
+// taken by stepGroups. With `fromX` and `fromY`, each walk has taken its first
+// step already: from (fromX[i], fromY[i]) to (xs[i], ys[i]), which is bare.
 template <int32_t kLanes, int32_t kGroups, typename Group, typename Begin, typename End>
 void walkInLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX, float* outY,
-                 uint8_t* walked, Begin begin, End end) {
+                 uint8_t* walked, Begin begin, End end, const float* fromX = nullptr,
+                 const float* fromY = nullptr) {
   constexpr int32_t kAllLanes = kLanes * kGroups;
   constexpr int32_t kAllLaneBits = int32_t((1u << kAllLanes) - 1u);
   WalkLanes<kAllLanes> l;
@@ -129,7 +131,7 @@ void walkInLanes(const WalkView& w, int32_t count, const float* xs, const float*
       while (next < count) {
         const int32_t i = next++;
         bool answer;
-        if (landsWhereItStands(w, xs[i], ys[i], &answer)) {
+        if (fromX == nullptr && landsWhereItStands(w, xs[i], ys[i], &answer)) {
           outX[i] = xs[i];
           outY[i] = ys[i];
           walked[i] = answer ? 1 : 0;
@@ -139,6 +141,11 @@ void walkInLanes(const WalkView& w, int32_t count, const float* xs, const float*
         l.x[lane] = xs[i];
         l.y[lane] = ys[i];
         l.steps[lane] = 0;
+        if (fromX != nullptr) {
+          l.lastX[lane] = fromX[i];
+          l.lastY[lane] = fromY[i];
+          l.steps[lane] = 1;
+        }
         l.point[lane] = i;
         busy |= 1 << lane;
         break;
