@@ -24,6 +24,12 @@ int platformWaitAnyEvent(PlatformEvent* events, int count);
 // Processors this process may run on (its CPU affinity), at least 1.
 int platformProcessorCount();
 
+// Has the system make the whole pages inside [block, block + bytes) ready
+// for writing, cleared, as a first write would, without touching their
+// contents; any thread may write them meanwhile. Where the system cannot,
+// nothing happens.
+void platformPrefault(void* block, size_t bytes);
+
 // Zero-filled memory from the system's global allocator.
 void* platformGlobalAlloc(size_t size);
 void platformGlobalFree(void* block);

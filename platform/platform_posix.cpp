@@ -2,6 +2,8 @@
 #include <pthread.h>
 #include <sched.h>
 #include <stdlib.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "platform/platform.h"
 
@@ -109,6 +111,21 @@ int platformProcessorCount() {
   }
 #endif
   return 1;
+}
+
+void platformPrefault(void* block, size_t bytes) {
+#if defined(MADV_POPULATE_WRITE)
+  const long pageSize = sysconf(_SC_PAGESIZE);
+  if (block == nullptr || pageSize <= 0) return;
+  const uintptr_t page = uintptr_t(pageSize);
+  const uintptr_t start = (uintptr_t(block) + page - 1) & ~(page - 1);
+  const uintptr_t end = (uintptr_t(block) + bytes) & ~(page - 1);
+  // Older systems refuse the advice; the pages then come as they are written.
+  if (end > start) madvise(reinterpret_cast<void*>(start), end - start, MADV_POPULATE_WRITE);
+#else
+  (void)block;
+  (void)bytes;
+#endif
 }
 
 void* platformGlobalAlloc(size_t size) {

@@ -55,6 +55,33 @@ void closeFieldEvents(FieldWork* work) {
   work->swept = nullptr;
 }
 
+// The source's pages are cleared by the system as the copy from the host
+// first writes them, which is most of a deep layer's read. With a second
+// processor a thread of its own has them made ready from the last tile back
+// while the host's thread copies from the first; it writes nothing.
+struct Prefault {
+  const PixelStore* store;
+  PlatformEvent done;
+};
+
+void prefaultEntry(void* argument) {
+  Prefault* prefault = static_cast<Prefault*>(argument);
+  prefaultLevel(prefault->store, 0);
+  platformSetEvent(prefault->done);
+}
+
+constexpr uint32_t kPrefaultStackBytes = 64 * 1024;
+
+void readSourceBesidePrefault(PixelStore* store) {
+  Prefault prefault{store, nullptr};
+  if (store != nullptr && platformProcessorCount() >= 2) prefault.done = platformCreateEvent();
+  const bool beside =
+      prefault.done != nullptr && platformStartThread(prefaultEntry, &prefault, kPrefaultStackBytes);
+  readSource(store);
+  if (beside) platformWaitEvent(prefault.done);
+  if (prefault.done != nullptr) platformCloseEvent(prefault.done);
+}
+
 }  // namespace
 
 void startFillFields(PixelStore* source) {
@@ -117,7 +144,7 @@ void loadSource(InstanceBlock* instance) {
   PixelStore* store = &instance->sourceStore;
   // The tiles come in first, and only then are the levels reduced; level 0
   // is complete, and the coverage fields start from it meanwhile.
-  readSource(store);
+  readSourceBesidePrefault(store);
   startFillFields(store);
   if (store->edgeMode != -1) buildLevels(store, 0);
   p->sourceLoaded = true;

@@ -1,5 +1,7 @@
 #include "store/pixel_store.h"
 
+#include "platform/platform.h"
+
 #include <math.h>
 #include <stdlib.h>
 #include <string.h>
@@ -271,6 +273,16 @@ bool pixelStoreBuild(PixelStore* store, int32_t width, int32_t height, int32_t k
   store->bordered = bordered;
   store->ownsItself = false;
   return true;
+}
+
+void prefaultLevel(const PixelStore* store, int32_t level) {
+  if (store == nullptr || store->tiles == nullptr || level < 0 || level > store->topLevel) return;
+  for (int32_t i = store->lastTile[level]; i >= store->firstTile[level]; --i) {
+    const StoreTile& tile = store->tiles[i];
+    if (tile.pixels == nullptr) continue;
+    // The tile's own rows: the spare rows below them may never be written.
+    platformPrefault(tile.pixels, size_t(tile.rows) * kTileWidth * size_t(store->pixelBytes));
+  }
 }
 
 void pixelStoreRelease(PixelStore* store) {

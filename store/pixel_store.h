@@ -169,6 +169,9 @@ bool pixelStoreBuild(PixelStore* store, int32_t width, int32_t height, int32_t k
                      bool bordered, int32_t levelsWithMemory = kStoreLevels);
 // Frees all tiles and the tile table; the object stays. Harmless on an empty store.
 void pixelStoreRelease(PixelStore* store);
+// Has the system make the pages of a level's tiles ready for their first
+// write (platformPrefault), from the last tile back; the contents stay.
+void prefaultLevel(const PixelStore* store, int32_t level);
 // Frees tiles and table, the object too when it owns itself, and nulls *store.
 // A null pointer or a null *store is ignored, so destroying twice is harmless.
 void pixelStoreDestroy(PixelStore** store);
