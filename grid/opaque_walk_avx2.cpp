@@ -135,7 +135,10 @@ inline __m256 laneVector(int32_t bits) {
   return _mm256_castsi256_ps(_mm256_cmpeq_epi32(_mm256_and_si256(_mm256_set1_epi32(bits), each), each));
 }
 
-void beginStep(const WalkView& w, const float* lx, const float* ly, int32_t busy, GroupStep* g) {
+// Both halves of the step go into the walk's loop: the walk is taken by two
+// roads, and the compiler would otherwise keep them as calls.
+__attribute__((always_inline)) inline void beginStep(const WalkView& w, const float* lx, const float* ly,
+                                                     int32_t busy, GroupStep* g) {
   __m256 x = _mm256_load_ps(lx);
   __m256 y = _mm256_load_ps(ly);
   // The reflections of the point road, once per side in its order, the tests
@@ -219,7 +222,8 @@ inline void stepLanes(__m256 gx, __m256 gy, __m256 d, __m256 x, __m256 y, __m256
 
 // The rest of a group's step: the reads, the gradient, the next point, and
 // the mask of the busy lanes not left over whose point stands on a solid pixel.
-int32_t endStep(const WalkView& w, const GroupStep& g, int32_t busy, float* nextX, float* nextY) {
+__attribute__((always_inline)) inline int32_t endStep(const WalkView& w, const GroupStep& g, int32_t busy,
+                                                      float* nextX, float* nextY) {
   // Each lane's four rows of four, turned so that a vector holds one pixel
   // of the block for all eight lanes: block[r][c] is row Y - 1 + r, column
   // X - 1 + c. Lane k's row and lane k + 4's share a vector, one in each
@@ -337,6 +341,15 @@ int32_t gridGroup(const WalkView& w, int32_t x0, int32_t y, float* outX, float* 
   return bare & ~arrived;
 }
 
+// The walk in wide lanes, its step's two halves inlined into it; every road
+// into it takes this one copy.
+void walkWide(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX, float* outY,
+              uint8_t* walked, const float* fromX, const float* fromY) {
+  walkInLanes<kLanes, kGroups, GroupStep>(
+      w, count, xs, ys, outX, outY, walked, [](const auto&... a) { beginStep(a...); },
+      [](const auto&... a) { return endStep(a...); }, fromX, fromY);
+}
+
 // Walks collected to take the wide lanes together: from their start, or
 // (with `from`) on from their first step.
 struct LaneBatch {
@@ -354,9 +367,7 @@ void walkBatch(const WalkView& w, LaneBatch* b, bool from, float* outX, float* o
   float landX[LaneBatch::kMost];
   float landY[LaneBatch::kMost];
   uint8_t landed[LaneBatch::kMost];
-  walkInLanes<kLanes, kGroups, GroupStep>(
-      w, b->count, b->x, b->y, landX, landY, landed, [](const auto&... a) { beginStep(a...); },
-      [](const auto&... a) { return endStep(a...); }, from ? b->fromX : nullptr, from ? b->fromY : nullptr);
+  walkWide(w, b->count, b->x, b->y, landX, landY, landed, from ? b->fromX : nullptr, from ? b->fromY : nullptr);
   for (int32_t i = 0; i < b->count; ++i) {
     outX[b->at[i]] = landX[i];
     outY[b->at[i]] = landY[i];
@@ -434,10 +445,7 @@ void nearestOpaqueGridWide(const WalkView& w, int32_t left, int32_t top, int32_t
 
 void nearestOpaqueWideLanes(const WalkView& w, int32_t count, const float* xs, const float* ys, float* outX,
                             float* outY, uint8_t* walked) {
-  // The two halves of the step as lambdas, so that they are inlined into the walk.
-  walkInLanes<kLanes, kGroups, GroupStep>(
-      w, count, xs, ys, outX, outY, walked, [](const auto&... a) { beginStep(a...); },
-      [](const auto&... a) { return endStep(a...); });
+  walkWide(w, count, xs, ys, outX, outY, walked, nullptr, nullptr);
 }
 
 #else
