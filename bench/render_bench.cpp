@@ -160,9 +160,10 @@ void BM_RenderUnitImageCorner(benchmark::State& state) {
 // The walk alone on each road, over the soft field: four rows of 130 corners
 // through the middle of every 128 x 128 unit of the layer, landed four rows
 // at a time as the grid does, so that the walks read the whole field as a
-// render does.
+// render does; as points one by one, or (grid 1) as the grid's integer points.
 void BM_WalkCorners(benchmark::State& state) {
   const WalkRoad road = WalkRoad(state.range(0));
+  const bool grid = state.range(1) != 0;
   atlas(true);
   if (!walkRoadRuns(road)) {
     state.SkipWithError("road not built or not taken by this processor");
@@ -183,49 +184,23 @@ void BM_WalkCorners(benchmark::State& state) {
   std::vector<uint8_t> walked(xs.size());
   for (auto _ : state) {
     for (size_t at = 0; at < xs.size(); at += size_t(4 * side)) {
-      nearestOpaqueManyOn(road, view, 4 * side, &xs[at], &ys[at], &landX[at], &landY[at], &walked[at]);
+      if (grid) {
+        nearestOpaqueGridOn(road, view, int32_t(xs[at]), int32_t(ys[at]), side, 4, &landX[at], &landY[at],
+                            &walked[at]);
+      } else {
+        nearestOpaqueManyOn(road, view, 4 * side, &xs[at], &ys[at], &landX[at], &landY[at], &walked[at]);
+      }
     }
     benchmark::DoNotOptimize(landX[0]);
   }
   state.SetItemsProcessed(int64_t(xs.size()) * int64_t(state.iterations()));
 }
 BENCHMARK(BM_WalkCorners)
-    ->ArgName("road")
-    ->Arg(kWalkRoadPoints)
-    ->Arg(kWalkRoadLanes)
-    ->Arg(kWalkRoadWideLanes)
-    ->Unit(benchmark::kMillisecond);
-
-// The same corners as the grid gives them to the walk: four rows of a unit
-// at a time as integer points.
-void BM_WalkGrid(benchmark::State& state) {
-  const WalkRoad road = WalkRoad(state.range(0));
-  atlas(true);
-  if (!walkRoadRuns(road)) {
-    state.SkipWithError("road not built or not taken by this processor");
-    return;
-  }
-  WalkView view;
-  walkViewFromBlocks(&view);
-  const int32_t side = kRenderTileSide + 2;
-  std::vector<float> landX(size_t(4 * side)), landY(size_t(4 * side));
-  std::vector<uint8_t> walked(size_t(4 * side));
-  int64_t points = 0;
-  for (auto _ : state) {
-    for (int32_t top = 0; top < kSide; top += kRenderTileSide)
-      for (int32_t left = 0; left < kSide; left += kRenderTileSide) {
-        nearestOpaqueGridOn(road, view, left - 1, top + kRenderTileSide / 2, side, 4, landX.data(), landY.data(),
-                            walked.data());
-        benchmark::DoNotOptimize(landX[0]);
-        points += 4 * side;
-      }
-  }
-  state.SetItemsProcessed(points);
-}
-BENCHMARK(BM_WalkGrid)
-    ->ArgName("road")
-    ->Arg(kWalkRoadPoints)
-    ->Arg(kWalkRoadWideLanes)
+    ->ArgNames({"road", "grid"})
+    ->Args({kWalkRoadPoints, 0})
+    ->Args({kWalkRoadLanes, 0})
+    ->Args({kWalkRoadWideLanes, 0})
+    ->Args({kWalkRoadWideLanes, 1})
     ->Unit(benchmark::kMillisecond);
 
 // The level-0 reads of the render on each kernel road: a unit's worth of
