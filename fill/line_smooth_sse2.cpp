@@ -40,7 +40,9 @@ bool smoothColumnGroupFloat(PixelStore* store, int32_t level, int32_t line, int3
     for (; taken <= stop; ++taken) {
       // Rows lie a tile's width apart, past what the processor fetches ahead
       // by itself: the line a few rows down is asked for now.
-      if (taken + kFetchAhead <= last) _mm_prefetch(reinterpret_cast<const char*>(rowAt(taken + kFetchAhead)), _MM_HINT_T0);
+      if (taken + kFetchAhead <= last) {
+        _mm_prefetch(reinterpret_cast<const char*>(rowAt(taken + kFetchAhead)), _MM_HINT_T0);
+      }
       const float* p = rowAt(taken);
       for (int32_t v = 0; v < kVectors; ++v) ring[taken & (kRingRows - 1)][v] = _mm_loadu_ps(p + 4 * v);
     }

@@ -278,7 +278,8 @@ __attribute__((always_inline)) inline int32_t endStep(const WalkView& w, const G
 // maps read from their tiles.
 inline bool gridRowUsual(const WalkView& w, int32_t y) {
   return w.opaqueBytes && w.opaqueTiles != nullptr && w.fieldTiles != nullptr && y >= 0 && y < w.height &&
-         y + kFieldMargin < w.fieldMaxY && ((y + kFieldMargin - 2) >> kTileShift) == ((y + kFieldMargin + 1) >> kTileShift);
+         y + kFieldMargin < w.fieldMaxY &&
+         ((y + kFieldMargin - 2) >> kTileShift) == ((y + kFieldMargin + 1) >> kTileShift);
 }
 
 // Where points x0 .. x0 + 7 of a usual row are the usual case together: inside

@@ -166,7 +166,8 @@ TEST(FastRoads, WalkLanesLandWhereThePointRoadLands) {
   // NaN gradient) and far values.
   struct Disc {
     float x, y, r;
-  } const discs[] = {{40, 30, 12}, {300, 90, 40}, {520, 260, 25}, {100, 400, 60}, {590, 520, 8}, {3, 500, 5}, {600, 200, 15}, {300, 530, 10}, {605, 450, 10}};
+  } const discs[] = {{40, 30, 12},   {300, 90, 40},   {520, 260, 25},  {100, 400, 60}, {590, 520, 8},
+                     {3, 500, 5},    {600, 200, 15},  {300, 530, 10},  {605, 450, 10}};
   const int32_t width = 600;
   const int32_t height = 530;
   PixelStore* opaque = pixelStoreCreate(width, height, kKindGray8, 0, false);
