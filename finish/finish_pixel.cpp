@@ -400,14 +400,15 @@ inline void writeQuad(uint16_t* p, __m128 v, __m128 scales) {
 }
 inline void writeQuad(float* p, __m128 v, __m128 scales) { _mm_storeu_ps(p, _mm_mul_ps(v, scales)); }
 
+// Cells ahead of the one being written whose colours are asked for.
+constexpr ptrdiff_t kColourFetchAhead = 48;
+
 // The row of a colour tile with transparency whose pixels are red, green,
 // blue, alpha side by side in both tiles: finishOne with the four channels in
 // the lanes of one register where every channel takes the same operation.
 // The lanes compute the very operations of finishOne, in its order. A pixel
 // with a colour above 1.0 at the integer depths needs the spill, which works
 // across channels: it takes finishOne itself.
-constexpr ptrdiff_t kColourFetchAhead = 48;
-
 template <class D>
 void finishQuadRow(const RowSetup<D>& r, int32_t right) {
   const float inf = bitsToFloat(0x7f800000u);

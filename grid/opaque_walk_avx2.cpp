@@ -290,13 +290,13 @@ inline bool gridGroupUsual(const WalkView& w, int32_t x0) {
          ((x0 + kFieldMargin - 2) >> kTileShift) == ((x0 + kLanes - 1 + kFieldMargin + 1) >> kTileShift);
 }
 
-// solidLanes of pixels x0 .. x0 + 7 of row y, all in the source: where the
-// eight bytes lie in one tile of the map, their top bits in one load.
-inline int32_t solidRowLanes(const WalkView& w, int32_t x0, int32_t y) {
+// solidLanes of pixels x0 .. x0 + 7 (the columns in xi) of row y, all in the
+// source: where the eight bytes lie in one tile of the map, their top bits in
+// one load.
+inline int32_t solidRowLanes(const WalkView& w, __m256i xi, int32_t x0, int32_t y) {
   const int32_t last = clampToLevel(x0 + kLanes - 1, w.opaqueMaxX);
   const int32_t row = clampToLevel(y, w.opaqueMaxY);
   if (last != x0 + kLanes - 1 || (x0 >> kTileShift) != (last >> kTileShift)) {
-    const __m256i xi = _mm256_add_epi32(_mm256_set1_epi32(x0), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
     return solidLanes(w, xi, _mm256_set1_epi32(y), 0xff);
   }
   const uint8_t* bytes = w.opaqueTiles[(row >> kTileShift) * w.opaqueAcross + (x0 >> kTileShift)].pixels +
@@ -311,7 +311,7 @@ int32_t gridGroup(const WalkView& w, int32_t x0, int32_t y, float* outX, float* 
   const __m256i xi = _mm256_add_epi32(_mm256_set1_epi32(x0), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
   const __m256 x = _mm256_cvtepi32_ps(xi);
   const __m256 yv = _mm256_set1_ps(float(y));
-  const int32_t solid = solidRowLanes(w, x0, y);
+  const int32_t solid = solidRowLanes(w, xi, x0, y);
   if (solid == 0xff) {
     _mm256_storeu_ps(outX, x);
     _mm256_storeu_ps(outY, yv);

@@ -86,11 +86,11 @@ int platformProcessorCount() {
   return info.dwNumberOfProcessors > 0 ? int(info.dwNumberOfProcessors) : 1;
 }
 
-// Moveable, zero-filled, and locked for its whole life.
 // Windows clears a page at its first write as well, but has no advice that
 // makes private pages ready without writing them: the pages come as written.
 void platformPrefault(void*, size_t) {}
 
+// Moveable, zero-filled, and locked for its whole life.
 void* platformGlobalAlloc(size_t size) {
   if (platformFaultInjected(kFaultGlobalBlock, size)) return nullptr;
   HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE | GMEM_ZEROINIT, size == 0 ? 1 : size);

@@ -1,12 +1,11 @@
 #include "store/pixel_store.h"
 
-#include "platform/platform.h"
-
 #include <math.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "host/blocks.h"
+#include "platform/platform.h"
 #include "store/memory_blocks.h"
 #include "store/resample.h"
 
