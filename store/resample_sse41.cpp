@@ -146,6 +146,7 @@ inline void columnsU8x4(const uint8_t* at, ptrdiff_t stride, __m128i wy01, __m12
 
 // Reads in a run, and columns in its span, at most.
 constexpr int32_t kRunMost = 64;
+static_assert(kRunMost <= 64, "a batch's reads are the bits of one word");
 
 // The run's reads: `first` is the span's first block (base pixel minBase),
 // columnCount the span's width plus 4, and read k's block starts at column
@@ -199,8 +200,85 @@ inline void basesX4(__m128 u, float scale, int32_t* bases, int32_t* phases) {
   _mm_storeu_si128(reinterpret_cast<__m128i*>(phases), phase);
 }
 
+// Bit k set where read k continues the run of read k - 1: the same base row
+// and vertical phase, and a base pixel within one of the last one's.
+inline uint64_t runContinuations(const int32_t* is, const int32_t* js, const int32_t* phaseYs, int32_t n) {
+  uint64_t bits = 0;
+  const __m128i one = _mm_set1_epi32(1);
+  const __m128i two = _mm_set1_epi32(2);
+  int32_t k = 1;
+  for (; k + 4 <= n; k += 4) {
+    const __m128i* now = reinterpret_cast<const __m128i*>(is + k);
+    const __m128i* before = reinterpret_cast<const __m128i*>(is + k - 1);
+    // i - previous i + 1 at most 2, unsigned.
+    const __m128i step = _mm_add_epi32(_mm_sub_epi32(_mm_loadu_si128(now), _mm_loadu_si128(before)), one);
+    const __m128i near = _mm_cmpeq_epi32(_mm_min_epu32(step, two), step);
+    const __m128i sameRow = _mm_cmpeq_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(js + k)),
+                                            _mm_loadu_si128(reinterpret_cast<const __m128i*>(js + k - 1)));
+    const __m128i samePhase = _mm_cmpeq_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(phaseYs + k)),
+                                              _mm_loadu_si128(reinterpret_cast<const __m128i*>(phaseYs + k - 1)));
+    const __m128i joins = _mm_and_si128(near, _mm_and_si128(sameRow, samePhase));
+    bits |= uint64_t(uint32_t(_mm_movemask_ps(_mm_castsi128_ps(joins)))) << k;
+  }
+  for (; k < n; ++k) {
+    if (js[k] == js[k - 1] && phaseYs[k] == phaseYs[k - 1] && uint32_t(is[k]) - uint32_t(is[k - 1]) + 1u <= 2u) {
+      bits |= uint64_t(1) << k;
+    }
+  }
+  return bits;
+}
+
+// Bits first to last.
+inline uint64_t bitSpan(int32_t first, int32_t last) {
+  return (~uint64_t(0) >> (63 - last)) & (~uint64_t(0) << first);
+}
+
+// The runs of kind 3 among a batch's n reads (n at most kRunMost), each read
+// together; returns the reads left to be read one by one: those in no run,
+// and those of a run whose span leaves its tile. The runs are found all at
+// once and the lone reads go on to a loop of their own, so that where runs
+// and lone reads alternate, as on landing points, no branch has to guess
+// which comes next.
+uint64_t readRunsU8(const PixelStore* store, int32_t l, int32_t n, const int32_t* is, const int32_t* js,
+                    const int32_t* phaseXs, const int32_t* phaseYs, float unit, float (*out)[4]) {
+  const uint64_t all = bitSpan(0, n - 1);
+  const uint64_t joins = runContinuations(is, js, phaseYs, n);
+  uint64_t runs = (joins | (joins >> 1)) & all;
+  uint64_t alone = all & ~runs;
+  while (runs != 0) {
+    const int32_t first = __builtin_ctzll(runs);
+    // The run ends before the first read after `first` that does not join.
+    const uint64_t breaks = ~joins & all & ~bitSpan(0, first);
+    const int32_t last = breaks != 0 ? __builtin_ctzll(breaks) - 1 : n - 1;
+    const uint64_t span = bitSpan(first, last);
+    runs &= ~span;
+    int32_t minBase = is[first];
+    int32_t maxBase = is[first];
+    for (int32_t k = first + 1; k <= last; ++k) {
+      minBase = is[k] < minBase ? is[k] : minBase;
+      maxBase = is[k] > maxBase ? is[k] : maxBase;
+    }
+    // Its span's first and last blocks each in one tile, the same one: the
+    // blocks between lie in it too.
+    const int32_t x0 = int32_t(uint32_t(minBase) - 2u);
+    const int32_t y0 = int32_t(uint32_t(js[first]) - 2u);
+    const int32_t xLast = int32_t(uint32_t(maxBase) - 2u);
+    if (!kernelInOneTile(store, l, x0, y0) || !kernelInOneTile(store, l, xLast, y0) ||
+        (x0 >> kTileShift) != (xLast >> kTileShift)) {
+      alone |= span;
+      continue;
+    }
+    uint32_t wy[5];
+    unsignedWeights(store->kernelTable.weights2048, phaseYs[first], wy);
+    runU8x4(storePixel<const uint8_t>(store, l, x0, y0, 4), ptrdiff_t(kTileWidth) * 4, maxBase - minBase + 5,
+            last - first + 1, is + first, minBase, phaseXs + first, store->kernelTable.weights2048, wy, unit,
+            out + first);
+  }
+  return alone;
+}
+
 // levelZeroReads on this road: the base pixels and phases of a batch found
-// four at a time, then each read; at kind 3 the runs are read together.
+// four at a time; at kind 3 the runs read together, then each read left.
 template <int32_t kKind>
 void levelZeroReadsSse41(const PixelStore* store, int32_t count, const float* us, const float* vs,
                          float (*out)[4]) {
@@ -223,43 +301,13 @@ void levelZeroReadsSse41(const PixelStore* store, int32_t count, const float* us
       is[k] = kernelBase(scaleX * us[start + k] - 0.5f, &phaseXs[k]);
       js[k] = kernelBase(scaleY * vs[start + k] - 0.5f, &phaseYs[k]);
     }
-    for (k = 0; k < n;) {
-      if (kKind == kKindRgba8) {
-        // The run from k: one base row and vertical phase, each base pixel
-        // within one of the last. Of at most kRunMost reads, its span is
-        // under kRunMost columns.
-        int32_t last = k;
-        int32_t minBase = is[k];
-        int32_t maxBase = is[k];
-        while (last + 1 < n && js[last + 1] == js[k] && phaseYs[last + 1] == phaseYs[k] &&
-               uint32_t(is[last + 1]) - uint32_t(is[last]) + 1u <= 2u) {
-          ++last;
-          minBase = is[last] < minBase ? is[last] : minBase;
-          maxBase = is[last] > maxBase ? is[last] : maxBase;
-        }
-        // Its span's first and last blocks each in one tile, the same one:
-        // the blocks between lie in it too.
-        const int32_t x0 = int32_t(uint32_t(minBase) - 2u);
-        const int32_t y0 = int32_t(uint32_t(js[k]) - 2u);
-        const int32_t xLast = int32_t(uint32_t(maxBase) - 2u);
-        if (last > k && kernelInOneTile(store, l, x0, y0) && kernelInOneTile(store, l, xLast, y0) &&
-            (x0 >> kTileShift) == (xLast >> kTileShift)) {
-          uint32_t wy[5];
-          unsignedWeights(store->kernelTable.weights2048, phaseYs[k], wy);
-          runU8x4(storePixel<const uint8_t>(store, l, x0, y0, 4), ptrdiff_t(kTileWidth) * 4, maxBase - minBase + 5,
-                  last - k + 1, is + k, minBase, phaseXs + k, store->kernelTable.weights2048, wy, unit,
-                  out + start + k);
-          k = last + 1;
-          continue;
-        }
-      }
-      float* o = out[start + k];
-      kernelOfBaseSse41<kKind>(store, l, is[k], phaseXs[k], js[k], phaseYs[k], o);
-      o[0] *= unit;
-      o[1] *= unit;
-      o[2] *= unit;
-      o[3] *= unit;
-      ++k;
+    uint64_t alone = bitSpan(0, n - 1);
+    if (kKind == kKindRgba8) alone = readRunsU8(store, l, n, is, js, phaseXs, phaseYs, unit, out + start);
+    for (; alone != 0; alone &= alone - 1) {
+      const int32_t r = __builtin_ctzll(alone);
+      float* o = out[start + r];
+      kernelOfBaseSse41<kKind>(store, l, is[r], phaseXs[r], js[r], phaseYs[r], o);
+      _mm_storeu_ps(o, _mm_mul_ps(_mm_loadu_ps(o), _mm_set1_ps(unit)));
     }
   }
 }

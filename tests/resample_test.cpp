@@ -429,6 +429,12 @@ TEST(UnitEntries, EveryRoadAndTheLevelZeroBatchReadTheLaneRoadsBits) {
         vs.push_back((float(y) + 0.3f + (y == 3 ? 0.0f : 0.003f * float(k % 200))) / 530.0f);
       }
     }
+    // Points three pixels apart on one row and phase pair: a run whose span
+    // grew with them would outgrow its columns.
+    for (int k = 0; k < 150; ++k) {
+      us.push_back((float(5 + 3 * k) + 0.513f) / 700.0f);
+      vs.push_back(100.489f / 530.0f);
+    }
     const size_t n = us.size();
     s->kernelRoad = kKernelRoadLanes;
     std::vector<float> level0(n * 4), blended(n * 4);
@@ -443,9 +449,12 @@ TEST(UnitEntries, EveryRoadAndTheLevelZeroBatchReadTheLaneRoadsBits) {
       }
       s->kernelRoad = road;
       std::vector<float> batch(n * 4);
-      for (size_t at = 0; at < n; at += 37) {
-        const int32_t count = int32_t(n - at < 37 ? n - at : 37);
+      // Batches of the sampler's 64 and of odd sizes, taking turns.
+      for (size_t at = 0, turn = 0; at < n; ++turn) {
+        const size_t size = turn % 2 == 0 ? 64 : 37;
+        const int32_t count = int32_t(n - at < size ? n - at : size);
         filterUnitPixelsAtLevelZero(s.store, count, &us[at], &vs[at], reinterpret_cast<float(*)[4]>(&batch[at * 4]));
+        at += size_t(count);
       }
       for (size_t i = 0; i < n; ++i) {
         float one[4];
