@@ -12,6 +12,13 @@ typedef void (*PlatformThreadEntry)(void* argument);
 // Starts a detached thread with the stated stack size; false if it could not start.
 bool platformStartThread(PlatformThreadEntry entry, void* argument, uint32_t stackBytes);
 
+// The same, with the thread's first run on one processor: number `processor`
+// (taken modulo their count) of those the starting thread may run on. Once
+// running, the thread may run on all of them again, and the system moves it
+// as it likes. A negative number, a single processor, or a system that offers
+// no such start (Windows, here) starts it as platformStartThread does.
+bool platformStartThreadOn(PlatformThreadEntry entry, void* argument, uint32_t stackBytes, int32_t processor);
+
 // Auto-reset events: a wait that returns resets the event it returns on.
 PlatformEvent platformCreateEvent();
 void platformCloseEvent(PlatformEvent event);

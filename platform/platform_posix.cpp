@@ -22,20 +22,53 @@ pthread_cond_t eventChanged = PTHREAD_COND_INITIALIZER;
 struct ThreadStart {
   PlatformThreadEntry entry;
   void* argument;
+#if defined(__linux__)
+  // The processors given back once the thread runs, when it started on one.
+  bool placed;
+  cpu_set_t allowed;
+#endif
 };
 
 void* threadMain(void* raw) {
   ThreadStart start = *static_cast<ThreadStart*>(raw);
   free(raw);
+#if defined(__linux__)
+  if (start.placed) pthread_setaffinity_np(pthread_self(), sizeof start.allowed, &start.allowed);
+#endif
   start.entry(start.argument);
   return nullptr;
 }
+
+#if defined(__linux__)
+// Has the thread of `attributes` start on processor number `processor` of
+// those the calling thread may use, and keeps those in `start` for the
+// thread to take back. Nothing when there is one, or they cannot be read.
+void placeFirstRun(pthread_attr_t* attributes, int32_t processor, ThreadStart* start) {
+  start->placed = false;
+  if (processor < 0 || sched_getaffinity(0, sizeof start->allowed, &start->allowed) != 0) return;
+  const int count = CPU_COUNT(&start->allowed);
+  if (count < 2) return;
+  int wanted = processor % count;
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (!CPU_ISSET(cpu, &start->allowed) || wanted-- > 0) continue;
+    cpu_set_t first;
+    CPU_ZERO(&first);
+    CPU_SET(cpu, &first);
+    start->placed = pthread_attr_setaffinity_np(attributes, sizeof first, &first) == 0;
+    return;
+  }
+}
+#endif
 
 }  // namespace
 
 PlatformFaultHook platformFaultHook = nullptr;
 
 bool platformStartThread(PlatformThreadEntry entry, void* argument, uint32_t stackBytes) {
+  return platformStartThreadOn(entry, argument, stackBytes, -1);
+}
+
+bool platformStartThreadOn(PlatformThreadEntry entry, void* argument, uint32_t stackBytes, int32_t processor) {
   if (platformFaultInjected(kFaultThreadStart, stackBytes)) return false;
   ThreadStart* start = static_cast<ThreadStart*>(malloc(sizeof(ThreadStart)));
   if (start == nullptr) return false;
@@ -50,6 +83,11 @@ bool platformStartThread(PlatformThreadEntry entry, void* argument, uint32_t sta
 #endif
   size_t size = size_t(stackBytes) < size_t(PTHREAD_STACK_MIN) ? size_t(PTHREAD_STACK_MIN) : size_t(stackBytes);
   pthread_attr_setstacksize(&attributes, size);
+#if defined(__linux__)
+  placeFirstRun(&attributes, processor, start);
+#else
+  (void)processor;
+#endif
   pthread_t thread;
   int failed = pthread_create(&thread, &attributes, threadMain, start);
   pthread_attr_destroy(&attributes);

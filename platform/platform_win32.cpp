@@ -26,6 +26,10 @@ PI_HOST_CALLED DWORD WINAPI threadMain(LPVOID raw) {
 
 PlatformFaultHook platformFaultHook = nullptr;
 
+bool platformStartThreadOn(PlatformThreadEntry entry, void* argument, uint32_t stackBytes, int32_t) {
+  return platformStartThread(entry, argument, stackBytes);
+}
+
 bool platformStartThread(PlatformThreadEntry entry, void* argument, uint32_t stackBytes) {
   if (platformFaultInjected(kFaultThreadStart, stackBytes)) return false;
   ThreadStart* start = static_cast<ThreadStart*>(HeapAlloc(GetProcessHeap(), 0, sizeof(ThreadStart)));

@@ -25,6 +25,8 @@ int32_t jobThreadCount = 0;
 int32_t nextUnit = 0;
 int32_t finishedUnits = 0;
 bool jobRunning = false;
+// The slots of the job at hand, runJob's own array.
+JobUnit** jobSlots = nullptr;
 // Whole seconds of the C library's clock.
 int64_t lastProgressTime = 0;
 
@@ -168,6 +170,18 @@ void releaseUnit(JobUnit* unit) {
   blockFreePlain(&unit);
 }
 
+namespace {
+
+// The number of a slot of the job at hand, or -1 for any other slot.
+int32_t slotNumber(JobUnit* const* slot) {
+  for (int32_t i = 0; jobSlots != nullptr && i < jobThreadCount; ++i) {
+    if (slot == &jobSlots[i]) return i;
+  }
+  return -1;
+}
+
+}  // namespace
+
 bool startUnit(int32_t unitIndex, JobKind kind, const JobRequest& request, PlatformEvent startEvent,
                PlatformEvent doneEvent, JobUnit** slot) {
   JobUnit* unit = static_cast<JobUnit*>(blockAllocPlain(int32_t(sizeof(JobUnit))));
@@ -207,7 +221,12 @@ bool startUnit(int32_t unitIndex, JobKind kind, const JobRequest& request, Platf
   *slot = unit;
   bool signalled = platformSetEvent(startEvent);
   if (!signalled) unit->status = -2;
-  if (signalled && platformStartThread(workerMain, slot, kWorkerStackBytes)) return true;
+  // Each slot's workers start on a processor of their own, the slot's number
+  // among them. Left to itself the system may queue the new thread behind
+  // the other slot's running worker and let the processor this unit's last
+  // worker left stand idle, for up to a millisecond. Once running, the
+  // thread may move as the system likes.
+  if (signalled && platformStartThreadOn(workerMain, slot, kWorkerStackBytes, slotNumber(slot))) return true;
   // No thread or no start signal: the unit runs here, with the same result,
   // and runJob collects it without waiting for an event.
   if (signalled) platformWaitEvent(startEvent);
@@ -324,6 +343,7 @@ void runJob(JobKind kind, int32_t tiling, JobRequest request) {
   PlatformEvent startEvents[kMaxJobThreads];
   PlatformEvent doneEvents[kMaxJobThreads];
   JobUnit* slots[kMaxJobThreads];
+  jobSlots = slots;
   // A slot needs both its events; the job runs on the slots that have them,
   // with the same result, since no output depends on the number of threads.
   int32_t slotCount = 0;
@@ -381,4 +401,5 @@ void runJob(JobKind kind, int32_t tiling, JobRequest request) {
     platformCloseEvent(startEvents[i]);
     platformCloseEvent(doneEvents[i]);
   }
+  jobSlots = nullptr;
 }

@@ -2,6 +2,7 @@
 // with a host of our own, cancel and its latch. Every case runs in its own
 // process, which matters: the cancel latch is process-wide and never cleared.
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <stdlib.h>
 #include <unistd.h>
 #include <string.h>
@@ -215,6 +216,39 @@ TEST_F(JobPoolRun, StoreJobsGiveTheSameBytesOnOneAndAllProcessors) {
   std::vector<float> all = smoothedStore();
   ASSERT_FALSE(one.empty());
   EXPECT_EQ(memcmp(one.data(), all.data(), one.size() * sizeof(float)), 0);
+}
+
+// A thread started on a processor runs there first, then may run on every
+// processor its starter may: the start places the thread and binds nothing.
+TEST(PlatformThreads, AStartOnAProcessorPlacesOnlyTheFirstRun) {
+  const int count = availableCpus();
+  if (count < 2) GTEST_SKIP() << "one processor: nothing to place";
+  cpu_set_t allowed;
+  ASSERT_EQ(sched_getaffinity(0, sizeof allowed, &allowed), 0);
+  std::vector<int> cpus;
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (CPU_ISSET(cpu, &allowed)) cpus.push_back(cpu);
+  }
+  struct Seen {
+    int cpu;
+    int count;
+    PlatformEvent done;
+  };
+  for (int32_t processor : {0, 1, count + 1}) {
+    Seen seen = {-1, 0, platformCreateEvent()};
+    const PlatformThreadEntry look = [](void* raw) {
+      Seen* s = static_cast<Seen*>(raw);
+      s->cpu = sched_getcpu();
+      cpu_set_t own;
+      if (sched_getaffinity(0, sizeof own, &own) == 0) s->count = CPU_COUNT(&own);
+      platformSetEvent(s->done);
+    };
+    ASSERT_TRUE(platformStartThreadOn(look, &seen, 1u << 16, processor));
+    platformWaitEvent(seen.done);
+    platformCloseEvent(seen.done);
+    EXPECT_EQ(seen.cpu, cpus[size_t(processor % count)]) << "processor " << processor;
+    EXPECT_EQ(seen.count, count) << "processor " << processor;
+  }
 }
 
 // ---- failure roads ------------------------------------------------------------------------------

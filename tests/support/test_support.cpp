@@ -48,10 +48,23 @@ int countCalls(const std::vector<standin::HostCall>& calls, const std::string& n
   return n;
 }
 
+namespace {
+
+// The processors the process had before any test narrowed them.
+const cpu_set_t& processCpus() {
+  static const cpu_set_t all = [] {
+    cpu_set_t s;
+    CPU_ZERO(&s);
+    sched_getaffinity(0, sizeof(s), &s);
+    return s;
+  }();
+  return all;
+}
+
+}  // namespace
+
 void pinToCpus(int count) {
-  cpu_set_t all;
-  CPU_ZERO(&all);
-  ASSERT_EQ(sched_getaffinity(0, sizeof(all), &all), 0);
+  const cpu_set_t& all = processCpus();
   cpu_set_t set;
   CPU_ZERO(&set);
   int taken = 0;
@@ -63,12 +76,7 @@ void pinToCpus(int count) {
   ASSERT_EQ(sched_setaffinity(0, sizeof(set), &set), 0);
 }
 
-int availableCpus() {
-  cpu_set_t all;
-  CPU_ZERO(&all);
-  sched_getaffinity(0, sizeof(all), &all);
-  return CPU_COUNT(&all);
-}
+int availableCpus() { return CPU_COUNT(&processCpus()); }
 
 std::string sourcePath(const std::string& relative) { return std::string(MENDARIS_SOURCE_DIR) + "/" + relative; }
 std::string binaryPath(const std::string& relative) { return std::string(MENDARIS_BINARY_DIR) + "/" + relative; }

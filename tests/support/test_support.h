@@ -29,7 +29,9 @@ InstanceBlock* instanceBlockOf(standin::Host& host);
 // Counts of one host call in a log.
 int countCalls(const std::vector<standin::HostCall>& calls, const std::string& name);
 
-// This process's threads on the first `count` of the processors it may use.
+// This thread, and the threads it starts, on the first `count` of the
+// processors the process may use; and how many those are, whatever a test
+// has narrowed them to since.
 void pinToCpus(int count);
 int availableCpus();
 
