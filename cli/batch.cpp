@@ -26,6 +26,7 @@ struct Worker {
   size_t file = 0;
   std::string messages;
   double start = 0.0;
+  int share = -1;  // its share of the processors; -1 all of them
 };
 
 double secondsNow() {
@@ -37,7 +38,8 @@ double secondsNow() {
 // A worker is this process forked: the plug-in is loaded already and has
 // never run, so each worker starts from the state a fresh process has, at no
 // cost of starting one. Its stderr is a pipe to here.
-bool startWorker(const std::function<int(const BatchFile&)>& runOne, const BatchFile& file, Worker& worker) {
+bool startWorker(const std::function<int(const BatchFile&)>& runOne, const BatchFile& file, int shares,
+                 Worker& worker) {
   int fds[2];
   if (pipe(fds) != 0) return false;
   fflush(nullptr);
@@ -48,6 +50,7 @@ bool startWorker(const std::function<int(const BatchFile&)>& runOne, const Batch
     return false;
   }
   if (worker.pid == 0) {
+    keepProcessorShare(worker.share, shares);
     close(fds[0]);
     dup2(fds[1], STDERR_FILENO);
     close(fds[1]);
@@ -96,7 +99,16 @@ BatchResult runBatch(const std::vector<BatchFile>& files, const std::function<in
     while (!result.stopped && next < files.size() && int(running.size()) < parallel) {
       Worker worker;
       worker.file = next;
-      if (!startWorker(runOne, files[next], worker)) {
+      // The lowest share no running worker holds.
+      if (parallel >= 2 && files.size() - next >= size_t(parallel)) {
+        std::vector<bool> held(size_t(parallel), false);
+        for (const Worker& w : running) {
+          if (w.share >= 0) held[size_t(w.share)] = true;
+        }
+        worker.share = 0;
+        while (held[size_t(worker.share)]) ++worker.share;
+      }
+      if (!startWorker(runOne, files[next], parallel, worker)) {
         progressClear();
         fprintf(stderr, "mendaris: %s: cannot start a worker: %s\n", files[next].input.c_str(), strerror(errno));
         ++result.failures;

@@ -5,6 +5,11 @@
 // whole, each when its worker ends. On a stopping signal no new worker starts
 // and the running ones are sent the same signal: each removes its own
 // unfinished output, as the tool does for one file.
+//
+// While files enough remain to keep every worker busy, each worker runs on a
+// share of the processors of its own (with two workers on two processors,
+// one each): no worker's threads then wait behind another's, and none moves
+// between processors. The last files, fewer than the workers, run on all.
 #pragma once
 
 #include <functional>

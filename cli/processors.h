@@ -15,4 +15,22 @@ inline int processorCount() {
   return n < 1 ? 1 : n;
 }
 
+// Narrows this process to share `share` of `shares` of its processors: every
+// shares-th one of them, from the share-th on. Nothing when it has fewer
+// processors than shares, or they cannot be read or set.
+inline void keepProcessorShare(int share, int shares) {
+  cpu_set_t all;
+  CPU_ZERO(&all);
+  if (share < 0 || shares < 2 || sched_getaffinity(0, sizeof(all), &all) != 0 || CPU_COUNT(&all) < shares) return;
+  cpu_set_t mine;
+  CPU_ZERO(&mine);
+  int index = 0;
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (!CPU_ISSET(cpu, &all)) continue;
+    if (index % shares == share) CPU_SET(cpu, &mine);
+    ++index;
+  }
+  sched_setaffinity(0, sizeof(mine), &mine);
+}
+
 }  // namespace mendaris_cli
