@@ -17,6 +17,7 @@
 #include "host/blocks.h"
 #include "host/plugin_main.h"
 #include "platform/platform.h"
+#include "run/band_render.h"
 #include "run/job_pool.h"
 #include "store/pixel_store.h"
 #include "tests/support/test_support.h"
@@ -127,18 +128,20 @@ TEST_F(JobPoolPlan, UnitCountsAndRectanglesOfEveryTiling) {
   }
 }
 
+// Through the render's own entry, which sets the worker count on the host's
+// thread for the processors of the moment, as the units then find it.
 TEST_F(JobPoolPlan, ThreadCountFollowsProcessorsUnitsAndMode) {
   pinToCpus(1);
   prepareStores(1000, 1000);
-  runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+  renderImage(0);
   EXPECT_EQ(currentThreadCount(), 1);
   pinToCpus(availableCpus());
   if (availableCpus() >= 2) {
-    runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+    renderImage(0);
     EXPECT_EQ(currentThreadCount(), std::min(availableCpus(), 64));
     // Fewer units than processors: one thread a unit.
     setRunRect(VRect{0, 0, 1, 1});
-    runJob(kJobRender, kTilingSquares, makeJobRequest(0));
+    renderImage(0);
     EXPECT_EQ(currentThreadCount(), 1);
   }
 }
