@@ -42,7 +42,8 @@ void* threadMain(void* raw) {
 #if defined(__linux__)
 // Has the thread of `attributes` start on processor number `processor` of
 // those the calling thread may use, and keeps those in `start` for the
-// thread to take back. Nothing when there is one, or they cannot be read.
+// thread to take back. Nothing when there is only one, or they cannot be
+// read.
 void placeFirstRun(pthread_attr_t* attributes, int32_t processor, ThreadStart* start) {
   start->placed = false;
   if (processor < 0 || sched_getaffinity(0, sizeof start->allowed, &start->allowed) != 0) return;
