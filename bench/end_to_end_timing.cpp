@@ -3,24 +3,30 @@
 // them (reading, the work between reading and the first written tile, the
 // render with its write-back).
 //
-//   end_to_end_timing SIZE DEPTH [RUNS]
+// The host lends its rows to be read, as the command-line tool's does; with
+// `copy` it copies every tile as Photoshop does.
+//
+//   end_to_end_timing SIZE DEPTH [RUNS] [copy]
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <string>
 #include <vector>
 
 #include "plugin_host/scenarios.h"
 
 int main(int argc, char** argv) {
   if (argc < 3) {
-    fprintf(stderr, "usage: end_to_end_timing SIZE DEPTH [RUNS]\n");
+    fprintf(stderr, "usage: end_to_end_timing SIZE DEPTH [RUNS] [copy]\n");
     return 2;
   }
   int size = atoi(argv[1]);
   int depth = atoi(argv[2]);
   int runs = argc > 3 ? atoi(argv[3]) : 1;
+  standin::HostOptions options;
+  options.lendInputRows = !(argc > 4 && std::string(argv[4]) == "copy");
   standin::Module module;
   if (!standin::loadModule(module, MENDARIS_MODULE_PATH)) {
     fprintf(stderr, "%s\n", module.error.c_str());
@@ -38,7 +44,7 @@ int main(int argc, char** argv) {
   std::string digest;
   for (int i = 0; i < runs; ++i) {
     standin::Document d = original;
-    standin::Host host(module, d);
+    standin::Host host(module, d, options);
     double start = host.secondsSinceStart();
     standin::RunOutcome outcome = host.run();
     double end = host.secondsSinceStart();

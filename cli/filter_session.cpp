@@ -105,7 +105,11 @@ bool openFilter(FilterSession& session, const std::string& path, std::string& pr
   }
   moduleEntry = session.module.pluginMain;
   session.module.pluginMain = interposedEntry;
-  session.host.reset(new standin::Host(session.module, session.document));
+  // The tool's host lends the document's rows to be read rather than copy
+  // them: the filter only reads them, and each read tile is a copy saved.
+  standin::HostOptions options;
+  options.lendInputRows = true;
+  session.host.reset(new standin::Host(session.module, session.document, options));
   drivingHost = session.host.get();
   return true;
 }

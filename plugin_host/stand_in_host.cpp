@@ -416,6 +416,7 @@ bool Host::deliver(Buffer& buffer, const Rect& asked, int32_t lo, int32_t hi, bo
   buffer.rect = rect;
   buffer.loPlane = lo;
   buffer.hiPlane = hi;
+  buffer.lent = nullptr;
   if (rect.empty() || d.width <= 0 || d.height <= 0 || (!maskPlane && hi < lo)) {
     buffer.bytes.clear();
     buffer.rowBytes = 0;
@@ -423,6 +424,15 @@ bool Host::deliver(Buffer& buffer, const Rect& asked, int32_t lo, int32_t hi, bo
   }
   int32_t sampleBytes = maskPlane ? 1 : d.sampleBytes();
   int32_t planes = maskPlane ? 1 : hi - lo + 1;
+  const bool inside = rect.left >= 0 && rect.top >= 0 && rect.right <= d.width && rect.bottom <= d.height;
+  if (options_.lendInputRows && !output && !maskPlane && rate == 1 && inside && lo == 0 &&
+      size_t(planes * sampleBytes) == d.pixelBytes()) {
+    buffer.bytes.clear();
+    buffer.lent = document_.at(rect.left, rect.top);
+    buffer.rowBytes = int32_t(size_t(d.width) * d.pixelBytes());
+    ++lentInputTiles_;
+    return true;
+  }
   int32_t tight = rect.width() * planes * sampleBytes;
   // Rows are longer than the pixels they carry, so that a wrong row step
   // shows; a strict host gives the output rows a step of their own.
@@ -535,9 +545,9 @@ OSErr Host::advanceState() {
     commitOutput();
     FilterRecord& r = *record_;
     r.inData = r.outData = r.maskData = nullptr;
-    in_.bytes.clear();
-    out_.bytes.clear();
-    mask_.bytes.clear();
+    in_.clear();
+    out_.clear();
+    mask_.clear();
     logCall("advanceState", answer);
     return answer;
   }
@@ -549,7 +559,7 @@ OSErr Host::advanceState() {
   if (haveMask)
     delivered = deliver(mask_, readRect(3), 0, 0, true) && delivered;
   else
-    mask_.bytes.clear();
+    mask_.clear();
   // What a host refuses it answers with an error and no buffers.
   if (!delivered) answer = paramErr;
   if (!options_.supportsPadding) {
@@ -560,11 +570,11 @@ OSErr Host::advanceState() {
   }
   outPending_ = !out_.bytes.empty();
   bool none = options_.nullBuffers || answer != noErr;
-  r.inData = none || in_.bytes.empty() ? nullptr : in_.bytes.data();
+  r.inData = none ? nullptr : in_.data();
   r.inRowBytes = in_.rowBytes;
-  r.outData = none || out_.bytes.empty() ? nullptr : out_.bytes.data();
+  r.outData = none ? nullptr : out_.data();
   r.outRowBytes = out_.rowBytes;
-  r.maskData = none || mask_.bytes.empty() ? nullptr : mask_.bytes.data();
+  r.maskData = none ? nullptr : mask_.data();
   r.maskRowBytes = mask_.rowBytes;
   if (none) outPending_ = false;
   logCall("advanceState", answer);

@@ -75,6 +75,11 @@ struct HostOptions {
   int32_t maxSpace = 100000000;
   bool zeroNewHandles = false;      // hosts may hand out unzeroed handles; we fill a pattern
   bool finishAfterError = false;    // call Finish even when Start failed
+  // Input rows that lie wholly inside the document, with all its planes at
+  // full rate, are lent rather than copied: inData points into the document
+  // and inRowBytes is its row step. The output and the mask are copied as
+  // ever. Off, the host copies as Photoshop does and pads every row.
+  bool lendInputRows = false;
 
   // Fault injection, counted from 1 over the whole life of the host; 0 means never.
   int failNewProcAt = 0;
@@ -153,6 +158,8 @@ class Host {
   const std::vector<std::string>& violations() const { return violations_; }
   const std::vector<std::string>& dialogs() const { return dialogs_; }
   int advanceCalls() const { return advanceCalls_; }
+  // Input tiles handed out as lent document rows (lendInputRows).
+  int lentInputTiles() const { return lentInputTiles_; }
   // Seconds since the host was made, at each advanceState: the phases of a run
   // as the host sees them.
   const std::vector<double>& advanceTimes() const { return advanceTimes_; }
@@ -178,6 +185,13 @@ class Host {
     int32_t hiPlane = -1;
     int32_t rowBytes = 0;
     std::vector<uint8_t> bytes;
+    // Lent document rows in place of bytes, or null.
+    uint8_t* lent = nullptr;
+    uint8_t* data() { return lent != nullptr ? lent : bytes.empty() ? nullptr : bytes.data(); }
+    void clear() {
+      bytes.clear();
+      lent = nullptr;
+    }
   };
   struct HandleRecord;
 
@@ -211,7 +225,7 @@ class Host {
   Buffer in_, out_, mask_;
   bool outPending_ = false;
   std::vector<HostCall> log_;
-  int newCalls_ = 0, lockCalls_ = 0, advanceCalls_ = 0, abortPolls_ = 0;
+  int newCalls_ = 0, lockCalls_ = 0, advanceCalls_ = 0, abortPolls_ = 0, lentInputTiles_ = 0;
   std::vector<std::pair<int32_t, int32_t>> progressLog_;
   std::vector<std::string> violations_;
   int unbalancedUnlocks_ = 0;
