@@ -69,6 +69,8 @@ int32_t halfPassBlocksLanesU16(uint8_t* row, const uint8_t* up, const uint8_t* d
 // weighted mean of its 2 x 2 block.
 void reduceRowLanesU8(const RowRef& row0, const RowRef& row1, const RowRef& out, int32_t width, int32_t maxX,
                       float toUnit, float toValue, uint32_t floorValue, uint32_t full);
+// The same for kind 9, the channels in the lanes.
+void reduceRowLanesFloat(const RowRef& row0, const RowRef& row1, const RowRef& out, int32_t width, int32_t maxX);
 // The way down for kinds 4 and 9 by row sums (as the row road takes it), the
 // four channels of each sum in the lanes.
 void expandIntoByRowSumsLanesU16(PixelStore* store, int32_t level, int32_t readLevel, float limit, int32_t firstRun,

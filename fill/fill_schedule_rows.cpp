@@ -207,6 +207,10 @@ void reduceColoursByRow(PixelStore* store, int32_t level, int32_t firstRow, int3
       reduceRowLanesU8(row0, row1, out, width, maxX, toUnit, toValue, floorValue, fullStoredAlpha(store));
       continue;
     }
+    if (kKind == kKindRgbaFloat && kLanes) {
+      reduceRowLanesFloat(row0, row1, out, width, maxX);
+      continue;
+    }
     for (int32_t ox = 0; ox < width; ++ox) {
       const uint8_t* quad[4];
       blockUnder<kBytes>(row0, row1, ox, maxX, quad);
@@ -441,7 +445,13 @@ void reduceShare(const StepShare& s) {
       }
       return;
     case kKindRgba16: reduceColoursByRow<kKindRgba16, false>(s.store, s.level, s.begin, s.end); return;
-    default: reduceColoursByRow<kKindRgbaFloat, false>(s.store, s.level, s.begin, s.end); return;
+    default:
+      if (s.lanes) {
+        reduceColoursByRow<kKindRgbaFloat, true>(s.store, s.level, s.begin, s.end);
+      } else {
+        reduceColoursByRow<kKindRgbaFloat, false>(s.store, s.level, s.begin, s.end);
+      }
+      return;
   }
 }
 

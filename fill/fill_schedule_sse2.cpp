@@ -1,5 +1,6 @@
 // The lane road of the fill: the row road's loops of kind 3, the half-passes
-// of kind 4, and the row sums of kinds 4 and 9 on the way down, in SSE2
+// of kind 4, the reduce of kind 9 and the row sums of kinds 4 and 9 on the
+// way down, in SSE2
 // lanes, each lane doing the plain loop's operations for its channel or pixel.
 #include "fill/fill_roads.h"
 #include "fill/fill_rows.h"
@@ -107,6 +108,12 @@ inline uint32_t broughtDownWord(__m128i totals, __m128 toUnit, __m128 limit, __m
   return (uint32_t(_mm_cvtsi128_si32(packed)) & 0xffffff00u) | (full & 0xffu);
 }
 
+// The colour lanes of c with lane 3 (alpha) taken from a.
+inline __m128 withAlphaLane(__m128 c, __m128 a) {
+  const __m128 alpha = _mm_castsi128_ps(_mm_setr_epi32(0, 0, 0, -1));
+  return _mm_or_ps(_mm_andnot_ps(alpha, c), _mm_and_ps(alpha, a));
+}
+
 // Kind 9's row sums, a lane a channel: each lane adds from the left (top),
 // each step in single precision, as RowSumOf<kKindRgbaFloat> does.
 struct RowSumLanesFloat {
@@ -123,9 +130,16 @@ struct RowSumLanesFloat {
     for (int32_t m = 1; m < 5; ++m) s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(rows[m]), _mm_set1_ps(w[m])));
     _mm_storeu_ps(out, s);
   }
-  static void bringDown(uint8_t* p, const float* const rows[5], const float w[5], float toUnit, float toValue,
+  // storeBroughtDown in the lanes: to unit range, then clampColour's two
+  // tests as max(0, c) and min(limit, c), which keep c where a test fails
+  // (a NaN, and -0 against 0), alpha 1.0.
+  static void bringDown(uint8_t* p, const float* const rows[5], const float w[5], float toUnit, float,
                         float limit) {
-    bringDownTotal<kKindRgbaFloat, RowSumLanesFloat>(p, rows, w, toUnit, toValue, limit);
+    __m128 s = _mm_mul_ps(_mm_loadu_ps(rows[0]), _mm_set1_ps(w[0]));
+    for (int32_t m = 1; m < 5; ++m) s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(rows[m]), _mm_set1_ps(w[m])));
+    __m128 c = _mm_mul_ps(s, _mm_set1_ps(toUnit));
+    c = _mm_min_ps(_mm_set1_ps(limit), _mm_max_ps(_mm_setzero_ps(), c));
+    _mm_storeu_ps(reinterpret_cast<float*>(p), withAlphaLane(c, _mm_set1_ps(1.0f)));
   }
 };
 
@@ -289,6 +303,29 @@ void reduceRowLanesU8(const RowRef& row0, const RowRef& row1, const RowRef& out,
   }
 }
 
+void reduceRowLanesFloat(const RowRef& row0, const RowRef& row1, const RowRef& out, int32_t width, int32_t maxX) {
+  constexpr int32_t kBytes = 16;
+  const __m128 one = _mm_set1_ps(1.0f);
+  for (int32_t ox = 0; ox < width; ++ox) {
+    const uint8_t* quad[4];
+    blockUnder<kBytes>(row0, row1, ox, maxX, quad);
+    // addWeighted in the lanes: the colour times alpha, and alpha itself as
+    // 1.0 times alpha, which is alpha exactly.
+    __m128 sum = _mm_setzero_ps();
+    for (const uint8_t* source : quad) {
+      float alpha = loadFloat(source + 12);
+      if (kCoverFloor > double(alpha)) alpha = 0.0f;
+      const __m128 colour = withAlphaLane(_mm_loadu_ps(reinterpret_cast<const float*>(source)), one);
+      sum = _mm_add_ps(sum, _mm_mul_ps(colour, _mm_set1_ps(alpha)));
+    }
+    // weightedMean: the sums over alpha, opaque; or the sums, alpha 0.
+    const float alpha = _mm_cvtss_f32(_mm_shuffle_ps(sum, sum, _MM_SHUFFLE(3, 3, 3, 3)));
+    const __m128 pixel = alpha > 0.0f ? withAlphaLane(_mm_div_ps(sum, _mm_set1_ps(alpha)), one)
+                                      : withAlphaLane(sum, _mm_setzero_ps());
+    _mm_storeu_ps(reinterpret_cast<float*>(pixelIn<kBytes>(out, ox)), pixel);
+  }
+}
+
 void columnSumsLanesU8(const uint8_t* const rows[5], const int32_t weights[5], int32_t count, int32_t* sums) {
   // Every weight fits 16 bits signed and every byte is below 256: pmaddwd
   // forms the pairs exactly, and the sums stay far inside 32 bits.
@@ -363,6 +400,7 @@ int32_t halfPassBlocksLanesU16(uint8_t*, const uint8_t*, const uint8_t*, int32_t
 }
 void reduceRowLanesU8(const RowRef&, const RowRef&, const RowRef&, int32_t, int32_t, float, float, uint32_t,
                       uint32_t) {}
+void reduceRowLanesFloat(const RowRef&, const RowRef&, const RowRef&, int32_t, int32_t) {}
 void columnSumsLanesU8(const uint8_t* const*, const int32_t*, int32_t, int32_t*) {}
 void bringDownRunLanesU8(uint8_t*, int32_t, uint32_t, uint32_t, const int32_t*, int32_t, const int32_t (*)[5],
                          const uint32_t (*)[3], float, float, float) {}

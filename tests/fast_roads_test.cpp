@@ -99,9 +99,12 @@ void paintLayers(PixelStore* a, PixelStore* b, uint32_t seed) {
         const uint32_t roll = nextRandom(&state) % 10u;
         if (kind == kKindRgbaFloat) {
           const float alpha = roll < 6 ? 0.0f : (roll < 8 ? 1.0f : float(nextRandom(&state) % 1001u) / 1000.0f);
-          const float c[4] = {float(int32_t(nextRandom(&state) % 4000u) - 500) / 1000.0f,
-                              float(nextRandom(&state) % 1000u) / 999.0f, float(nextRandom(&state) % 1000u) / 999.0f,
-                              alpha};
+          // Now and then a -0 red and a green past the colour limit, which
+          // the clamps must keep as the pixel road does.
+          const uint32_t odd = nextRandom(&state) % 16u;
+          const float c[4] = {odd == 0 ? -0.0f : float(int32_t(nextRandom(&state) % 4000u) - 500) / 1000.0f,
+                              odd == 1 ? 70000.0f : float(nextRandom(&state) % 1000u) / 999.0f,
+                              float(nextRandom(&state) % 1000u) / 999.0f, alpha};
           uint32_t w[4];
           memcpy(w, c, sizeof w);
           writeWord4(x, y, a, level, w);
@@ -146,6 +149,13 @@ TEST(FastRoads, FillRoadsLeaveThePixelRoadsBits) {
           reduceColoursOn(kFillRoadPixels, plain, level);
         }
         EXPECT_EQ(firstDifference(fast, plain), -1) << "up, kind " << kind << ", road " << road << ", " << size.w;
+        // The reduce alone, on levels whose faint alphas were never floored.
+        paintLayers(fast, plain, ++seed);
+        for (int32_t level = 0; level < fast->topLevel; ++level) {
+          reduceColoursOn(road, fast, level);
+          reduceColoursOn(kFillRoadPixels, plain, level);
+        }
+        EXPECT_EQ(firstDifference(fast, plain), -1) << "reduce, kind " << kind << ", road " << road << ", " << size.w;
         paintLayers(fast, plain, ++seed);
         for (int32_t level = fast->topLevel - 1; level >= 0; --level) {
           expandIntoOn(road, fast, level);
