@@ -1,7 +1,7 @@
 // The lane road of the fill: the row road's loops of kind 3, the half-passes
 // of kind 4, the reduce of kind 9 and the row sums of kinds 4 and 9 on the
-// way down, in SSE2
-// lanes, each lane doing the plain loop's operations for its channel or pixel.
+// way down, in SSE2 lanes, each lane doing the plain loop's operations for
+// its channel or pixel.
 #include "fill/fill_roads.h"
 #include "fill/fill_rows.h"
 
@@ -125,19 +125,20 @@ struct RowSumLanesFloat {
     }
     _mm_storeu_ps(out, s);
   }
-  static void total(const float* const rows[5], const float w[5], float out[4]) {
+  static __m128 totalLanes(const float* const rows[5], const float w[5]) {
     __m128 s = _mm_mul_ps(_mm_loadu_ps(rows[0]), _mm_set1_ps(w[0]));
     for (int32_t m = 1; m < 5; ++m) s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(rows[m]), _mm_set1_ps(w[m])));
-    _mm_storeu_ps(out, s);
+    return s;
+  }
+  static void total(const float* const rows[5], const float w[5], float out[4]) {
+    _mm_storeu_ps(out, totalLanes(rows, w));
   }
   // storeBroughtDown in the lanes: to unit range, then clampColour's two
   // tests as max(0, c) and min(limit, c), which keep c where a test fails
   // (a NaN, and -0 against 0), alpha 1.0.
   static void bringDown(uint8_t* p, const float* const rows[5], const float w[5], float toUnit, float,
                         float limit) {
-    __m128 s = _mm_mul_ps(_mm_loadu_ps(rows[0]), _mm_set1_ps(w[0]));
-    for (int32_t m = 1; m < 5; ++m) s = _mm_add_ps(s, _mm_mul_ps(_mm_loadu_ps(rows[m]), _mm_set1_ps(w[m])));
-    __m128 c = _mm_mul_ps(s, _mm_set1_ps(toUnit));
+    __m128 c = _mm_mul_ps(totalLanes(rows, w), _mm_set1_ps(toUnit));
     c = _mm_min_ps(_mm_set1_ps(limit), _mm_max_ps(_mm_setzero_ps(), c));
     _mm_storeu_ps(reinterpret_cast<float*>(p), withAlphaLane(c, _mm_set1_ps(1.0f)));
   }
@@ -169,9 +170,7 @@ struct RowSumLanesU16 {
   static void bringDown(uint8_t* p, const uint32_t* const rows[5], const uint32_t w[5], float toUnit, float toValue,
                         float limit) {
     __m128 c = _mm_mul_ps(totalLanes(rows, w), _mm_set1_ps(toUnit));
-    c = _mm_min_ps(_mm_max_ps(c, _mm_setzero_ps()), _mm_set1_ps(limit));
-    const __m128 alpha = _mm_castsi128_ps(_mm_setr_epi32(0, 0, 0, -1));
-    c = _mm_or_ps(_mm_andnot_ps(alpha, c), _mm_and_ps(alpha, _mm_set1_ps(1.0f)));
+    c = withAlphaLane(_mm_min_ps(_mm_max_ps(c, _mm_setzero_ps()), _mm_set1_ps(limit)), _mm_set1_ps(1.0f));
     const __m128i values = _mm_sub_epi32(_mm_cvttps_epi32(_mm_mul_ps(c, _mm_set1_ps(toValue))), _mm_set1_epi32(32768));
     const __m128i words = _mm_xor_si128(_mm_packs_epi32(values, values), _mm_set1_epi16(short(0x8000)));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(p), words);
